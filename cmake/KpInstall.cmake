@@ -1,0 +1,24 @@
+# Installation: library and headers, CMake package, pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(KP_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kp)
+
+install(TARGETS kp EXPORT kpTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(DIRECTORY include/kp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+  FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT kpTargets NAMESPACE kp:: DESTINATION ${KP_PACKAGE_DIR} COMPONENT development)
+configure_package_config_file(cmake/kpConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/kpConfig.cmake
+  INSTALL_DESTINATION ${KP_PACKAGE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/kpConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kpConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/kpConfigVersion.cmake
+  DESTINATION ${KP_PACKAGE_DIR} COMPONENT development)
+
+configure_file(cmake/kp.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kp.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kp.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

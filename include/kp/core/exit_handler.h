@@ -1,0 +1,19 @@
+// libkp: a hook that the log keeps for a host program.
+#pragma once
+
+#include "kp/export.h"
+
+/// What a host wants to be told when the process ends; KP_Log::init() keeps one.
+///
+/// The library records the handler and never calls it: a host's own shutdown code does. Objects of
+/// derived classes are not to be deleted through this class, which has no virtual destructor.
+class KP_API KP_ExitHandler {
+public:
+    KP_ExitHandler() = default;
+    /// There is nothing to copy.
+    KP_ExitHandler(const KP_ExitHandler&) = default;
+    KP_ExitHandler& operator=(const KP_ExitHandler&) { return *this; }
+
+    /// Called by the host with the @p message of the fault. The default does nothing.
+    virtual void handleExit(const char* message);
+};

@@ -1,0 +1,20 @@
+// libkp: all of its public classes.
+#pragma once
+
+#include "kp/config/config.h"
+#include "kp/config/config_admin.h"
+#include "kp/config/config_base.h"
+#include "kp/config/config_def.h"
+#include "kp/core/calc_hash.h"
+#include "kp/core/compare.h"
+#include "kp/core/exception.h"
+#include "kp/core/exit_handler.h"
+#include "kp/core/log.h"
+#include "kp/core/no_more_memory_exception.h"
+#include "kp/core/object.h"
+#include "kp/core/options.h"
+#include "kp/core/processor.h"
+#include "kp/core/reference_counter.h"
+#include "kp/export.h"
+#include "kp/tools/tools.h"
+#include "kp/wire/primitives.h"

@@ -1,0 +1,59 @@
+// libkp: the values of the front-end connection, as they travel over a connected socket.
+//
+// Everything is big-endian. Unsigned values travel in a field twice their own width, whose high
+// half is zero when sent and ignored when received:
+//
+//   type      bytes sent                     bytes received
+//   Boolean   2 (as UInt8, low 8 bits)       1 (0 to 255, kept as it is)
+//   UInt8     2: 00 v                        2: the second is the value
+//   SInt16    (there is no writer)           2
+//   UInt16    4: 00 00 v v                   4: the last two are the value
+//   SInt32    4                              4
+//   UInt32    8: 00 00 00 00 v v v v         8: the last four are the value
+//   SInt64    8                              8
+//   line      -                              bytes up to a line feed; a carriage return is one of
+//   them n chars   the bytes                      the bytes
+//
+// Readers of fixed-size values return 0, or -1 with a zero value: when the connection fails (with a
+// log line), when the peer closes before the value (without one), and when it closes within the
+// value (an incomplete value is no value). They never take a byte beyond the value.
+// Writers of fixed-size values return 0 when the socket took the whole value at once; otherwise -1,
+// with a log line. Nothing is retried; after -1 the caller gives the connection up.
+//
+// Sockets are blocking ones. A peer that has gone raises no signal.
+//
+// Threads: no state is kept; one thread at a time reads a socket, and one at a time writes it.
+#pragma once
+
+#include <cstdint>
+
+#include "kp/export.h"
+
+KP_API int readJ_Boolean(int socket, int* value);
+KP_API int readJ_UInt8(int socket, unsigned char* value);
+KP_API int readJ_SInt16(int socket, short* value);
+KP_API int readJ_UInt16(int socket, unsigned short* value);
+KP_API int readJ_SInt32(int socket, long* value);
+KP_API int readJ_UInt32(int socket, unsigned long* value);
+KP_API int readJ_SInt64(int socket, std::int64_t* value);
+
+KP_API int writeJ_Boolean(int socket, int value);
+KP_API int writeJ_UInt8(int socket, unsigned char value);
+KP_API int writeJ_UInt16(int socket, unsigned short value);
+KP_API int writeJ_SInt32(int socket, long value);
+KP_API int writeJ_UInt32(int socket, unsigned long value);
+KP_API int writeJ_SInt64(int socket, std::int64_t value);
+
+/// Reads a line into @p buffer of @p size bytes and terminates it; the line feed is not stored.
+/// Stops after size - 1 characters, and the next call goes on with the rest of the line. Returns
+/// the number of characters stored: 0 for an empty line, for a peer that has closed, and for a size
+/// below 2, which reads nothing. Returns -1 when receiving fails; the buffer is then undefined.
+KP_API int readJ_line(int socket, char* buffer, int size);
+
+/// Reads @p n raw bytes; returns how many came before the peer closed, or -1 when receiving fails.
+KP_API int readJ_n_chars(int socket, char* buffer, int n);
+
+/// Sends @p n raw bytes; returns n (0 for an n below 1), or -1 when sending fails.
+/// The failure is told in the log and, before and after that, on standard output. A socket that
+/// takes no byte a thousand times in a row has failed.
+KP_API int writeJ_n_chars(int socket, const char* buffer, int n);
