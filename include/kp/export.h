@@ -23,3 +23,9 @@
 #else
 #define KP_PRINTF(position, first)
 #endif
+
+/// KP_VECTOR(size) makes a type of bytes one of @p size bytes that are computed with all at once.
+/// It is undefined where the compiler has no such types.
+#if defined(__GNUC__)
+#define KP_VECTOR(size) __attribute__((vector_size(size)))
+#endif

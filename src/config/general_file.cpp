@@ -23,11 +23,13 @@ class LineFile {
 public:
     explicit LineFile(std::FILE* file) : file_(file) {}
 
-    // Reads the next line, at most max characters; a longer one goes on as the line after it.
+    // Reads the next line, at most max characters; a longer one goes on as the line after it. A
+    // last line without a line feed counts if its value is closed: half an address can be an
+    // address.
     void read(char* buffer, int max) {
         ++line_;
-        if (KP_Tools::getline(file_, buffer, max) == -1 && buffer[0] == '\0') {
-            KP_Log::quit("readGeneralConfigFile: file ends before line %d", line_);
+        if (KP_Tools::getline(file_, buffer, max) == -1 && std::strchr(buffer, '}') == nullptr) {
+            KP_Log::quit("readGeneralConfigFile: the file is cut off in line %d", line_);
         }
     }
 
@@ -86,6 +88,16 @@ char* nextPiece(char** rest) {
 template <std::size_t Size>
 void copyCut(char (&target)[Size], const char* text) {
     std::snprintf(target, Size, "%s", text);
+}
+
+// The same for a text that may mean something else when it is cut: the log tells.
+template <std::size_t Size>
+void copyCutLogged(char (&target)[Size], const char* text, const char* what) {
+    if (std::strlen(text) >= Size) {
+        KP_Log::ret("readGeneralConfigFile: the %s has more than %d characters and was cut", what,
+                    static_cast<int>(Size - 1));
+    }
+    copyCut(target, text);
 }
 
 // The value of a `label{value}` line, "" when there is none.
@@ -195,7 +207,9 @@ int KP_Config::readGeneralConfigFile(std::FILE* file) {
     lines.read(flag, kFlagLine);
     netStatsEnabled = std::strtol(flag, nullptr, 10) != 0 ? 1 : 0;
     lines.skip(2);
-    lines.read(filterProgram, sizeof filterProgram - 1);
+    char line[kLine + 1];
+    lines.read(line, kLine);
+    copyCutLogged(filterProgram, line, "filter");
     lines.skip(2);
     number = lines.requireNumber();
     lines.skip(1);
@@ -217,9 +231,8 @@ int KP_Config::readGeneralConfigFile(std::FILE* file) {
     }
 
     lines.skip(2);
-    char line[kLine + 1];
     lines.read(line, kLine);
-    copyCut(password, valueOf(line));
+    copyCutLogged(password, valueOf(line), "password");
     lines.read(line, kLine);
     applyNetAddress = numberOf(line);
     lines.read(line, kLine);

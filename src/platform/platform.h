@@ -4,6 +4,7 @@
 // may be called from any thread. Names of files and hosts are NUL-terminated bytes.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +16,20 @@
 #include <sys/time.h>  // struct timeval
 #endif
 
+// A function marked KP_TARGET_AVX2 may only run when hasAvx2() says so; without KP_WITH_AVX2 the
+// compiler or the processor family has no such thing.
+#if defined(__GNUC__) && defined(__x86_64__)
+#define KP_WITH_AVX2
+#define KP_TARGET_AVX2 __attribute__((target("avx2")))
+#endif
+
 namespace kp::platform {
+
+#if defined(KP_WITH_AVX2)
+inline bool hasAvx2() {
+    return __builtin_cpu_supports("avx2") != 0;
+}
+#endif
 
 // --- files and directories ---
 
@@ -26,8 +40,9 @@ std::FILE* openFile(const char* path, const char* mode);
 /// openFile() for configuration files: a file that it creates is its owner's alone, and a directory
 /// is refused with EISDIR.
 std::FILE* openConfigurationFile(const char* path, const char* mode);
-/// Writes the folder of the running program's file to @p folder; false when it is not known or has
-/// @p size characters or more. The separator before the file name is not part of it.
+/// Writes the folder of the running program's file to @p folder; false, with an empty folder, when
+/// it is not known or the file's path has @p size characters or more. The separator before the file
+/// name is not part of it.
 bool programFolder(char* folder, std::size_t size);
 /// The path of the configuration folder as seen from the program's folder, separators included.
 extern const char* const kConfigurationFolder;
@@ -38,6 +53,44 @@ extern const char* const kConfigurationFolder;
 bool localTime(std::time_t time, std::tm* local);
 /// Suspends the calling thread; 0 only yields the processor.
 void sleepSeconds(int seconds);
+
+// --- waiting and waking ---
+
+/// A moment on the clock that no change of the system time touches.
+struct Deadline {
+    std::int64_t seconds = 0;
+    std::int64_t nanoseconds = 0;
+};
+
+/// The moment @p milliseconds from now.
+Deadline deadlineIn(int milliseconds);
+/// Sleeps while @p word holds @p value, until a wake, a signal or the deadline (null: none).
+/// May return early for no reason; returns false only when the deadline has passed.
+bool waitWhileEqual(const std::atomic<std::uint32_t>& word, std::uint32_t value,
+                    const Deadline* deadline);
+/// Wakes one thread that sleeps on @p word; false when the system refuses. The word may be gone
+/// already, if the thread to be woken has seen its new value and destroyed it.
+bool wakeOne(const std::atomic<std::uint32_t>& word);
+void wakeAll(const std::atomic<std::uint32_t>& word);
+
+// --- threads ---
+
+/// Identifies a thread of startThread() to abandonWork().
+using ThreadId = std::uintptr_t;
+
+/// Starts a thread that runs entry(argument); false when the system refuses.
+bool startThread(void (*entry)(void*), void* argument);
+ThreadId currentThread();
+/// Runs work(argument), which abandonWork() may break off in the middle of anything while
+/// setAbandonable() allows it; returns whether it ran to its end. Nothing is unwound and no
+/// destructor runs in what was broken off.
+bool runWork(void (*work)(void*), void* argument);
+/// Says whether the calling thread's runWork() may be broken off from now on, and breaks it off at
+/// once if somebody asked for it meanwhile. Returns what was allowed before; a thread that is not
+/// in runWork() gets false and nothing happens.
+bool setAbandonable(bool allowed);
+/// Breaks off the runWork() of @p thread, which must exist; at once or when it is next allowed.
+void abandonWork(ThreadId thread);
 
 // --- addresses and names ---
 

@@ -1,14 +1,21 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sched.h>
+#include <setjmp.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/platform.h"
@@ -61,6 +68,7 @@ std::FILE* openConfigurationFile(const char* path, const char* mode) {
 bool programFolder(char* folder, std::size_t size) {
     const ssize_t length = ::readlink("/proc/self/exe", folder, size);
     if (length <= 0 || static_cast<std::size_t>(length) >= size) {
+        folder[0] = '\0';  // What was read has no terminator.
         return false;
     }
     folder[length] = '\0';
@@ -88,6 +96,144 @@ void sleepSeconds(int seconds) {
     timespec left = {seconds, 0};
     while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }
+}
+
+// --- waiting and waking ---
+
+Deadline deadlineIn(int milliseconds) {
+    timespec now = {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    Deadline deadline = {now.tv_sec + milliseconds / 1000,
+                         now.tv_nsec + milliseconds % 1000 * 1000000L};
+    if (deadline.nanoseconds >= 1000000000) {
+        deadline.seconds += 1;
+        deadline.nanoseconds -= 1000000000;
+    }
+    return deadline;
+}
+
+bool waitWhileEqual(const std::atomic<std::uint32_t>& word, std::uint32_t value,
+                    const Deadline* deadline) {
+    timespec until = {};
+    if (deadline != nullptr) {
+        until.tv_sec = deadline->seconds;
+        until.tv_nsec = deadline->nanoseconds;
+    }
+    // The variant with a bit set is the one that takes an absolute time of the monotonic clock.
+    const long result =
+        ::syscall(SYS_futex, &word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, value,
+                  deadline != nullptr ? &until : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
+    return result == 0 || errno != ETIMEDOUT;
+}
+
+bool wakeOne(const std::atomic<std::uint32_t>& word) {
+    return ::syscall(SYS_futex, &word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1) >= 0 || errno == EFAULT;
+}
+
+void wakeAll(const std::atomic<std::uint32_t>& word) {
+    ::syscall(SYS_futex, &word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, INT_MAX);
+}
+
+// --- threads ---
+
+namespace {
+
+// What a thread needs to break off its work from within a signal handler.
+struct Work {
+    sigjmp_buf leave;
+    volatile sig_atomic_t allowed = 0;
+    volatile sig_atomic_t wanted = 0;
+};
+
+thread_local Work* currentWork = nullptr;
+
+// A signal of its own, since every other one may belong to the host.
+int abandonSignal() {
+    return SIGRTMIN + 7;
+}
+
+void onAbandon(int) {
+    Work* work = currentWork;
+    if (work == nullptr) {
+        return;
+    }
+    work->wanted = 1;
+    if (work->allowed != 0) {
+        work->allowed = 0;
+        ::siglongjmp(work->leave, 1);
+    }
+}
+
+struct Start {
+    void (*entry)(void*);
+    void* argument;
+};
+
+void* runStart(void* memory) {
+    const Start start = *static_cast<Start*>(memory);
+    std::free(memory);
+    sigset_t abandon;
+    ::sigemptyset(&abandon);
+    ::sigaddset(&abandon, abandonSignal());
+    ::pthread_sigmask(SIG_UNBLOCK, &abandon, nullptr);
+    start.entry(start.argument);
+    return nullptr;
+}
+
+}  // namespace
+
+bool startThread(void (*entry)(void*), void* argument) {
+    auto* start = static_cast<Start*>(std::malloc(sizeof(Start)));
+    if (start == nullptr) {
+        return false;
+    }
+    *start = {entry, argument};
+    pthread_t thread = {};
+    if (::pthread_create(&thread, nullptr, runStart, start) != 0) {
+        std::free(start);
+        return false;
+    }
+    ::pthread_detach(thread);
+    return true;
+}
+
+ThreadId currentThread() {
+    return static_cast<ThreadId>(::pthread_self());
+}
+
+bool runWork(void (*work)(void*), void* argument) {
+    Work frame;
+    if (sigsetjmp(frame.leave, 1) != 0) {
+        currentWork = nullptr;
+        return false;
+    }
+    currentWork = &frame;
+    work(argument);
+    currentWork = nullptr;
+    return true;
+}
+
+bool setAbandonable(bool allowed) {
+    Work* work = currentWork;
+    if (work == nullptr) {
+        return false;
+    }
+    const bool before = work->allowed != 0;
+    work->allowed = allowed ? 1 : 0;
+    if (allowed && work->wanted != 0) {
+        work->allowed = 0;
+        ::siglongjmp(work->leave, 1);
+    }
+    return before;
+}
+
+void abandonWork(ThreadId thread) {
+    // Installed when first needed: a host that stops nothing by force keeps its signals untouched.
+    struct sigaction action = {};
+    action.sa_handler = onAbandon;
+    ::sigfillset(&action.sa_mask);
+    ::sigaction(abandonSignal(), &action, nullptr);
+    ::pthread_kill(static_cast<pthread_t>(thread), abandonSignal());
 }
 
 // --- addresses and names ---

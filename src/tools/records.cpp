@@ -1,8 +1,8 @@
 // Binary string records, opening files, and the search for a byte pattern.
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
+#include "core/byte_search.h"
 #include "kp/core/log.h"
 #include "kp/tools/tools.h"
 #include "platform/platform.h"
@@ -83,8 +83,8 @@ int KP_Tools::findPattern(const char* pattern, int patternLength, const char* bu
         start < 0 || start >= bufferLength || patternLength > bufferLength - start) {
         return -1;
     }
-    const std::string_view text(buffer, static_cast<std::size_t>(bufferLength));
-    const std::string_view wanted(pattern, static_cast<std::size_t>(patternLength));
-    const std::size_t found = text.find(wanted, static_cast<std::size_t>(start));
-    return found == std::string_view::npos ? -1 : static_cast<int>(found);
+    const char* found =
+        kp::detail::findBytes(buffer + start, static_cast<std::size_t>(bufferLength - start),
+                              pattern, static_cast<std::size_t>(patternLength));
+    return found != nullptr ? static_cast<int>(found - buffer) : -1;
 }

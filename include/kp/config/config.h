@@ -24,7 +24,8 @@
 ///                                                       27+n  maskAddress{k masks}
 ///
 /// Faults: whatever is wrong with a file ends the process with status 1 and a message in the log,
-/// a file that ends too early and a number that is missing included.
+/// a file that ends too early and a missing number included. Texts that are too long for their
+/// field are cut, a filter and a password with a log line.
 ///
 /// Threads: no lock is taken. Load it before the engine's threads start; then they only query it.
 /// A host that changes it while they run guards it itself.

@@ -1,0 +1,60 @@
+// libkp: an auto-reset event that fires only for threads that are waiting.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "kp/core/object.h"
+
+class KP_Mutex;
+
+/// Wakes one waiting thread per signal, and forgets a signal that nobody waits for.
+///
+/// A thread waits from the moment at which wait() has counted it, asleep or not: a signal after
+/// that releases it. As many signals as there are waiting threads are kept, each for one of them.
+///
+/// Threads: every operation may be called from any thread at any time.
+/// Order: what a thread wrote before signal() is visible to the thread that it releases.
+/// Lifetime: nobody may be inside wait() when the event is destroyed.
+class KP_API KP_Event : public virtual KP_Object {
+public:
+    KP_Event() = default;
+    /// A copy is an event of its own that nobody waits for.
+    KP_Event(const KP_Event& other) : KP_Object(other) {}
+    /// Leaves the target's waiting threads alone.
+    KP_Event& operator=(const KP_Event&) { return *this; }
+    ~KP_Event() override;
+
+    /// Waits until a signal releases this thread, or @p milliseconds have passed (0: no limit).
+    /// The mutex is neither released nor taken; callers let go of their own locks first.
+    /// Returns 0 when signalled, -1 on timeout. Changing the system clock does not change the wait.
+    virtual int wait(KP_Mutex* mutex, int milliseconds);
+    /// The number of threads inside wait().
+    virtual int numWaiting();
+    /// Releases one waiting thread, if there is one; returns 0.
+    /// If the system refuses to wake it, "setEvent -1" goes to standard error and the process ends
+    /// with status 1, since a thread would sleep for ever.
+    virtual int signal();
+
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    static unsigned long getClassID() { return 0x2BE2BF7B; }
+    /// A new event, or null when memory runs out.
+    static KP_Event* create();
+
+private:
+    friend class KP_ReaderWriterMutex;
+    friend class KP_Thread;
+
+    // wait() in two steps, for classes that test a condition between being counted and sleeping,
+    // so that a signal that comes in between is not lost. A thread that was counted must wait, or
+    // take itself out again.
+    void announce();
+    int waitAnnounced(int milliseconds);
+    void withdraw();
+
+    bool take(std::uint32_t* state);
+
+    // Low half: signals given and not yet taken; high half: waiting threads, at least as many.
+    std::atomic<std::uint32_t> state_{0};
+};

@@ -1,0 +1,20 @@
+// libkp: the interface of everything that is started, stopped and waited for.
+#pragma once
+
+#include "kp/core/object.h"
+
+class KP_Mutex;
+
+/// Something that runs: a thread, a list of threads, a pool. The defaults do nothing and return 0.
+class KP_API KP_Runnable : public virtual KP_Object {
+public:
+    virtual int start();
+    virtual int stop();
+    /// Waits until it has ended. @p mutex is passed on to KP_Event::wait(); the int is not used.
+    virtual int join(KP_Mutex* mutex, int milliseconds);
+    virtual int isRunning();
+
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    static unsigned long getClassID() { return 0x2BE2BFA3; }
+};

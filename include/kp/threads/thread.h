@@ -1,0 +1,113 @@
+// libkp: a worker thread that repeats one unit of work until it is told to stop.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "kp/core/reference_counter.h"
+#include "kp/threads/event.h"
+#include "kp/threads/mutex.h"
+#include "kp/threads/runnable.h"
+
+/// Repeats an iteration: sleep if an interval is set, do the work, yield.
+///
+/// The work is a function with a pointer, or an overridden doTask(). The loop looks at the continue
+/// flag between iterations, so a stop ends it after the current one; the sleep comes before the
+/// work, so a stop that cuts a sleep short is followed by one more doTask().
+///
+/// A function that throws, and a doTask() that returns non-zero, has had an error: the debug log
+/// says so and the loop goes on.
+///
+/// Hard stop: with setHardStop(1), stop() and join() end a loop by force if its work does not
+/// return, whether it computes or blocks in the system. The work is left where it is: no destructor
+/// runs, locks stay locked and memory stays taken, so it is a last resort. Only the work itself is
+/// broken off, never the thread's own sleeping and waiting. The process lives on, and the object
+/// can be started again or released. It uses the real-time signal SIGRTMIN + 7, whose handler is
+/// installed when a thread is first stopped by force.
+///
+/// Lifetime: objects are reference-counted. A running loop holds a reference, so the owner may
+/// release the object at any time after start(); it is destroyed when the loop has ended. A thread
+/// that is destroyed otherwise (as a variable or a member) stops its loop and waits for its end; a
+/// derived class that overrides doTask() calls stop() and join() in its own destructor.
+///
+/// Threads: every operation may be called from any thread; the setters take effect with the next
+/// iteration.
+class KP_API KP_Thread : public virtual KP_Runnable,
+                         public virtual KP_ReferenceCounter,
+                         public virtual KP_Mutex {
+public:
+    /// A thread that is not started. @p function may be null, and gets @p arg.
+    explicit KP_Thread(void (*function)(void*) = nullptr, void* arg = nullptr);
+    /// A copy has the settings of its source, is not running, and has one reference.
+    KP_Thread(const KP_Thread& other);
+    /// Takes over the settings; a loop that runs goes on with them.
+    KP_Thread& operator=(const KP_Thread& other);
+    ~KP_Thread() override;
+
+    /// The loop; returns 0 when it has ended. start() has it called on the new thread.
+    virtual int run();
+    /// One iteration's work: calls the function, if there is one, and returns 0.
+    virtual int doTask();
+    /// Stores those of the two that are not null, and starts.
+    virtual int start(void (*function)(void*), void* arg);
+    /// Signals the thread's event: ends a sleep, or wakes one joiner. Returns 0.
+    virtual int joinSignal();
+    virtual int setFunction(void (*function)(void*));
+    virtual int setArg(void* arg);
+    /// A second pointer, kept for the host.
+    virtual int setArg2(void* arg2);
+    virtual void* getArg2();
+    /// Seconds to sleep before each iteration; 0: none.
+    virtual int setSleepInterval(int seconds);
+    /// Non-zero: stop() and join() may end the loop by force.
+    virtual int setHardStop(int on);
+    /// Non-zero: go on; 0: end after the current iteration.
+    virtual int setContinue(int on);
+
+    /// Starts the loop on a new thread; a loop that runs already is left alone.
+    /// Returns 0, or -1 when the system refuses a thread.
+    int start() override;
+    /// Tells the loop to end, and ends its sleep; does not wait for it. With hard stop, ends it by
+    /// force and waits until its work has been left (10 seconds at most). Returns 0.
+    int stop() override;
+    /// Waits until the loop has ended; wakes it if it sleeps. With hard stop, ends it by force
+    /// after a second. Returns 0; -1 when the last second of waiting passed without a signal, or
+    /// when the thread would wait for itself.
+    int join(KP_Mutex* mutex, int milliseconds) override;
+    /// The continue flag: whether the thread is meant to run, not whether it does.
+    int isRunning() override;
+
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    static unsigned long getClassID() { return 0x2BE2BFA4; }
+    /// What a new thread runs: calls run() of the KP_Thread that @p thread points to.
+    static void asyncCallback(void* thread);
+
+protected:
+    /// Sleeps for so many seconds, or until a signal; returns at once when the thread is to end.
+    virtual int sleep(int seconds);
+
+private:
+    struct Loop;
+
+    static void enter(void* loop);
+    int work();
+    void leaveLoop();
+    void endByForce();
+    bool isOwnLoop();
+    Loop* currentLoop();
+
+    std::atomic<void (*)(void*)> function_;
+    std::atomic<void*> arg_;
+    std::atomic<void*> arg2_{nullptr};
+    std::int32_t iterationLimit_ = 0;
+    std::int32_t iterationCount_ = 0;
+    std::atomic<std::int32_t> sleepInterval_{0};
+    std::atomic<std::int32_t> continue_{1};
+    std::atomic<std::int32_t> hardStop_{0};
+    std::atomic<std::int32_t> sleeping_{0};
+    std::atomic<bool> handle_{false};  // Whether a loop of start() runs and was not ended by force.
+    std::atomic<Loop*> loop_{nullptr};
+    kp::detail::RecursiveLock loopLock_;  // Guards loop_ while somebody takes a share of it.
+    KP_Event event_;
+};

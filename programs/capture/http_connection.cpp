@@ -1,0 +1,140 @@
+#include "http_connection.h"
+
+#include <string>
+#include <utility>
+
+#include "http_fields.h"
+
+namespace kp::capture {
+
+namespace {
+
+std::size_t textSize(const Transaction& transaction) {
+    return transaction.method.size() + transaction.host.size() + transaction.target.size() +
+           transaction.referer.size();
+}
+
+std::string_view withoutParameters(std::string_view contentType) {
+    return trim(contentType.substr(0, contentType.find(';')));
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(Endpoint first, Endpoint second, bool fromStart,
+                               TransactionSink& sink)
+    : sink_(sink),
+      firstEnd_(first),
+      secondEnd_(second),
+      first_(*this, fromStart),
+      second_(*this, fromStart) {}
+
+bool HttpConnection::data(Side side, std::string_view bytes, Timestamp time) {
+    reading_ = side;
+    parser(side).data(bytes, time);
+    return !(first_.stopped() && second_.stopped());
+}
+
+void HttpConnection::ended(Side side) {
+    parser(side).finish();
+}
+
+void HttpConnection::closed() {
+    first_.finish();
+    second_.finish();
+    if (!waiting_)
+        return;
+    for (const Transaction& transaction : *waiting_)
+        sink_.transaction(transaction);
+    waiting_.reset();
+}
+
+void HttpConnection::kindFound(MessageKind kind) {
+    const bool isClient = kind == MessageKind::kRequest;
+    client_ = isClient ? reading_ : otherSide(reading_);
+    parser(otherSide(reading_)).expect(isClient ? MessageKind::kResponse : MessageKind::kRequest);
+}
+
+void HttpConnection::notHttp() {
+    leaveHttp();
+}
+
+void HttpConnection::leaveHttp() {
+    first_.stop();
+    second_.stop();
+}
+
+BodyRule HttpConnection::head(MessageHead& head) {
+    if (head.kind == MessageKind::kResponse)
+        return answer(head);
+    request(head);
+    return BodyRule::kAsHeadersSay;
+}
+
+void HttpConnection::request(MessageHead& head) {
+    Transaction transaction;
+    transaction.time = head.time;
+    transaction.client = client_ == Side::kFirst ? firstEnd_ : secondEnd_;
+    transaction.server = client_ == Side::kFirst ? secondEnd_ : firstEnd_;
+    transaction.method = std::move(head.method);
+    transaction.host = std::move(head.host);
+    transaction.target = std::move(head.target);
+    transaction.referer = std::move(head.referer);
+
+    if (!waiting_)
+        waiting_ = std::make_unique<Waiting>();
+    waitingText_ += textSize(transaction);
+    waiting_->push_back(std::move(transaction));
+    while (waiting_->size() > kMostWaiting || waitingText_ > kMostWaitingText)
+        giveUpOldest();
+}
+
+void HttpConnection::giveUpOldest() {
+    // One whose answer is being read is about to leave by itself.
+    const auto oldest = waiting_->begin() + (answering_ ? 1 : 0);
+    waitingText_ -= textSize(*oldest);
+    sink_.transaction(*oldest);
+    waiting_->erase(oldest);
+    ++givenUp_;
+}
+
+BodyRule HttpConnection::answer(MessageHead& head) {
+    const bool isSwitch = head.status == 101;
+    if (head.status < 200 && !isSwitch)
+        return BodyRule::kNone;
+
+    bool isHead = false;
+    bool isTunnel = isSwitch;
+    if (givenUp_ > 0) {
+        --givenUp_;
+    } else if (waiting_ && !waiting_->empty()) {
+        Transaction& transaction = waiting_->front();
+        answering_ = true;
+        transaction.status = head.status;
+        transaction.contentType = withoutParameters(head.contentType);
+        isHead = transaction.method == "HEAD";
+        if (transaction.method == "CONNECT" && head.status < 300)
+            isTunnel = true;
+    }
+    if (isTunnel) {
+        end(MessageKind::kResponse, 0);
+        if (waiting_)
+            waiting_->clear();
+        leaveHttp();
+        return BodyRule::kStop;
+    }
+    const bool isEmpty = isHead || head.status == 204 || head.status == 304;
+    return isEmpty ? BodyRule::kNone : BodyRule::kAsHeadersSay;
+}
+
+void HttpConnection::end(MessageKind kind, std::uint64_t bodyBytes) {
+    if (kind == MessageKind::kRequest || !answering_)
+        return;
+    answering_ = false;
+    Transaction& transaction = waiting_->front();
+    transaction.bodyBytes = bodyBytes;
+    waitingText_ -= textSize(transaction);
+    sink_.transaction(transaction);
+    waiting_->pop_front();
+}
+
+}  // namespace kp::capture

@@ -1,0 +1,71 @@
+// kp-capture: the HTTP/1.x side of one connection, requests paired with their answers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string_view>
+
+#include "connection_sink.h"
+#include "http_parser.h"
+#include "transaction.h"
+
+namespace kp::capture {
+
+/// Reads both directions of a connection and hands out its transactions.
+///
+/// Which end is the client is found by the bytes: the one that sends a request line, or the one
+/// that does not send a status line, whichever comes first. A connection that begins otherwise is
+/// not HTTP and is left alone.
+/// Pairing: answers belong to the requests in their order. Interim answers (1xx) are stepped over;
+/// an answer that no request waits for makes no transaction. After the answer 101, and after a 2xx
+/// to CONNECT, the connection is not read any more, and what looked like requests behind it was
+/// not.
+/// A request counts from the end of its header block on, an answer too. Requests without an answer
+/// are handed out when the connection closes, or earlier when more than kMostWaiting requests
+/// wait, or their texts exceed kMostWaitingText bytes: the oldest go first, and their answers are
+/// stepped over.
+class HttpConnection : public ConnectionSink, private MessageHandler {
+public:
+    static constexpr std::size_t kMostWaiting = 1024;
+    static constexpr std::size_t kMostWaitingText = 1048576;
+
+    /// @p sink must outlive the connection. @p fromStart: the first bytes of both directions will
+    /// be seen.
+    HttpConnection(Endpoint first, Endpoint second, bool fromStart, TransactionSink& sink);
+
+    bool data(Side side, std::string_view bytes, Timestamp time) override;
+    void ended(Side side) override;
+    void closed() override;
+
+private:
+    /// Requests in the order sent. Made when the first one comes: most connections of a network
+    /// carry no HTTP that can be read.
+    using Waiting = std::deque<Transaction>;
+
+    void kindFound(MessageKind kind) override;
+    void notHttp() override;
+    BodyRule head(MessageHead& head) override;
+    void end(MessageKind kind, std::uint64_t bodyBytes) override;
+
+    HttpParser& parser(Side side) { return side == Side::kFirst ? first_ : second_; }
+    void request(MessageHead& head);
+    BodyRule answer(MessageHead& head);
+    void giveUpOldest();
+    void leaveHttp();
+
+    TransactionSink& sink_;
+    Endpoint firstEnd_;
+    Endpoint secondEnd_;
+    HttpParser first_;
+    HttpParser second_;
+    Side reading_ = Side::kFirst;  // whose bytes are being read
+    Side client_ = Side::kFirst;   // valid once a kind was found
+    bool answering_ = false;       // the front of waiting_ is getting its answer
+    std::unique_ptr<Waiting> waiting_;
+    std::size_t waitingText_ = 0;  // bytes of all texts in waiting_
+    std::uint64_t givenUp_ = 0;    // requests handed out early, whose answers may still come
+};
+
+}  // namespace kp::capture

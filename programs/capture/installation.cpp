@@ -1,0 +1,129 @@
+#include "installation.h"
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+#include "kp/core/log.h"
+#include "kp/tools/tools.h"
+
+namespace kp::capture {
+
+namespace {
+
+enum class Stage { kDirectory, kLog, kConfiguration, kOver };
+
+// Where start-up is, for the report of an exit in its middle. Global, because exit handlers get no
+// argument.
+struct StartUp {
+    Stage stage = Stage::kDirectory;
+    std::string logPath;
+    std::streamoff logBefore = 0;  // size of the log when this run began to write
+};
+
+StartUp& startUp() {
+    static StartUp state;
+    return state;
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// A line of the log without the time in front of it.
+std::string withoutTime(const std::string& line) {
+    constexpr std::size_t kTimeSize = 15;  // 2000Mar07-14:05
+    const bool hasTime = line.size() > kTimeSize + 3 && line.compare(kTimeSize, 3, " - ") == 0;
+    return hasTime ? line.substr(kTimeSize + 3) : line;
+}
+
+// What this run wrote to the log, in one line.
+std::string writtenToLog() {
+    std::ifstream log(startUp().logPath);
+    log.seekg(startUp().logBefore);
+    std::string text;
+    std::string line;
+    while (std::getline(log, line)) {
+        line = withoutTime(line);
+        const std::size_t first = line.find_first_not_of(" \t");
+        if (first == std::string::npos)
+            continue;
+        if (!text.empty())
+            text += ' ';
+        text += line.substr(first);
+    }
+    return text;
+}
+
+void reportExit() {
+    const StartUp& state = startUp();
+    std::string reason;
+    switch (state.stage) {
+        case Stage::kOver:  // started, or the reason was told otherwise
+            return;
+        case Stage::kDirectory:
+            reason = "no installation directory; give --dir DIR or set KP_INSTALLDIR";
+            break;
+        case Stage::kLog:
+            reason = "cannot open the log " + state.logPath;
+            break;
+        case Stage::kConfiguration:
+            reason = writtenToLog() + " (log: " + state.logPath + ")";
+            break;
+    }
+    std::fprintf(stderr, "kp-capture: could not start: %s\n", reason.c_str());
+}
+
+void checkDirectory(const std::string& directory) {
+    constexpr std::size_t kLongest = 255;  // what the library can keep
+    if (directory.size() > kLongest) {
+        throw InstallationError(directory + ": the path of an installation has at most " +
+                                std::to_string(kLongest) + " characters");
+    }
+    if (!isDirectory(directory))
+        throw InstallationError(directory + ": no such directory");
+    for (const char* part : {"/logs", "/admin"}) {
+        if (!isDirectory(directory + part)) {
+            throw InstallationError(directory + " is no installation, it has no directory \"" +
+                                    (part + 1) + "\"; kp-configure makes one");
+        }
+    }
+}
+
+}  // namespace
+
+void startInstallation(const std::string& directory, const std::string& name,
+                       KP_ConfigAdmin& config) {
+    StartUp& state = startUp();
+    if (!directory.empty()) {
+        checkDirectory(directory);
+        if (setenv("KP_INSTALLDIR", directory.c_str(), 1) != 0) {
+            throw InstallationError("cannot set KP_INSTALLDIR");
+        }
+    }
+    std::atexit(reportExit);
+    const std::string found = KP_Tools::getInstallDir();
+    state.stage = Stage::kOver;
+    checkDirectory(found);
+
+    state.stage = Stage::kLog;
+    state.logPath = found + "/logs/" + name + ".log";
+    struct stat status {};
+    if (stat(state.logPath.c_str(), &status) == 0)
+        state.logBefore = status.st_size;
+    KP_Log::init(name.c_str(), 0, nullptr);
+
+    state.stage = Stage::kConfiguration;
+    const bool isNamed = config.setName(name.c_str()) == 0;
+    if (isNamed)
+        config.init();
+    state.stage = Stage::kOver;
+    if (!isNamed)
+        throw InstallationError(name + ": the library does not take this name");
+}
+
+}  // namespace kp::capture

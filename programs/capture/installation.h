@@ -1,0 +1,26 @@
+// kp-capture: starting from an installation directory, with every failure told to the user.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "kp/config/config_admin.h"
+
+namespace kp::capture {
+
+/// Something that the library would end the process for without a word; what() is for the user.
+class InstallationError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Opens the log and loads the configuration of the installation.
+///
+/// @p directory is exported as KP_INSTALLDIR; when it is empty the library finds the directory by
+/// itself. The library ends the process with status 1 when the installation is not in order and
+/// tells why in the log only; here the reason is written to standard error as well.
+/// Throws InstallationError. Called once, before there are other threads.
+void startInstallation(const std::string& directory, const std::string& name,
+                       KP_ConfigAdmin& config);
+
+}  // namespace kp::capture

@@ -1,0 +1,79 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+namespace kp::capture {
+
+namespace {
+
+constexpr const char* kDescription =
+    "Watches web traffic: recognises HTTP/1.x on any TCP port, pairs requests with their answers\n"
+    "and judges them as the installation says. Ends with a summary on standard error.";
+
+constexpr const char* kFooter = R"(
+The configured packet filter holds for devices and files alike.
+
+Columns of --print, separated by tabs, a line for each request when its answer has ended:
+   1  time of the request, seconds.microseconds     9  status, or -
+   2  client address       3  client port          10  content type without parameters, or -
+   4  server address       5  server port          11  bytes seen of the answer's body
+   6  method                                       12  client or server inside the ranges, 1 or 0
+   7  Host, or -                                   13  content, by its type, 1 or 0
+   8  target as sent                               14  valid page, by its status, 1 or 0
+                                                   15  entry point, 1 or 0
+An entry point is content that was not reached from a page of the same site: there is no Referer,
+or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are no
+printable ASCII are written as \xHH.
+
+Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line.)";
+
+std::string checkName(const std::string& name) {
+    if (name.empty() || name.size() > 100 || name.find('/') != std::string::npos) {
+        return "a name has 1 to 100 characters and no slash";
+    }
+    return {};
+}
+
+std::string checkNotEmpty(const std::string& text) {
+    return text.empty() ? "must not be empty" : std::string();
+}
+
+}  // namespace
+
+std::optional<int> readOptions(int argc, char** argv, Options& options) {
+    CLI::App app(kDescription, "kp-capture");
+    app.footer(kFooter);
+    app.set_version_flag("--version", "kp-capture " KP_VERSION);
+    app.add_option("--dir", options.directory, "Directory of the installation")
+        ->envname("KP_INSTALLDIR")
+        ->type_name("DIR");
+    app.add_option("--name", options.name, "Name of the installation's files")
+        ->check(checkName)
+        ->capture_default_str()
+        ->type_name("NAME");
+    CLI::Option* replay =
+        app.add_option(
+               "--replay", options.replay,
+               "Read a capture file (pcap, pcapng; - is standard input) instead of a device")
+            ->check(checkNotEmpty)
+            ->type_name("FILE");
+    app.add_option("--device", options.device, "Watch this device instead of the configured one")
+        ->check(checkNotEmpty)
+        ->excludes(replay)
+        ->type_name("DEV");
+    app.add_flag("--print", options.print, "Print a line for each transaction inside the ranges");
+    app.add_flag("--all", options.all, "Print those outside the ranges as well");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        return app.exit(success);  // prints the help or the version
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "kp-capture: " << error.what() << "\nkp-capture --help tells the options.\n";
+        return 2;
+    }
+    return {};
+}
+
+}  // namespace kp::capture

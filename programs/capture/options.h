@@ -1,0 +1,22 @@
+// kp-capture: the command line.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace kp::capture {
+
+struct Options {
+    std::string directory;  ///< the installation; empty: where the library finds it
+    std::string name = "kp-capture";
+    std::string replay;  ///< file to read, "-" for standard input; empty: none
+    std::string device;  ///< empty: the configured one
+    bool print = false;
+    bool all = false;
+};
+
+/// Reads the command line into @p options. Returns the exit status when the program has nothing
+/// more to do: 0 after --help and --version, 2 after a mistake, which was told on standard error.
+std::optional<int> readOptions(int argc, char** argv, Options& options);
+
+}  // namespace kp::capture

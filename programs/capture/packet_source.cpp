@@ -1,0 +1,223 @@
+#include "packet_source.h"
+
+#include <pcap/pcap.h>
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "link_layer.h"
+
+namespace kp::capture {
+
+struct PacketSource::Handle {
+    Handle() = default;
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    ~Handle() {
+        if (hasProgram)
+            pcap_freecode(&program);
+        if (pcap != nullptr)
+            pcap_close(pcap);
+    }
+
+    pcap_t* pcap = nullptr;
+    bpf_program program{};
+    bool hasProgram = false;
+    bool live = false;
+    int descriptor = -1;  // of a device, to wait for
+    int linkType = 0;
+    std::uint64_t filteredOut = 0;
+    std::uint64_t fileSize = 0;  // 0: not known
+    std::string name;
+    std::string warning;
+    std::string fault;
+};
+
+namespace {
+
+constexpr int kSnapLength = 262144;
+constexpr int kBlockMilliseconds = 100;  // how long the system collects before it hands over
+constexpr int kWaitMilliseconds = 100;   // how long next() waits for a device
+constexpr int kDeviceBuffer = 16 * 1024 * 1024;
+
+std::string errorText(pcap_t* pcap, int status) {
+    const std::string detail = pcap_geterr(pcap);
+    const std::string general = pcap_statustostr(status);
+    if (status == PCAP_ERROR || detail.empty())
+        return detail.empty() ? general : detail;
+    return detail == general ? general : general + " (" + detail + ")";
+}
+
+// Refuses links that nobody can decode, and makes the program of the filter.
+void prepare(pcap_t* pcap, const std::string& name, const std::string& filter, bpf_program& program,
+             bool& hasProgram) {
+    const int linkType = pcap_datalink(pcap);
+    if (!isKnownLink(linkType)) {
+        const char* text = pcap_datalink_val_to_name(linkType);
+        throw PacketSourceError(name + ": links of type " +
+                                (text != nullptr ? text : std::to_string(linkType)) +
+                                " are not supported");
+    }
+    if (filter.empty())
+        return;
+    if (pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
+        throw PacketSourceError("the configured filter \"" + filter +
+                                "\" is refused: " + pcap_geterr(pcap));
+    }
+    hasProgram = true;
+}
+
+// A damaged record can carry any number; ours stay within what others can compute with.
+Timestamp timestamp(const timeval& time) {
+    constexpr std::int64_t kLatest = 253402300799;  // the end of the year 9999
+    const std::int64_t micros = std::max<std::int64_t>(time.tv_usec, 0);
+    const std::int64_t seconds = std::clamp<std::int64_t>(time.tv_sec, 0, kLatest);
+    return {seconds + micros / 1000000, static_cast<std::uint32_t>(micros % 1000000)};
+}
+
+}  // namespace
+
+PacketSource::PacketSource(std::unique_ptr<Handle> handle) : handle_(std::move(handle)) {}
+
+PacketSource::~PacketSource() = default;
+
+std::unique_ptr<PacketSource> PacketSource::openFile(const std::string& path,
+                                                     const std::string& filter) {
+    const std::string name = path == "-" ? "standard input" : path;
+    char error[PCAP_ERRBUF_SIZE] = "";
+    auto handle = std::make_unique<Handle>();
+    handle->name = name;
+    struct stat status {};
+    if (path != "-" && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        throw PacketSourceError(path + ": is a directory, not a capture");
+    }
+    handle->pcap = pcap_open_offline(path.c_str(), error);
+    if (handle->pcap == nullptr) {
+        // libpcap begins with the name when the file cannot be opened, else it tells what is wrong.
+        const std::string text = error;
+        throw PacketSourceError(text.compare(0, path.size() + 1, path + ":") == 0
+                                    ? text
+                                    : name + ": not a readable capture: " + text);
+    }
+    if (fstat(fileno(pcap_file(handle->pcap)), &status) == 0 && S_ISREG(status.st_mode)) {
+        handle->fileSize = static_cast<std::uint64_t>(status.st_size);
+    }
+    handle->linkType = pcap_datalink(handle->pcap);
+    prepare(handle->pcap, name, filter, handle->program, handle->hasProgram);
+    return std::unique_ptr<PacketSource>(new PacketSource(std::move(handle)));
+}
+
+std::unique_ptr<PacketSource> PacketSource::openDevice(const std::string& device,
+                                                       const std::string& filter) {
+    char error[PCAP_ERRBUF_SIZE] = "";
+    auto handle = std::make_unique<Handle>();
+    handle->name = device;
+    handle->live = true;
+    handle->pcap = pcap_create(device.c_str(), error);
+    if (handle->pcap == nullptr)
+        throw PacketSourceError(device + ": " + error);
+    pcap_set_snaplen(handle->pcap, kSnapLength);
+    pcap_set_promisc(handle->pcap, 1);
+    pcap_set_timeout(handle->pcap, kBlockMilliseconds);
+    pcap_set_buffer_size(handle->pcap, kDeviceBuffer);
+    const int status = pcap_activate(handle->pcap);
+    if (status < 0)
+        throw PacketSourceError(device + ": " + errorText(handle->pcap, status));
+    if (status > 0)
+        handle->warning = device + ": " + errorText(handle->pcap, status);
+    handle->linkType = pcap_datalink(handle->pcap);
+    prepare(handle->pcap, device, filter, handle->program, handle->hasProgram);
+    if (handle->hasProgram && pcap_setfilter(handle->pcap, &handle->program) != 0) {
+        throw PacketSourceError(device + ": " + pcap_geterr(handle->pcap));
+    }
+    // A blocking read of a silent device may never return; we wait by ourselves.
+    handle->descriptor = pcap_get_selectable_fd(handle->pcap);
+    if (handle->descriptor < 0 || pcap_setnonblock(handle->pcap, 1, error) != 0) {
+        throw PacketSourceError(device + ": cannot be watched without blocking");
+    }
+    return std::unique_ptr<PacketSource>(new PacketSource(std::move(handle)));
+}
+
+PacketSource::Result PacketSource::next(Packet& packet) {
+    if (stopped_.load(std::memory_order_relaxed))
+        return Result::kEnd;
+    pcap_pkthdr* header = nullptr;
+    const u_char* bytes = nullptr;
+    const int result = pcap_next_ex(handle_->pcap, &header, &bytes);
+    if (result == 0) {
+        pollfd device{handle_->descriptor, POLLIN, 0};
+        poll(&device, 1, kWaitMilliseconds);
+        return Result::kNothing;
+    }
+    if (result == PCAP_ERROR_BREAK)
+        return Result::kEnd;
+    if (result < 0) {
+        // A signal that arrives while a pipe is read looks like a fault of the file.
+        if (stopped_.load(std::memory_order_relaxed))
+            return Result::kEnd;
+        handle_->fault = handle_->name + ": " + pcap_geterr(handle_->pcap);
+        return Result::kFault;
+    }
+    if (handle_->hasProgram && !handle_->live &&
+        pcap_offline_filter(&handle_->program, header, bytes) == 0) {
+        ++handle_->filteredOut;
+        return Result::kNothing;
+    }
+    packet.time = timestamp(header->ts);
+    packet.linkType = handle_->linkType;
+    packet.bytes = std::string_view(reinterpret_cast<const char*>(bytes), header->caplen);
+    return Result::kPacket;
+}
+
+void PacketSource::stop() {
+    stopped_.store(true, std::memory_order_relaxed);
+    pcap_breakloop(handle_->pcap);
+}
+
+bool PacketSource::isLive() const {
+    return handle_->live;
+}
+
+const std::string& PacketSource::name() const {
+    return handle_->name;
+}
+
+const std::string& PacketSource::warning() const {
+    return handle_->warning;
+}
+
+const std::string& PacketSource::fault() const {
+    return handle_->fault;
+}
+
+std::uint64_t PacketSource::filteredOut() const {
+    return handle_->filteredOut;
+}
+
+std::uint64_t PacketSource::dropped() const {
+    pcap_stat statistics{};
+    if (!handle_->live || pcap_stats(handle_->pcap, &statistics) != 0)
+        return 0;
+    return std::uint64_t{statistics.ps_drop} + statistics.ps_ifdrop;
+}
+
+bool PacketSource::mayWait() const {
+    if (handle_->live || handle_->fileSize != 0)
+        return false;
+    pollfd pipe{fileno(pcap_file(handle_->pcap)), POLLIN, 0};
+    return poll(&pipe, 1, 0) == 0;
+}
+
+double PacketSource::progress() const {
+    if (handle_->fileSize == 0)
+        return -1;
+    const off_t position = ftello(pcap_file(handle_->pcap));
+    if (position < 0)
+        return -1;
+    return static_cast<double>(position) / static_cast<double>(handle_->fileSize);
+}
+
+}  // namespace kp::capture

@@ -1,0 +1,80 @@
+// kp-capture: what was counted, and the texts that tell it.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "judgement.h"
+#include "transaction.h"
+
+namespace kp::capture {
+
+/// Counts packets, connections and transactions, these in all and inside the watched ranges.
+class Summary {
+public:
+    /// The seconds count from here.
+    Summary();
+
+    void addPacket(std::size_t bytes) {
+        ++packets_;
+        bytes_ += bytes;
+    }
+    void addTransaction(const Transaction& transaction, const Judgement& judgement);
+    void setConnections(std::uint64_t connections) { connections_ = connections; }
+    void setFilteredOut(std::uint64_t packets) { filteredOut_ = packets; }
+    void setDropped(std::uint64_t packets) { dropped_ = packets; }
+
+    /// A progress line without its line end; @p done is 0 to 1, negative when it is not known.
+    std::string progressLine(double done) const;
+
+    /// The summary, several lines.
+    std::string text() const;
+
+private:
+    /// One column of the table.
+    struct Counts {
+        std::uint64_t all = 0;
+        std::array<std::uint64_t, 10> byClass{};  // by the first digit of the status, 0: no answer
+        std::uint64_t content = 0;
+        std::uint64_t validPages = 0;
+        std::uint64_t entryPoints = 0;
+    };
+
+    double seconds() const;
+    static void count(Counts& counts, const Transaction& transaction, const Judgement& judgement);
+
+    std::chrono::steady_clock::time_point start_;
+    std::uint64_t packets_ = 0;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t connections_ = 0;
+    std::uint64_t filteredOut_ = 0;
+    std::uint64_t dropped_ = 0;
+    Counts seen_;
+    Counts watched_;
+};
+
+/// Shows a line on a terminal that is overwritten again and again, at most ten times a second.
+class ProgressDisplay {
+public:
+    /// Shows nothing unless @p enabled, so that callers need not ask.
+    explicit ProgressDisplay(bool enabled) : enabled_(enabled) {}
+    ProgressDisplay(const ProgressDisplay&) = delete;
+    ProgressDisplay& operator=(const ProgressDisplay&) = delete;
+    ~ProgressDisplay() { clear(); }
+
+    /// Tells whether it is time for the next line.
+    bool isDue() const;
+    void show(const std::string& line);
+    /// Takes the line off the terminal.
+    void clear();
+
+private:
+    bool enabled_;
+    bool shown_ = false;
+    std::chrono::steady_clock::time_point last_;
+};
+
+}  // namespace kp::capture

@@ -1,0 +1,32 @@
+// kp-capture: one HTTP request with its answer.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "traffic.h"
+
+namespace kp::capture {
+
+/// A request and what came back; texts are as sent, without surrounding white space.
+struct Transaction {
+    Timestamp time;  ///< when the first byte of the request was seen
+    Endpoint client;
+    Endpoint server;
+    std::string method;
+    std::string host;  ///< empty when the request names none
+    std::string target;
+    std::string referer;          ///< empty when the request names none
+    int status = 0;               ///< 0: no answer was seen
+    std::string contentType;      ///< of the answer, without parameters; may be empty
+    std::uint64_t bodyBytes = 0;  ///< of the answer's body, without the framing of chunks
+};
+
+/// Receives the transactions, each when its answer has ended.
+class TransactionSink {
+public:
+    virtual ~TransactionSink() = default;
+    virtual void transaction(const Transaction& transaction) = 0;
+};
+
+}  // namespace kp::capture

@@ -1,0 +1,140 @@
+#include "installation.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <system_error>
+
+namespace kp::configure {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr mode_t kOwnerOnly = 0600;
+constexpr mode_t kReadable = 0644;
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+// A new file that replaces the one at its final path only when all is well.
+class Replacement {
+public:
+    Replacement(fs::path final, fs::path temporary, mode_t mode)
+        : final_(std::move(final)), temporary_(std::move(temporary)) {
+        fs::remove(temporary_);
+        descriptor_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        if (descriptor_ < 0) {
+            fail("cannot write " + temporary_.string());
+        }
+    }
+    Replacement(const Replacement&) = delete;
+    Replacement& operator=(const Replacement&) = delete;
+    ~Replacement() {
+        ::close(descriptor_);
+        std::error_code ignored;
+        fs::remove(temporary_, ignored);
+    }
+
+    void write(const std::string& text) {
+        if (::write(descriptor_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            fail("cannot write " + temporary_.string());
+        }
+    }
+    // What was written is on the disk; false when it is not, or when nothing was written.
+    bool complete(std::uintmax_t atLeast) const {
+        return ::fsync(descriptor_) == 0 && fs::file_size(temporary_) >= atLeast;
+    }
+    void commit() { fs::rename(temporary_, final_); }
+    const fs::path& finalPath() const { return final_; }
+
+private:
+    fs::path final_;
+    fs::path temporary_;
+    int descriptor_ = -1;
+};
+
+std::string installationText(const Settings& settings, const KP_Config& config) {
+    std::ostringstream text;
+    text << "# Installation of " << settings.name << "\n";
+    text << "port " << settings.port << "\n";
+    if (!settings.device.empty()) {
+        text << "device " << settings.device << "\n";
+    }
+    if (!settings.databasePath.empty()) {
+        text << "dbpath " << settings.databasePath << "\n";
+    }
+    for (int i = 0; i < config.numOfIPRanges; ++i) {
+        char low[16];
+        char high[16];
+        KP_Tools::IPAddressString(config.ipRanges[i].min, low);
+        KP_Tools::IPAddressString(config.ipRanges[i].max, high);
+        text << "range " << low << " " << high << "\n";
+    }
+    return text.str();
+}
+
+void makeDirectory(const fs::path& path) {
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (!fs::is_directory(path)) {
+        throw std::system_error(error ? error : std::make_error_code(std::errc::not_a_directory),
+                                "cannot make the directory " + path.string());
+    }
+}
+
+// The library writes a general configuration file under the configuration's name; a name of its own
+// makes that the temporary file. The full layout has at least this many bytes.
+constexpr std::uintmax_t kShortestGeneralFile = 400;
+
+void saveAs(KP_Config& config, const std::string& temporaryName, const Replacement& file) {
+    config.setName(temporaryName.c_str());
+    config.save();
+    if (!file.complete(kShortestGeneralFile)) {
+        errno = errno != 0 ? errno : ENOSPC;
+        fail("cannot write " + file.finalPath().string());
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> writeInstallation(const Settings& settings, KP_Config& config) {
+    const fs::path directory(settings.directory);
+    const fs::path admin = directory / "admin";
+    const std::string paths[] = {(admin / (settings.name + "_prvt.cfg")).string(),
+                                 (admin / (settings.name + "_prvtDef.cfg")).string(),
+                                 (admin / (settings.name + "Install.cfg")).string()};
+    for (const std::string& path : paths) {
+        if (fs::exists(path) && !settings.force) {
+            throw SettingError(path + " exists already; --force overwrites it");
+        }
+    }
+    makeDirectory(admin);
+    makeDirectory(directory / "logs");
+    makeDirectory(settings.databasePath.empty() ? directory / "db"
+                                                : fs::path(settings.databasePath));
+    if (::setenv("KP_INSTALLDIR", settings.directory.c_str(), 1) != 0) {
+        fail("cannot set KP_INSTALLDIR");
+    }
+
+    Replacement general(paths[0], admin / ".new_prvt.cfg", kOwnerOnly);
+    Replacement defaults(paths[1], admin / ".newDef_prvt.cfg", kOwnerOnly);
+    Replacement keyed(paths[2], admin / ".newInstall.cfg", kReadable);
+    saveAs(config, ".new", general);
+    saveAs(config, ".newDef", defaults);
+    keyed.write(installationText(settings, config));
+    if (!keyed.complete(1)) {
+        fail("cannot write " + paths[2]);
+    }
+    general.commit();
+    defaults.commit();
+    keyed.commit();
+    return {std::begin(paths), std::end(paths)};
+}
+
+}  // namespace kp::configure

@@ -1,0 +1,98 @@
+// kp-configure: makes an installation for kp-capture.
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "common/password.h"
+#include "installation.h"
+#include "settings.h"
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+
+void addOptions(CLI::App& app, kp::configure::Settings& settings, std::string& passwordFile) {
+    if (const char* directory = std::getenv("KP_INSTALLDIR")) {
+        settings.directory = directory;
+    }
+    app.add_option("--dir", settings.directory,
+                   "Installation directory; made when missing (default: KP_INSTALLDIR)");
+    app.add_option("--name", settings.name, "Name of the engine, prefix of its files")
+        ->capture_default_str();
+    app.add_option("--port", settings.port, "TCP port for the front end, 255 to 65535")
+        ->capture_default_str();
+    app.add_option("--device", settings.device, "Network device to watch");
+    app.add_option("--dbpath", settings.databasePath,
+                   "Database directory; made when missing (default: db in the installation)");
+    app.add_option("--range", settings.ranges,
+                   "Watched addresses, LOW-HIGH or A.B.C.D/BITS; repeatable, at most 64")
+        ->allow_extra_args(false);
+    app.add_option("--filter", settings.filter, "Packet filter in BPF syntax");
+    app.add_option("--days", settings.days, "Days of data to keep")->capture_default_str();
+    app.add_option("--mime", settings.mimeTypes,
+                   "File extensions of a MIME type, TYPE=EXT,EXT; repeatable")
+        ->allow_extra_args(false);
+    app.add_option(
+           "--network", settings.networks,
+           "Network that may administer, ADDRESS/MASK or ADDRESS/BITS; repeatable, at most 5 "
+           "(none: administration from everywhere)")
+        ->allow_extra_args(false);
+    app.add_option("--password-file", passwordFile,
+                   "File whose first line is the administrator's password (default: asked for)");
+    app.add_flag("--force", settings.force, "Overwrite an installation that is there");
+    app.set_version_flag("--version", std::string(KP_VERSION));
+    app.footer("Exit status: 0 written, 1 refused or failed, 2 wrong usage.");
+}
+
+// What the library will see from other working directories.
+void makeAbsolute(std::string& path) {
+    if (!path.empty()) {
+        path = std::filesystem::absolute(path).lexically_normal().string();
+        while (path.size() > 1 && path.back() == '/') {
+            path.pop_back();
+        }
+    }
+}
+
+int run(kp::configure::Settings& settings, const std::string& passwordFile) {
+    if (settings.directory.empty()) {
+        std::cerr << "kp-configure: neither --dir nor KP_INSTALLDIR says where\n";
+        return kUsage;
+    }
+    makeAbsolute(settings.directory);
+    makeAbsolute(settings.databasePath);
+    settings.password = passwordFile.empty()
+                            ? kp::programs::askPassword("Password of the administrator", true)
+                            : kp::programs::passwordFromFile(passwordFile);
+    KP_Config config;
+    kp::configure::apply(settings, config);
+    for (const std::string& path : kp::configure::writeInstallation(settings, config)) {
+        std::cout << "wrote " << path << "\n";
+    }
+    if (settings.ranges.empty()) {
+        std::cout << "note: no --range was given, so nothing will be watched\n";
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Makes an installation for kp-capture: its configuration files, logs/ and db/."};
+    kp::configure::Settings settings;
+    std::string passwordFile;
+    addOptions(app, settings, passwordFile);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
+    try {
+        return run(settings, passwordFile);
+    } catch (const std::exception& error) {
+        std::cerr << "kp-configure: " << error.what() << "\n";
+        return kFailure;
+    }
+}

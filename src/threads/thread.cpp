@@ -1,0 +1,351 @@
+#include "kp/threads/thread.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "kp/core/log.h"
+#include "kp/tools/tools.h"
+#include "platform/platform.h"
+#include "threads/abandonable.h"
+
+namespace {
+
+using Guard = std::lock_guard<kp::detail::RecursiveLock>;
+
+constexpr int kJoinSlice = 1000;        // milliseconds
+constexpr int kForcedEndLimit = 10000;  // milliseconds
+constexpr int kLongestSleep = 2147483;  // seconds whose milliseconds fit an int
+
+}  // namespace
+
+// One start of a thread, as long as the system's thread or the object still needs it. It outlives
+// both in turn: the object may be destroyed by the loop's last release(), and a loop that was told
+// to end may take its time.
+struct KP_Thread::Loop {
+    explicit Loop(KP_Thread* owner) : thread(owner) {}
+
+    static void drop(Loop* loop) {
+        if (loop != nullptr && loop->users.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            loop->~Loop();
+            KP_Object::operator delete(loop);
+        }
+    }
+
+    // On the new thread, first thing.
+    void begin() {
+        const Guard guard(lock);
+        id = kp::platform::currentThread();
+        begun = true;
+        if (abandoned) {
+            kp::platform::abandonWork(id);
+        }
+    }
+    // On the new thread, last thing: nobody may ask the system for the thread afterwards.
+    void end() {
+        const Guard guard(lock);
+        ended.store(1, std::memory_order_release);
+        kp::platform::wakeAll(ended);
+    }
+    void abandon() {
+        const Guard guard(lock);
+        abandoned = true;
+        if (begun && ended.load(std::memory_order_relaxed) == 0) {
+            kp::platform::abandonWork(id);
+        }
+    }
+    bool isCurrentThread() {
+        const Guard guard(lock);
+        return begun && ended.load(std::memory_order_relaxed) == 0 &&
+               id == kp::platform::currentThread();
+    }
+    void waitForEnd(const kp::platform::Deadline* deadline) {
+        while (ended.load(std::memory_order_acquire) == 0 &&
+               kp::platform::waitWhileEqual(ended, 0, deadline)) {
+        }
+    }
+
+    KP_Thread* const thread;
+    std::atomic<int> users{2};  // The object and the system's thread.
+    std::atomic<std::uint32_t> ended{0};
+    kp::detail::RecursiveLock lock;  // Guards the rest.
+    kp::platform::ThreadId id = 0;
+    bool begun = false;
+    bool abandoned = false;
+};
+
+KP_Thread::KP_Thread(void (*function)(void*), void* arg) : function_(function), arg_(arg) {}
+
+KP_Thread::KP_Thread(const KP_Thread& other)
+    : KP_Object(other),
+      KP_Runnable(other),
+      KP_ReferenceCounter(),
+      KP_Mutex(other),
+      function_(nullptr),
+      arg_(nullptr) {
+    *this = other;
+}
+
+KP_Thread& KP_Thread::operator=(const KP_Thread& other) {
+    function_ = other.function_.load();
+    arg_ = other.arg_.load();
+    arg2_ = other.arg2_.load();
+    iterationLimit_ = other.iterationLimit_;
+    iterationCount_ = other.iterationCount_;
+    sleepInterval_ = other.sleepInterval_.load();
+    hardStop_ = other.hardStop_.load();
+    return *this;
+}
+
+KP_Thread::~KP_Thread() {
+    KP_Thread::stop();
+    Loop* loop = currentLoop();
+    if (loop != nullptr) {
+        if (!loop->isCurrentThread()) {
+            loop->waitForEnd(nullptr);
+        }
+        Loop::drop(loop);
+    }
+    Loop::drop(loop_.load());
+}
+
+// The loop of the last start(), with a share in it for the caller; null before the first start().
+KP_Thread::Loop* KP_Thread::currentLoop() {
+    const Guard guard(loopLock_);
+    Loop* loop = loop_.load();
+    if (loop != nullptr) {
+        loop->users.fetch_add(1, std::memory_order_relaxed);
+    }
+    return loop;
+}
+
+bool KP_Thread::isOwnLoop() {
+    Loop* loop = currentLoop();
+    const bool own = loop != nullptr && loop->isCurrentThread();
+    Loop::drop(loop);
+    return own;
+}
+
+int KP_Thread::start(void (*function)(void*), void* arg) {
+    if (arg != nullptr) {
+        arg_ = arg;
+    }
+    if (function != nullptr) {
+        function_ = function;
+    }
+    return start();
+}
+
+int KP_Thread::start() {
+    const std::lock_guard<KP_Mutex> guard(*this);
+    if (handle_) {
+        return 0;
+    }
+    void* memory = KP_Object::operator new(sizeof(Loop));
+    if (memory == nullptr) {
+        return -1;
+    }
+    Loop* loop = new (memory) Loop(this);
+    {
+        const Guard exchange(loopLock_);
+        Loop::drop(loop_.exchange(loop));
+    }
+    continue_ = 1;
+    handle_ = true;
+    // The new thread's reference must exist before it does: the owner may release at any time.
+    addRef();
+    if (!kp::platform::startThread(enter, loop)) {
+        handle_ = false;
+        loop->end();
+        Loop::drop(loop);
+        references_.fetch_sub(1);
+        return -1;
+    }
+    return 0;
+}
+
+// What the system's thread runs.
+void KP_Thread::enter(void* memory) {
+    auto* loop = static_cast<Loop*>(memory);
+    KP_Thread* const thread = loop->thread;
+    loop->begin();
+    if (!kp::platform::runWork(asyncCallback, thread)) {
+        thread->leaveLoop();
+    }
+    thread->release();
+    loop->end();
+    Loop::drop(loop);
+}
+
+void KP_Thread::asyncCallback(void* thread) {
+    static_cast<KP_Thread*>(thread)->run();
+}
+
+int KP_Thread::run() {
+    addRef();
+    while ((continue_ != 0 && iterationLimit_ == 0) || iterationCount_ < iterationLimit_) {
+        const int interval = sleepInterval_;
+        if (interval > 0) {
+            sleep(interval);
+        }
+        const int result = work();
+        KP_Tools::sleep(0);
+        if (result != 0) {
+            KP_Log::debug("Error in: KP_Consumer::run()\n");
+        }
+        iterationCount_ =
+            static_cast<std::int32_t>(static_cast<std::uint32_t>(iterationCount_) + 1);
+    }
+    handle_ = false;
+    leaveLoop();
+    return 0;
+}
+
+// Runs one iteration's work: the one stretch of the loop that may be broken off.
+int KP_Thread::work() {
+    const kp::detail::Abandonable window(true);
+    try {
+        return doTask();
+    } catch (...) {
+        return -1;
+    }
+}
+
+// Wakes all joiners and gives up the loop's reference. The handle is clear before, so that a joiner
+// either sees that or is woken.
+void KP_Thread::leaveLoop() {
+    for (int joiners = event_.numWaiting(); joiners > 0; --joiners) {
+        joinSignal();
+    }
+    release();
+}
+
+int KP_Thread::doTask() {
+    // The argument first: whoever takes the work away clears the function before the argument.
+    void* const arg = arg_;
+    void (*const function)(void*) = function_;
+    if (function != nullptr) {
+        function(arg);
+    }
+    return 0;
+}
+
+int KP_Thread::joinSignal() {
+    return event_.signal();
+}
+
+int KP_Thread::setFunction(void (*function)(void*)) {
+    function_ = function;
+    return 0;
+}
+
+int KP_Thread::setArg(void* arg) {
+    arg_ = arg;
+    return 0;
+}
+
+int KP_Thread::setArg2(void* arg2) {
+    arg2_ = arg2;
+    return 0;
+}
+
+void* KP_Thread::getArg2() {
+    return arg2_;
+}
+
+int KP_Thread::setSleepInterval(int seconds) {
+    sleepInterval_ = seconds;
+    return 0;
+}
+
+int KP_Thread::setHardStop(int on) {
+    hardStop_ = on;
+    return 0;
+}
+
+int KP_Thread::setContinue(int on) {
+    continue_ = on;
+    return 0;
+}
+
+int KP_Thread::stop() {
+    if (!handle_) {
+        return 0;
+    }
+    continue_ = 0;
+    joinSignal();
+    if (handle_ && hardStop_ != 0) {
+        endByForce();
+    }
+    return 0;
+}
+
+void KP_Thread::endByForce() {
+    Loop* loop = currentLoop();
+    const bool taken = loop != nullptr && handle_.exchange(false);
+    if (taken && loop->isCurrentThread()) {
+        Loop::drop(loop);  // Nothing after the next line may be reached.
+        kp::platform::abandonWork(kp::platform::currentThread());
+        return;
+    }
+    if (taken) {
+        loop->abandon();
+        const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
+        loop->waitForEnd(&deadline);
+    }
+    Loop::drop(loop);
+}
+
+int KP_Thread::join(KP_Mutex*, int) {
+    if (isOwnLoop()) {
+        return -1;
+    }
+    int result = 0;
+    std::unique_lock<KP_Mutex> guard(*this);
+    while (handle_) {
+        guard.unlock();
+        if (sleeping_ != 0) {
+            joinSignal();
+        }
+        event_.announce();
+        if (handle_) {
+            result = event_.waitAnnounced(kJoinSlice);
+        } else {
+            event_.withdraw();
+            result = 0;
+        }
+        KP_Tools::sleep(0);
+        guard.lock();
+        if (result == -1 && handle_ && hardStop_ != 0) {
+            endByForce();
+        }
+    }
+    return result;
+}
+
+int KP_Thread::isRunning() {
+    const std::lock_guard<KP_Mutex> guard(*this);
+    return continue_;
+}
+
+int KP_Thread::sleep(int seconds) {
+    const kp::detail::Abandonable shield(false);
+    sleeping_ = 1;
+    event_.announce();
+    // A stop that came before this thread was counted has signalled in vain.
+    if (continue_ != 0) {
+        event_.waitAnnounced(std::max(1, std::min(seconds, kLongestSleep) * 1000));
+    } else {
+        event_.withdraw();
+    }
+    sleeping_ = 0;
+    return 0;
+}
+
+char* KP_Thread::getClassName() {
+    return kp::detail::className("KP_Thread");
+}
+
+int KP_Thread::queryInterface(unsigned long id, void** out) {
+    return kp::detail::answerAs<KP_Thread, KP_Runnable, KP_Object, KP_ReferenceCounter>(this, id,
+                                                                                        out);
+}

@@ -1,0 +1,169 @@
+#include "kp/core/log.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kp/core/exception.h"
+#include "kp/tools/tools.h"
+#include "support/child.h"
+#include "support/installation.h"
+
+namespace {
+
+using kp::test::expectQuit;
+using kp::test::Outcome;
+using kp::test::runInChild;
+
+class LogTest : public kp::test::InstallationTest {};
+
+// Writes through every writer.
+void writeAll(std::FILE* stream) {
+    KP_Log::log("l");
+    KP_Log::debug("d");
+    KP_Log::flog(nullptr, "f%d", 1);
+    KP_Log::flog(stream, "F");
+    for (const int level : {-1, 0, 1, 2, 3}) {
+        KP_Log::debugLevel(nullptr, level, "%d ", level);
+        KP_Log::debugLevel(stream, level, "%d ", level);
+    }
+    KP_Log::ret("a %d", 5);
+}
+
+TEST_F(LogTest, EveryWriterKeepsItsLevelAndOnlyRetAddsToTheText) {
+    const struct {
+        int level;
+        const char* log;
+        const char* stream;
+    } cases[] = {{0, "lf1-1 0 TIME - a 5\n", "F-1 0 "},
+                 {2, "ldf1-1 0 1 2 TIME - a 5\n", "F-1 0 1 2 "},
+                 {-1, "ldf1-1 TIME - a 5\n", "F-1 "}};
+    for (const auto& each : cases) {
+        std::FILE* stream = KP_Tools::openFile(site_.path("stream").c_str(), "w");
+        site_.openLog(each.level);
+        writeAll(stream);
+        EXPECT_EQ(site_.newLog(), each.log) << each.level;  // read while it is open
+        EXPECT_EQ(site_.read("stream"), each.stream) << each.level;
+        std::fclose(stream);
+    }
+}
+
+TEST_F(LogTest, IsClosedBeforeInitAndAfterReset) {
+    EXPECT_EQ(KP_Log::getFD(), stdout);
+    site_.openLog(3);
+    EXPECT_NE(KP_Log::getFD(), stdout);
+    EXPECT_EQ(KP_Log::reset(), 0);
+    EXPECT_EQ(KP_Log::getFD(), stdout);
+    const Outcome outcome = runInChild([] {
+        writeAll(stderr);
+        KP_Log::quit("gone");
+        return 0;
+    });
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "F-1 0 ");  // the level is forgotten as well
+    EXPECT_EQ(site_.newLog(), "");
+}
+
+TEST_F(LogTest, InitAppendsAndASecondOneClosesTheFirst) {
+    site_.write("logs/test.log", "old\n");
+    site_.openLog();
+    KP_Log::log("new\n");
+    KP_Log::init("other", 1, nullptr);
+    KP_Log::debug("second\n");
+    EXPECT_EQ(runInChild([]() -> int { KP_Log::quit("no %s", "more"); }).status, 1);
+    EXPECT_EQ(site_.newLog(), "old\nnew\n");
+    EXPECT_EQ(site_.read("logs/other.log"), "second\nno more");
+}
+
+TEST_F(LogTest, WithoutALogsDirectoryOrAFileItEndsTheProcess) {
+    const auto init = [](const std::string& name) {
+        const Outcome outcome = runInChild([&] {
+            KP_Log::init(name.c_str(), 0, nullptr);
+            return 0;
+        });
+        EXPECT_EQ(outcome.out + outcome.err, "");
+        return outcome.status;
+    };
+    // Slashes name the same file however many there are; 1023 characters are the longest path.
+    const std::size_t room = 1023 - site_.path("logs/x.log").size();
+    EXPECT_EQ(init(std::string(room + 1, '/') + "x"), 1);
+    EXPECT_FALSE(std::filesystem::exists(site_.path("logs/x.log")));
+    EXPECT_EQ(init(std::string(room, '/') + "x"), 0);
+    EXPECT_TRUE(std::filesystem::exists(site_.path("logs/x.log")));
+    EXPECT_EQ(init(std::string(5000, 'n')), 1);
+    std::filesystem::create_directory(site_.path("logs/blocked.log"));
+    EXPECT_EQ(init("blocked"), 1);
+    std::filesystem::remove_all(site_.path("logs"));
+    EXPECT_EQ(init("test"), 1);
+    site_.write("logs", "a file");
+    EXPECT_EQ(init("test"), 1);
+    EXPECT_EQ(site_.read("logs"), "a file");
+}
+
+TEST_F(LogTest, RetWritesTheLocalTimeAndLinesOfAnyLength) {
+    site_.openLog();
+    char before[60];
+    char after[60];
+    KP_Tools::getTimeString1(before);
+    KP_Log::ret("x");
+    KP_Tools::getTimeString1(after);
+    const std::string line = site_.read("logs/test.log");
+    EXPECT_TRUE(line == std::string(before) + " - x\n" || line == std::string(after) + " - x\n");
+    site_.newLog();
+    for (const std::size_t length : {1004, 1005, 1006, 1007, 5000}) {
+        const std::string text(length, 'y');
+        KP_Log::ret("%s", text.c_str());
+        EXPECT_EQ(site_.newLog(), "TIME - " + text + "\n");
+    }
+}
+
+TEST_F(LogTest, LinesOfSeveralThreadsStayWhole) {
+    site_.openLog();
+    std::vector<std::thread> threads;
+    std::string expected;
+    for (int i = 0; i < 800; ++i) {
+        expected += "TIME - a line\n";
+    }
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int line = 0; line < 200; ++line) {
+                KP_Log::ret("%s", "a line");
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(site_.newLog(), expected);
+}
+
+TEST_F(LogTest, TellsErrnoInWords) {
+    errno = 0;
+    EXPECT_STREQ(KP_Log::sys_err_str(), "");
+    errno = 2;
+    EXPECT_STREQ(KP_Log::sys_err_str(), "(errno = 2)");
+}
+
+TEST_F(LogTest, ExceptionsOwnTheirTextsAndPrintToTheLog) {
+    site_.openLog();
+    std::string text = "bad";
+    KP_Exception first(5, text.c_str(), "x", 7);
+    text[0] = 'X';
+    KP_Exception second;
+    second = KP_Exception(first);
+    const KP_Exception& same = second;
+    second = same;
+    first = KP_Exception(-1, nullptr, "only a file");
+    EXPECT_EQ(second.print(nullptr), 0);
+    EXPECT_EQ(second.err(), 5);
+    first.print(nullptr);
+    EXPECT_EQ(site_.newLog(),
+              "Error=5 Text=bad File=x Line=7\nError=-1 Text=(none) File=only a file Line=0\n");
+}
+
+}  // namespace

@@ -1,0 +1,132 @@
+// kp-capture over stored captures: the lines it prints, and how it starts, fails and ends.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "support/installation.h"
+#include "support/program.h"
+#include "support/socket_pair.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kp::test::Installation;
+using kp::test::Outcome;
+using Arguments = std::vector<std::string>;
+
+std::string contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+// An installation that watches 10.0.0.0/24.
+class CaptureTest : public testing::Test {
+protected:
+    CaptureTest() {
+        site_.write("password", "secret\n");
+        configure({"--range", "10.0.0.0/24"});
+    }
+
+    void configure(Arguments more) {
+        Arguments arguments = {"--force", "--password-file", site_.path("password"), "--port",
+                               std::to_string(port_.number())};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const Outcome outcome = kp::test::runProgram(KP_CONFIGURE, arguments);
+        ASSERT_EQ(outcome.status, 0) << outcome.err;
+    }
+
+    Outcome capture(const Arguments& arguments, const std::string& input = "") {
+        return kp::test::runProgram(KP_CAPTURE, arguments, input);
+    }
+
+    Installation site_;
+    kp::test::OwnPort port_;
+};
+
+TEST_F(CaptureTest, PrintsTheExpectedLinesOfEveryStoredCapture) {
+    int captures = 0;
+    for (const fs::directory_entry& entry : fs::directory_iterator(KP_CAPTURES)) {
+        if (entry.path().extension() != ".expected") {
+            continue;
+        }
+        const bool watched = entry.path().stem().extension() == ".watched";
+        const fs::path stem = watched ? entry.path().stem().stem() : entry.path().stem();
+        fs::path pcap = fs::path(KP_CAPTURES) / stem;
+        pcap += fs::exists(pcap.string() + ".pcap") ? ".pcap" : ".pcapng";
+        Arguments arguments = {"--print", "--replay", pcap.string()};
+        if (!watched) {
+            arguments.emplace_back("--all");
+        }
+        const Outcome outcome = capture(arguments);
+        EXPECT_EQ(outcome.out, contentOf(entry.path())) << pcap << "\n" << outcome.err;
+        EXPECT_NE(outcome.err.find("transactions"), std::string::npos) << pcap;
+        ++captures;
+    }
+    EXPECT_GE(captures, 20);
+}
+
+TEST_F(CaptureTest, ReadsACaptureFromStandardInput) {
+    const std::string pcap = std::string(KP_CAPTURES) + "/pipelining.pcap";
+    const Outcome outcome = capture({"--print", "--replay", "-"}, pcap);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out, capture({"--print", "--replay", pcap}).out);
+    EXPECT_NE(outcome.out, "");
+}
+
+TEST_F(CaptureTest, RefusesFilesThatAreNoCaptures) {
+    for (const char* name : {"garbage.pcap", "cut.pcap", "empty.pcap", "missing.pcap"}) {
+        const Outcome outcome =
+            capture({"--print", "--replay", std::string(KP_CAPTURES) + "/" + name});
+        EXPECT_EQ(outcome.status, 1) << name;
+        EXPECT_NE(outcome.err.find("kp-capture: "), std::string::npos) << outcome.err;
+        EXPECT_EQ(outcome.out, "");
+    }
+}
+
+TEST_F(CaptureTest, WarnsThatNothingIsWatchedWithoutRanges) {
+    configure({});
+    const Outcome outcome =
+        capture({"--print", "--replay", std::string(KP_CAPTURES) + "/pipelining.pcap"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_NE(outcome.err.find("nothing is watched"), std::string::npos) << outcome.err;
+}
+
+TEST_F(CaptureTest, AppliesTheConfiguredFilterToReplays) {
+    configure({"--range", "10.0.0.0/24", "--filter", "udp"});
+    const Outcome outcome =
+        capture({"--print", "--all", "--replay", std::string(KP_CAPTURES) + "/pipelining.pcap"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "");
+}
+
+TEST_F(CaptureTest, TellsWhyItCouldNotStart) {
+    const std::string pcap = std::string(KP_CAPTURES) + "/pipelining.pcap";
+    const Outcome noDirectory = capture({"--dir", site_.path("none"), "--replay", pcap});
+    EXPECT_EQ(noDirectory.status, 1);
+    EXPECT_NE(noDirectory.err.find(site_.path("none")), std::string::npos) << noDirectory.err;
+
+    port_.take();
+    const Outcome portTaken = capture({"--replay", pcap});
+    EXPECT_EQ(portTaken.status, 1);
+    EXPECT_NE(portTaken.err.find("Capture engine port already in use."), std::string::npos)
+        << portTaken.err;
+
+    EXPECT_EQ(capture({"--replay", pcap, "--device", "lo"}).status, 2);
+}
+
+TEST_F(CaptureTest, SaysWhichDeviceItCannotWatch) {
+    const Outcome unnamed = capture({});
+    EXPECT_EQ(unnamed.status, 1);
+    EXPECT_NE(unnamed.err.find("device"), std::string::npos) << unnamed.err;
+    const Outcome missing = capture({"--device", "nosuchdevice0"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.err.find("nosuchdevice0"), std::string::npos) << missing.err;
+}
+
+}  // namespace
