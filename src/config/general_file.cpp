@@ -216,7 +216,7 @@ int KP_Config::readGeneralConfigFile(std::FILE* file) {
     daysOfDataToKeep = number;
 
     lines.skip(1);
-    numOfMimeTypes = 0;
+    KP_Config::reset();
     const auto mappings = static_cast<std::uint16_t>(lines.requireNumber());
     lines.skip(2);
     if (mappings != 0) {

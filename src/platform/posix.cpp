@@ -53,7 +53,8 @@ std::FILE* openConfigurationFile(const char* path, const char* mode) {
         errno = EISDIR;  // Opening one for reading would succeed, and only reading would fail.
         return nullptr;
     }
-    if (mode[0] != 'w' && mode[0] != 'a') {
+    const bool creates = (mode[0] == 'w' || mode[0] == 'a') && std::strchr(mode, 'x') == nullptr;
+    if (!creates) {
         return openFile(path, mode);
     }
     // Create it first, with the permissions that it is to have; an existing file keeps its own.

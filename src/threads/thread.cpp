@@ -138,6 +138,7 @@ int KP_Thread::start(void (*function)(void*), void* arg) {
 int KP_Thread::start() {
     const std::lock_guard<KP_Mutex> guard(*this);
     if (handle_) {
+        continue_ = 1;
         return 0;
     }
     void* memory = KP_Object::operator new(sizeof(Loop));
@@ -182,22 +183,40 @@ void KP_Thread::asyncCallback(void* thread) {
 
 int KP_Thread::run() {
     addRef();
-    while ((continue_ != 0 && iterationLimit_ == 0) || iterationCount_ < iterationLimit_) {
+    while (goesOn()) {
         const int interval = sleepInterval_;
         if (interval > 0) {
             sleep(interval);
         }
         const int result = work();
-        KP_Tools::sleep(0);
+        if (yields_) {
+            KP_Tools::sleep(0);
+        }
         if (result != 0) {
             KP_Log::debug("Error in: KP_Consumer::run()\n");
         }
         iterationCount_ =
             static_cast<std::int32_t>(static_cast<std::uint32_t>(iterationCount_) + 1);
     }
-    handle_ = false;
     leaveLoop();
     return 0;
+}
+
+// Whether there is another iteration. When there is none the handle is cleared under the lock under
+// which start() looks at it, so that a start either keeps this loop going or finds it gone.
+bool KP_Thread::goesOn() {
+    const auto wanted = [this] {
+        return (continue_ != 0 && iterationLimit_ == 0) || iterationCount_ < iterationLimit_;
+    };
+    if (wanted()) {
+        return true;
+    }
+    const std::lock_guard<KP_Mutex> guard(*this);
+    if (wanted()) {
+        return true;
+    }
+    handle_ = false;
+    return false;
 }
 
 // Runs one iteration's work: the one stretch of the loop that may be broken off.
@@ -316,7 +335,9 @@ int KP_Thread::join(KP_Mutex*, int) {
         KP_Tools::sleep(0);
         guard.lock();
         if (result == -1 && handle_ && hardStop_ != 0) {
+            guard.unlock();  // The loop may be about to end by itself, for which it needs the lock.
             endByForce();
+            guard.lock();
         }
     }
     return result;

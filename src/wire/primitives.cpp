@@ -127,7 +127,7 @@ int writeJ_SInt64(int socket, std::int64_t value) {
 
 int readJ_line(int socket, char* buffer, int size) {
     int length = 0;
-    while (length < size - 1) {
+    while (length + 1 < size) {
         char c = '\0';
         const long received = kp::platform::receiveBytes(socket, &c, 1);
         if (received < 0) {
@@ -167,7 +167,7 @@ int writeJ_n_chars(int socket, const char* buffer, int n) {
         const long sent =
             kp::platform::sendBytes(socket, buffer + length, static_cast<std::size_t>(n - length));
         emptySends = sent == 0 ? emptySends + 1 : 0;
-        if (sent < 0 || emptySends > kEmptySendsAtMost) {
+        if (sent < 0 || emptySends >= kEmptySendsAtMost) {
             std::fputs("writeJ_n_chars: BEFORE\n", stdout);
             std::fflush(stdout);
             KP_Log::ret("writeJ_n_chars: Data not sent properly.");

@@ -183,16 +183,11 @@ TEST_F(GeneralFileTest, HostileLinesAreRefusedOrTakenAsWhatIsSaved) {
     for (int i = 0; i < 5000; ++i) {
         noise += static_cast<char>(i * i >> 3);
     }
-    const std::string hostile[] = {"",
-                                   noise,
-                                   std::string(5000, 'x'),
-                                   std::string(5000, ' '),
-                                   "70000",
-                                   "65535",
-                                   "-1",
-                                   "{}{{}}{65535}",
-                                   "%s%n\xFF",
-                                   std::string(3, '\0')};
+    const std::string nul(3, '\0');
+    const std::string longLine(5000, 'x');
+    const std::string blankLine(5000, ' ');
+    const std::string hostile[] = {"",         "70000", "65535", "-1",     "{}{{}}{65535}",
+                                   "%s%n\xFF", nul,     noise,   longLine, blankLine};
     for (const std::string& line : hostile) {
         for (std::size_t start = 0; start < kSample.size();) {
             const std::size_t end = kSample.find('\n', start);
@@ -223,17 +218,23 @@ TEST_F(GeneralFileTest, OpeningFaultsEndTheProcessWithTheirMessage) {
     const std::string slashes(1023 - site_.path("admin/file").size(), '/');
     std::fclose(KP_Config::openConfigFile("/admin", (slashes + "file").c_str(), "r"));
     expectQuit(site_, open(slashes + "/file"), message(slashes + "/fil", "Path too long"));
-    const rlimit none = {0, 0};
-    expectQuit(
-        site_, [&] { ::setrlimit(RLIMIT_NOFILE, &none), open("file")(); },
-        message("file", "Too many files already open"));
+    const auto openWithoutDescriptors = [&] {
+        const rlimit none = {0, 0};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        open("file")();
+    };
+    expectQuit(site_, openWithoutDescriptors, message("file", "Too many files already open"));
     std::filesystem::permissions(site_.path(), std::filesystem::perms::all);
     std::filesystem::permissions(site_.path("admin/file"), std::filesystem::perms::none);
-    const int nobody = ::geteuid() == 0 ? 65534 : static_cast<int>(::geteuid());
-    expectQuit(
-        site_, [&] { ::seteuid(static_cast<uid_t>(nobody)) == 0 ? open("file")() : void(); },
-        message("file", "Permision denied"));
-    const Outcome outcome = runInChild([&] { return open("none")(), 0; });
+    const auto openAsNobody = [&] {
+        EXPECT_TRUE(::geteuid() != 0 || ::seteuid(65534) == 0);
+        open("file")();
+    };
+    expectQuit(site_, openAsNobody, message("file", "Permision denied"));
+    const Outcome outcome = runInChild([&] {
+        open("none")();
+        return 0;
+    });
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.err, "No such file or directory\n");
     EXPECT_EQ(site_.newLog(), "TIME -  \n" + message("none", "Problem opening file"));

@@ -60,7 +60,7 @@ TEST_F(InstallFileTest, FillsTheFields) {
 
     std::string many = portLine_ + "device default\ndbpath: default\n";
     for (int i = 0; i < 64; ++i) {
-        many += "range 1.1.1.1 1.1.1.2\n";
+        many += "range 1.1.1.2 1.1.1.2\n";
     }
     // The path of the installation may be longer than a value in the file.
     const std::string longest = site_.path() + std::string(250 - site_.path().size(), '/');
@@ -71,7 +71,7 @@ TEST_F(InstallFileTest, FillsTheFields) {
     EXPECT_EQ(config.numOfIPRanges, 64);
     EXPECT_EQ(config.ipRanges[63].max, 0x01010102U);
     EXPECT_EQ(config.numOfMimeTypes, 2);
-    expectFault(many + "range 1.1.1.1 1.1.1.2\n", "Too many ranges in Install.cfg: at most 64");
+    expectFault(many + "range 1.1.1.2 1.1.1.2\n", "Too many ranges in Install.cfg: at most 64");
 }
 
 TEST_F(InstallFileTest, FaultsEndTheProcessWithTheirMessage) {

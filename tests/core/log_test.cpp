@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "kp/core/exception.h"
 #include "kp/tools/tools.h"
@@ -124,13 +123,13 @@ TEST_F(LogTest, RetWritesTheLocalTimeAndLinesOfAnyLength) {
 
 TEST_F(LogTest, LinesOfSeveralThreadsStayWhole) {
     site_.openLog();
-    std::vector<std::thread> threads;
+    std::thread threads[4];
     std::string expected;
     for (int i = 0; i < 800; ++i) {
         expected += "TIME - a line\n";
     }
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
+    for (std::thread& thread : threads) {
+        thread = std::thread([] {
             for (int line = 0; line < 200; ++line) {
                 KP_Log::ret("%s", "a line");
             }

@@ -148,7 +148,7 @@ TEST(ReferenceCounterTest, ThreadsShareAnObjectUntilTheLastLetsGo) {
 }
 
 struct Huge : KP_Object {
-    char block[1ULL << 61];  // no machine has it
+    char block[1ULL << 58];  // no machine has it
 };
 
 struct Failing : KP_Object {

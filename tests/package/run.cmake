@@ -1,5 +1,6 @@
 # Installs the library into a prefix of its own and has the foreign project use it.
-# Called with -DBUILD=build folder, -DSOURCE=this folder, -DWORK=scratch folder, -DCONFIG=build type.
+# Called with -DBUILD=build folder, -DSOURCE=this folder, -DWORK=scratch folder,
+# -DGENERATOR=CMake generator, -DCONFIG=build type.
 function(run)
   execute_process(COMMAND ${ARGN} COMMAND_ECHO STDOUT RESULT_VARIABLE status)
   if(NOT status EQUAL 0)
@@ -11,7 +12,7 @@ file(REMOVE_RECURSE ${WORK})
 foreach(component library development)
   run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK}/prefix --component ${component})
 endforeach()
-run(${CMAKE_COMMAND} -S ${SOURCE} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${WORK}/prefix
+run(${CMAKE_COMMAND} -G ${GENERATOR} -S ${SOURCE} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${WORK}/prefix
     -DCMAKE_BUILD_TYPE=${CONFIG})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 file(MAKE_DIRECTORY ${WORK}/site/admin ${WORK}/site/logs)

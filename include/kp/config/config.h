@@ -23,9 +23,10 @@
 ///     18     n                                          26+n  exampleAddress{k addresses}
 ///                                                       27+n  maskAddress{k masks}
 ///
-/// Faults: whatever is wrong with a file ends the process with status 1 and a message in the log,
-/// a file that ends too early and a missing number included. Texts that are too long for their
-/// field are cut, a filter and a password with a log line.
+/// Faults: what is wrong with a file ends the process with status 1 and a message in the log, also
+/// a file that ends too early, and a number of days or of mappings that is missing. Elsewhere a
+/// missing number is 0. Texts that are too long for their field are cut, a filter and a password
+/// with a log line.
 ///
 /// Threads: no lock is taken. Load it before the engine's threads start; then they only query it.
 /// A host that changes it while they run guards it itself.
@@ -118,8 +119,7 @@ public:
 
 protected:
     /// Reads a general configuration file; touches neither name, database directory, port, device
-    /// nor ranges. Returns 0; a fault ends the process. Mappings held before must have been given
-    /// back with reset().
+    /// nor ranges. Mappings held before are given back. Returns 0; a fault ends the process.
     virtual int readGeneralConfigFile(std::FILE* file);
     /// Writes the block with the password and the networks to @p file (null: the log); returns 0.
     virtual int writeUser(std::FILE* file);

@@ -15,8 +15,8 @@
 ///     range   lowest and highest address of a watched range, a space between them; any number of
 ///             lines up to 64
 ///
-/// Faults end the process with status 1 and a message in the log, a value of more than 127
-/// characters and more than 64 ranges included: neither is cut to something that was not meant.
+/// Faults end the process with status 1 and a message in the log. A port, device or dbpath of more
+/// than 127 characters and a 65th range are faults: nothing is cut to something that was not meant.
 class KP_API KP_ConfigAdmin : public KP_Config {
 public:
     KP_ConfigAdmin() = default;

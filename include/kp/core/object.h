@@ -23,7 +23,8 @@ class KP_String;
 /// class.
 ///
 /// Memory: objects are made by their class's create() or by `new`, and ended by release(). When
-/// memory runs out `new` on any of these classes yields a null pointer and runs no constructor.
+/// memory runs out `new` of an object of these classes yields a null pointer and runs no
+/// constructor; arrays of objects are the language's own, and throw.
 ///
 /// Threads: nothing here takes a lock.
 class KP_API KP_Object {
@@ -36,7 +37,7 @@ public:
 
     /// The name of the class; constant text that the caller neither changes nor frees.
     virtual char* getClassName();
-    /// Stores in @p out the object seen as the class whose identifier is @p id.
+    /// Stores in @p out, which is not null, the object seen as the class whose identifier is @p id.
     /// Returns 0, or -1 with a null @p out when the object does not answer to that class.
     virtual int queryInterface(unsigned long id, void** out);
     /// Completes construction; create() calls it after the constructor.

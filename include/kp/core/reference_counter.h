@@ -20,7 +20,8 @@ public:
     KP_ReferenceCounter(const KP_ReferenceCounter& other);
     KP_ReferenceCounter& operator=(const KP_ReferenceCounter& other);
 
-    /// The last chance to act before the object is destroyed. The default does nothing.
+    /// The last chance to act before the object is destroyed; it cannot be saved any more, so
+    /// neither addRef() nor release() may be called on it. The default does nothing.
     virtual void preRelease();
 
     char* getClassName() override;

@@ -45,6 +45,7 @@ public:
 private:
     friend class KP_ReaderWriterMutex;
     friend class KP_Thread;
+    friend class KP_ThreadPool;
 
     // wait() in two steps, for classes that test a condition between being counted and sleeping,
     // so that a signal that comes in between is not lost. A thread that was counted must wait, or

@@ -64,8 +64,8 @@ public:
     /// Non-zero: go on; 0: end after the current iteration.
     virtual int setContinue(int on);
 
-    /// Starts the loop on a new thread; a loop that runs already is left alone.
-    /// Returns 0, or -1 when the system refuses a thread.
+    /// Starts the loop on a new thread; a loop that runs already is left alone, and one that was
+    /// told to end and has not yet goes on. Returns 0, or -1 when the system refuses a thread.
     int start() override;
     /// Tells the loop to end, and ends its sleep; does not wait for it. With hard stop, ends it by
     /// force and waits until its work has been left (10 seconds at most). Returns 0.
@@ -88,9 +88,12 @@ protected:
     virtual int sleep(int seconds);
 
 private:
+    friend class KP_ThreadList;
+    friend class KP_ThreadPool;
     struct Loop;
 
     static void enter(void* loop);
+    bool goesOn();
     int work();
     void leaveLoop();
     void endByForce();
@@ -106,6 +109,12 @@ private:
     std::atomic<std::int32_t> continue_{1};
     std::atomic<std::int32_t> hardStop_{0};
     std::atomic<std::int32_t> sleeping_{0};
+
+    // Of a pool's worker: it does not yield, since it sleeps when there is nothing to do, and knows
+    // which task it runs.
+    static constexpr std::int64_t kNoTask = INT64_MIN;
+    bool yields_ = true;
+    std::atomic<std::int64_t> task_{kNoTask};
     std::atomic<bool> handle_{false};  // Whether a loop of start() runs and was not ended by force.
     std::atomic<Loop*> loop_{nullptr};
     kp::detail::RecursiveLock loopLock_;  // Guards loop_ while somebody takes a share of it.

@@ -10,7 +10,7 @@ struct timeval;
 /// Static operations on plain byte strings, buffered files, addresses and times.
 ///
 /// Threads: every operation may be called from any thread; the exceptions say so. Nothing here
-/// takes a lock, and nothing but strdup() and readStringMalloc() allocates.
+/// takes a lock, and only strdup() and readStringMalloc() hand out memory.
 class KP_API KP_Tools {
 public:
     KP_Tools() = delete;
@@ -73,9 +73,9 @@ public:
     /// and the debug log says so).
     static int readStringNoMalloc(char* buf, int size, std::FILE* f);
     /// Reads a record into new memory, to be freed with free(); an empty text gives a null pointer.
-    /// Returns 0; -1 with @p *out untouched when the length is missing or above 2048 bytes; -1 with
-    /// a null @p *out when memory runs out; -1 with a terminated block when the text is cut off,
-    /// its missing bytes being NULs. The debug log tells the second and third.
+    /// Returns 0. Returns -1 with @p *out untouched when the length is missing, or above 2048 bytes
+    /// (the debug log says so); with a null @p *out when memory runs out (the debug log says so);
+    /// and with a terminated block when the text is cut off, its missing bytes being NULs.
     static int readStringMalloc(char** out, std::FILE* f);
     /// Writes @p s as a record; returns 0, or -1 when it could not be written.
     /// A text of more than 65535 bytes is refused, and nothing is written.

@@ -1,0 +1,45 @@
+// libkp: a link whose element has a name.
+#pragma once
+
+#include "kp/text/link.h"
+#include "kp/text/string.h"
+
+/// A link that also carries a name, empty at first. The identifier is the same for every T.
+template <class T>
+class KP_NamedLink : public KP_Link<T> {
+public:
+    explicit KP_NamedLink(T* element = nullptr) : KP_Link<T>(element) {}
+    KP_NamedLink(const KP_NamedLink&) = default;
+    KP_NamedLink& operator=(const KP_NamedLink&) = default;
+    ~KP_NamedLink() override = default;
+
+    /// Copies @p name; returns 0. KP_NoMoreMemoryException when that cannot be.
+    virtual int setName(const char* name) {
+        name_ = name;
+        return 0;
+    }
+    /// The text of the name, valid until it changes.
+    virtual const char* getName() { return name_; }
+    virtual KP_String* getNameString() { return &name_; }
+
+    /// With bit 0 of @p mode compares the names of two named links, else their elements.
+    int compare(KP_Compare* other, int mode) override {
+        if ((mode & 1) == 0) {
+            return KP_Link<T>::compare(other, mode);
+        }
+        void* view = nullptr;
+        if (other == nullptr || other->queryInterface(getClassID(), &view) != 0) {
+            return -1;
+        }
+        auto* link = kp::detail::castTo<KP_NamedLink<T>>(other);
+        return link != nullptr ? name_.compare(&link->name_, mode) : -1;
+    }
+    char* getClassName() override { return kp::detail::className("KP_NamedLink<T>"); }
+    int queryInterface(unsigned long id, void** out) override {
+        return kp::detail::answerAs<KP_NamedLink, KP_Link<T>, KP_Compare, KP_Object>(this, id, out);
+    }
+    static unsigned long getClassID() { return 0x2BE2BF9C; }
+
+private:
+    KP_String name_;
+};

@@ -1,0 +1,169 @@
+// libkp: a list whose elements have names.
+#pragma once
+
+#include <cstring>
+
+#include "kp/text/list.h"
+#include "kp/text/named_link.h"
+
+/// A KP_List whose links carry names. Names need not be unique; searches go byte for byte.
+///
+/// Elements always sit in links of their own; the self-linked option is not for this list.
+/// What KP_List says of cursor, ownership, memory and threads holds; getCurrentNamedLink(),
+/// getCurrentName() and setSortByName() take no lock.
+template <class T>
+class KP_NamedList : public KP_List<T> {
+public:
+    KP_NamedList() = default;
+
+    /// As the list's; with setSortByName(1) links are compared by their names.
+    int sortArray(KP_Object** links, int count) override;
+    /// A new link with an empty name; null when memory runs out.
+    KP_Link<T>* createLink(T* element) override { return new KP_NamedLink<T>(element); }
+
+    /// Adds @p element at the end with an empty name; returns 0.
+    int append(T* element) override;
+    using KP_List<T>::insert;
+    /// Adds @p element at the end under @p name; returns 0.
+    virtual int append(T* element, const char* name);
+    /// The link at the cursor; null when the cursor is nowhere.
+    virtual KP_NamedLink<T>* getCurrentNamedLink() { return named(this->current_); }
+    /// The name at the cursor; null when the cursor is nowhere.
+    virtual const char* getCurrentName();
+    /// Puts @p element in the place of the one at the cursor, which is not released.
+    /// Returns 0, or -1 when the cursor is nowhere.
+    virtual int setCurrent(T* element);
+    /// Moves the cursor to the first element named @p name and returns it; null, with the cursor on
+    /// the last element, when there is none. A null name finds the first element.
+    virtual T* findByName(const char* name);
+    /// The same from the element after the cursor on; a null name finds that.
+    virtual T* findNextByName(const char* name);
+    /// The number of elements named @p name, the cursor being on the last element afterwards; of
+    /// all elements for a null name, the cursor staying where it is.
+    virtual int countByName(const char* name);
+    /// Adds @p element before the cursor under @p name; returns 0.
+    virtual int insert(T* element, const char* name);
+    /// Non-zero: sort() goes by names. Returns 0.
+    virtual int setSortByName(int on) {
+        sortByName_ = on;
+        return 0;
+    }
+
+private:
+    using Guard = typename KP_List<T>::Guard;
+
+    // Every link of this list is made by createLink(), so it is a named one.
+    static KP_NamedLink<T>* named(KP_Link<T>* link) { return static_cast<KP_NamedLink<T>*>(link); }
+    static bool isNamed(KP_Link<T>* link, const char* name) {
+        return std::strcmp(named(link)->getName(), name) == 0;
+    }
+    T* findFrom(KP_Link<T>* link, const char* name);
+    void nameOrTakeBack(KP_Link<T>* link, const char* name);
+
+    std::int32_t sortByName_ = 0;
+};
+
+namespace kp::detail {
+
+/// The order of two entries of an array of objects, by KP_Compare in mode 1.
+KP_API int compareEntriesByName(const void* first, const void* second);
+
+}  // namespace kp::detail
+
+template <class T>
+int KP_NamedList<T>::sortArray(KP_Object** links, int count) {
+    KP_Tools::sort(links, count, sortByName_ != 0 ? kp::detail::compareEntriesByName : nullptr);
+    return 0;
+}
+
+// Names a link that was just added; if there is no memory for the name, it is as if nothing had
+// been added, and the element stays the caller's.
+template <class T>
+void KP_NamedList<T>::nameOrTakeBack(KP_Link<T>* link, const char* name) {
+    try {
+        named(link)->setName(name);
+    } catch (...) {
+        this->unchain(link);
+        link->release();
+        throw;
+    }
+}
+
+template <class T>
+int KP_NamedList<T>::append(T* element) {
+    const Guard guard(*this);
+    KP_List<T>::append(element);
+    named(this->tail_)->setName("");  // A link that was kept from earlier has its old name.
+    return 0;
+}
+
+template <class T>
+int KP_NamedList<T>::append(T* element, const char* name) {
+    const Guard guard(*this);
+    append(element);
+    nameOrTakeBack(this->tail_, name);
+    return 0;
+}
+
+template <class T>
+int KP_NamedList<T>::insert(T* element, const char* name) {
+    const Guard guard(*this);
+    KP_Link<T>* const before = this->current_;
+    insert(element);
+    const bool onItself = before == nullptr;
+    nameOrTakeBack(onItself ? this->tail_ : before->getPrevious(), name);
+    return 0;
+}
+
+template <class T>
+const char* KP_NamedList<T>::getCurrentName() {
+    return this->current_ != nullptr ? named(this->current_)->getName() : nullptr;
+}
+
+template <class T>
+int KP_NamedList<T>::setCurrent(T* element) {
+    const Guard guard(*this);
+    return this->current_ != nullptr ? this->current_->setElement(element) : -1;
+}
+
+// Moves the cursor to the first link of that name from the given one on, or else to the last link.
+template <class T>
+T* KP_NamedList<T>::findFrom(KP_Link<T>* link, const char* name) {
+    for (; link != nullptr; link = link->getNext()) {
+        if (isNamed(link, name)) {
+            this->current_ = link;
+            return this->getCurrent();
+        }
+    }
+    this->current_ = this->tail_;
+    return nullptr;
+}
+
+template <class T>
+T* KP_NamedList<T>::findByName(const char* name) {
+    const Guard guard(*this);
+    return name != nullptr ? findFrom(this->head_, name) : this->first();
+}
+
+template <class T>
+T* KP_NamedList<T>::findNextByName(const char* name) {
+    const Guard guard(*this);
+    if (name == nullptr) {
+        return this->next();
+    }
+    return this->current_ != nullptr ? findFrom(this->current_->getNext(), name) : nullptr;
+}
+
+template <class T>
+int KP_NamedList<T>::countByName(const char* name) {
+    const Guard guard(*this);
+    if (name == nullptr) {
+        return this->count_;
+    }
+    int found = 0;
+    for (KP_Link<T>* link = this->head_; link != nullptr; link = link->getNext()) {
+        found += isNamed(link, name) ? 1 : 0;
+    }
+    this->current_ = this->tail_;
+    return found;
+}

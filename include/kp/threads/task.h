@@ -1,0 +1,31 @@
+// libkp: a piece of work for a thread pool.
+#pragma once
+
+#include <cstdint>
+
+#include "kp/core/object.h"
+
+/// A function with its argument, and an identifier by which its owner finds it again.
+/// Threads: takes no lock; a task that is queued or runs is left alone.
+class KP_API KP_Task : public virtual KP_Object {
+public:
+    explicit KP_Task(void (*function)(void*) = nullptr, void* arg = nullptr, int id = 0);
+    KP_Task(const KP_Task&) = default;
+    KP_Task& operator=(const KP_Task&) = default;
+    ~KP_Task() override;
+
+    /// Calls the function, if there is one, with the argument; returns 0.
+    virtual int doTask();
+    virtual int setFunction(void (*function)(void*));
+    virtual int setArg(void* arg);
+    virtual int getID();
+    virtual int setID(int id);
+
+    /// A new task without a function, or null when memory runs out.
+    static KP_Task* create();
+
+private:
+    void (*function_)(void*);
+    void* arg_;
+    std::int32_t id_;
+};

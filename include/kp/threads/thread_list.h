@@ -1,0 +1,68 @@
+// libkp: threads that are started, stopped and waited for as one.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "kp/text/list.h"
+#include "kp/threads/mutex.h"
+#include "kp/threads/runnable.h"
+#include "kp/threads/thread.h"
+
+extern template class KP_API KP_Link<KP_Thread>;
+extern template class KP_API KP_List<KP_Thread>;
+
+/// A list of threads that owns them: a thread that is removed, or left over, is released.
+///
+/// A thread that is added while the list runs is not started by the list; start it, or restart()
+/// all.
+///
+/// Destroying the list takes the work away from its threads and tells them to end; it does not
+/// wait. Their objects live until their loops have ended. join() first when their work uses
+/// something that is about to end.
+///
+/// Threads: every operation may be called from any thread, one of the list's own included: such a
+/// thread is not waited for, and a start() that it asks for while somebody joins the list happens
+/// when that has ended. Order of locks: the list's, then a thread's.
+class KP_API KP_ThreadList : public KP_List<KP_Thread>, public virtual KP_Runnable {
+public:
+    KP_ThreadList();
+    /// The same threads cannot be owned by two lists.
+    KP_ThreadList(const KP_ThreadList&) = delete;
+    KP_ThreadList& operator=(const KP_ThreadList&) = delete;
+    ~KP_ThreadList() override;
+
+    /// stop() and start(); returns 0. Does not wait in between: a thread that has not ended yet
+    /// goes on.
+    virtual int restart();
+
+    /// Starts every thread, unless the list runs already; returns 0. A thread that cannot be
+    /// started ends the process with "KP_ThreadList::start: Error starting a thread" in the log.
+    int start() override;
+    /// Tells every thread to end, if the list runs; does not wait. Returns 0.
+    int stop() override;
+    /// Waits for the end of every thread, whether or not the list runs; returns 0. What goes wrong
+    /// with a thread is logged, and the next one is waited for.
+    int join(KP_Mutex* mutex, int milliseconds) override;
+    /// Whether the list was started and not stopped since.
+    int isRunning() override;
+
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    static unsigned long getClassID() { return 0x2BE2BFB6; }
+    /// A new list on which init() has run, or null when memory runs out.
+    static KP_ThreadList* create();
+
+protected:
+    /// Whether the caller runs on one of the list's threads.
+    bool isOwnThread();
+
+private:
+    KP_Thread* referenceTo(int position);
+    void unlockLifecycle();
+
+    std::atomic<std::int32_t> running_{0};
+    std::atomic<bool> startWanted_{false};
+    KP_Mutex lifecycle_;  // One start or join at a time.
+    KP_Mutex changing_;   // One start or stop at a time; never held while waiting for a thread.
+};

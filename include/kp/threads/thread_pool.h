@@ -1,0 +1,87 @@
+// libkp: worker threads that take tasks from one queue.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "kp/text/list.h"
+#include "kp/threads/event.h"
+#include "kp/threads/mutex.h"
+#include "kp/threads/task.h"
+#include "kp/threads/thread_list.h"
+
+extern template class KP_API KP_Link<KP_Task>;
+extern template class KP_API KP_List<KP_Task>;
+
+/// Runs queued tasks, first in first out, on a fixed set of workers.
+///
+/// A task runs exactly once, on one worker; it leaves the queue before it runs and is released
+/// after. The order in which tasks end is theirs. One worker at a time waits for work; the others
+/// wait for their turn, so a burst of tasks wakes one thread after another and never all of them.
+///
+/// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool whose queue stays
+/// empty for 100 milliseconds stops itself. With both, no task is left behind between the two.
+///
+/// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
+/// A hard stop of a worker can break off a task, never the pool's own code; the task is lost.
+///
+/// Destroying the pool stops it and waits for its workers, also when it was stopped before; tasks
+/// that have not begun are released without having run. No task may destroy its own pool.
+///
+/// Threads: every operation may be called from any thread, and from a task.
+class KP_API KP_ThreadPool : public virtual KP_ThreadList {
+public:
+    /// A stopped pool with so many workers; none for a number below 1.
+    explicit KP_ThreadPool(int threads);
+    /// Neither workers nor queued tasks can belong to two pools.
+    KP_ThreadPool(const KP_ThreadPool&) = delete;
+    KP_ThreadPool& operator=(const KP_ThreadPool&) = delete;
+    ~KP_ThreadPool() override;
+
+    /// Queues a new task and wakes a worker; on a stopped pool, starts it if auto-start is set,
+    /// else the task waits. Returns 0.
+    virtual int addTask(void (*function)(void*), void* arg, int id);
+    /// A new task. When memory runs out, "malloc" and the system's reason go to standard error, and
+    /// the process ends with "out of memory" in the log.
+    virtual KP_Task* createTask(void (*function)(void*), void* arg, int id);
+    /// Adds a worker, which is not started here; returns 0, or -1 when memory runs out.
+    virtual int addThread();
+    /// One iteration of @p worker: waits for a task and runs it; returns 0.
+    virtual int doTask(KP_Thread* worker);
+    /// Releases all queued tasks with the identifier @p id and leaves the pool running, also if it
+    /// was stopped; the others keep their order. When it returns no such task runs any more, unless
+    /// it was called from a task of this pool. Returns 0.
+    virtual int removeTasksByID(int id);
+    virtual int setAutoStop(int on);
+    virtual int setAutoStart(int on);
+
+    /// Makes the workers anew if there are none; returns 0.
+    int init() override;
+    /// Stops the pool if it runs and waits for its workers, then releases all queued tasks and all
+    /// workers; returns 0. init() makes new ones.
+    int reset() override;
+    /// Tells the workers to end, each after the task that it runs. Returns 0.
+    int stop() override;
+
+    /// The work of a worker: calls doTask() of the pool that the thread @p worker belongs to.
+    static void asyncCallback(void* worker);
+    /// A new pool of one worker, or null when memory runs out.
+    static KP_ThreadPool* create();
+
+private:
+    class Queue;
+
+    bool waitForTask(KP_Thread* worker);
+    void stopIfIdle();
+    void wakeWorker();
+    bool runsTask(int id);
+
+    std::int32_t threads_;
+    Queue* queue_;
+    std::atomic<KP_Thread*> currentWorker_{nullptr};
+    KP_Mutex poolLock_;
+    KP_Event taskEnded_;
+    std::atomic<std::int32_t> autoStop_{0};
+    std::atomic<std::int32_t> autoStart_{0};
+    std::atomic<bool> closing_{false};
+};

@@ -1,0 +1,133 @@
+#include "kp/threads/thread_list.h"
+
+#include "kp/core/log.h"
+#include "kp/tools/tools.h"
+
+template class KP_Link<KP_Thread>;
+template class KP_List<KP_Thread>;
+
+KP_ThreadList::KP_ThreadList() {
+    setOwner(1);
+}
+
+KP_ThreadList::~KP_ThreadList() {
+    for (KP_Thread* thread : elements()) {
+        thread->setFunction(nullptr);
+        thread->setArg(nullptr);
+        thread->setContinue(0);
+    }
+    KP_Tools::sleep(0);
+    KP_ThreadList::stop();
+}
+
+// The thread at a position, counted from 0, with a reference for the caller; null beyond the last.
+KP_Thread* KP_ThreadList::referenceTo(int position) {
+    for (KP_Thread* thread : elements()) {
+        if (position-- == 0) {
+            thread->addRef();
+            return thread;
+        }
+    }
+    return nullptr;
+}
+
+bool KP_ThreadList::isOwnThread() {
+    for (KP_Thread* thread : elements()) {
+        if (thread->isOwnLoop()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Lets go of the lifecycle, and does what one of the list's own threads could not wait for.
+void KP_ThreadList::unlockLifecycle() {
+    lifecycle_.unlock();
+    if (startWanted_.exchange(false)) {
+        start();
+    }
+}
+
+int KP_ThreadList::start() {
+    if (isOwnThread()) {
+        // Whoever holds the lifecycle may be waiting for this very thread, so it cannot be waited
+        // for. The wish stands before the attempt, so that one of the two sees the other.
+        startWanted_ = true;
+        if (!lifecycle_.try_lock()) {
+            return 0;
+        }
+        startWanted_ = false;
+    } else {
+        lifecycle_.lock();
+    }
+    changing_.lock();
+    if (running_ == 0) {
+        for (KP_Thread* thread : elements()) {
+            if (thread->start() != 0) {
+                KP_Log::quit("KP_ThreadList::start: Error starting a thread");
+            }
+        }
+        running_ = 1;
+    }
+    changing_.unlock();
+    unlockLifecycle();
+    return 0;
+}
+
+int KP_ThreadList::stop() {
+    // A thread that stops itself by force does not come back, so it must hold no lock then.
+    KP_Thread* self = nullptr;
+    {
+        const std::lock_guard<KP_Mutex> guard(changing_);
+        if (running_.exchange(0) == 0) {
+            return 0;
+        }
+        for (KP_Thread* thread : elements()) {
+            if (thread->isOwnLoop()) {
+                self = thread;
+            } else if (thread->stop() != 0) {
+                KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
+            }
+        }
+    }
+    if (self != nullptr && self->stop() != 0) {
+        KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
+    }
+    return 0;
+}
+
+int KP_ThreadList::join(KP_Mutex* mutex, int milliseconds) {
+    lifecycle_.lock();
+    // Not under the list's lock: a thread that is waited for may need the list before it ends.
+    int position = 0;
+    for (KP_Thread* thread = referenceTo(position); thread != nullptr;
+         thread = referenceTo(++position)) {
+        if (thread->join(mutex, milliseconds) != 0) {
+            KP_Log::flog(nullptr, "KP_ThreadList::wait(): Error waiting on a thread");
+        }
+        thread->release();
+    }
+    unlockLifecycle();
+    return 0;
+}
+
+int KP_ThreadList::restart() {
+    stop();
+    return start();
+}
+
+int KP_ThreadList::isRunning() {
+    return running_;
+}
+
+char* KP_ThreadList::getClassName() {
+    return kp::detail::className("KP_ThreadList");
+}
+
+int KP_ThreadList::queryInterface(unsigned long id, void** out) {
+    return kp::detail::answerAs<KP_ThreadList, KP_Runnable, KP_Object>(this, id, out);
+}
+
+KP_ThreadList* KP_ThreadList::create() {
+    return kp::detail::createAndInit<KP_ThreadList>();
+}

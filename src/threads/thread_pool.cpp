@@ -1,0 +1,258 @@
+#include "kp/threads/thread_pool.h"
+
+#include <cstdio>
+#include <new>
+
+#include "kp/core/log.h"
+#include "threads/abandonable.h"
+
+template class KP_Link<KP_Task>;
+template class KP_List<KP_Task>;
+
+namespace {
+
+constexpr int kIdleLimit = 100;   // milliseconds that an auto-stopping pool stays idle
+constexpr int kTaskSlice = 1000;  // milliseconds after which a task may have ended unnoticed
+
+}  // namespace
+
+// The queue. What a worker takes leaves it at once, so that nobody else can take or withdraw it.
+class KP_ThreadPool::Queue : public KP_List<KP_Task> {
+public:
+    Queue() {
+        setOwner(1);
+        setRecycle(1);
+    }
+
+    bool isEmpty() {
+        const Guard guard(*this);
+        return head_ == nullptr;
+    }
+    // Takes the first task for a worker; null when there is none.
+    KP_Task* take(KP_Thread* worker) {
+        const Guard guard(*this);
+        KP_Link<KP_Task>* const link = head_;
+        if (link == nullptr) {
+            return nullptr;
+        }
+        KP_Task* const task = link->getElement();
+        unchain(link);
+        keepLink(link);
+        if (task != nullptr) {
+            worker->task_ = task->getID();
+        }
+        return task;
+    }
+};
+
+KP_ThreadPool::KP_ThreadPool(int threads) : threads_(threads), queue_(new Queue) {
+    if (queue_ == nullptr) {
+        throw KP_NoMoreMemoryException();
+    }
+    for (int i = 0; i < threads; ++i) {
+        KP_ThreadPool::addThread();
+    }
+}
+
+KP_ThreadPool::~KP_ThreadPool() {
+    closing_ = true;
+    KP_ThreadPool::stop();
+    join(nullptr, 0);
+    KP_ThreadPool::reset();
+    queue_->release();
+}
+
+KP_Task* KP_ThreadPool::createTask(void (*function)(void*), void* arg, int id) {
+    auto* task = new KP_Task(function, arg, id);
+    if (task == nullptr) {
+        std::perror("malloc");
+        KP_Log::quit("out of memory");
+    }
+    return task;
+}
+
+int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
+    KP_Task* task = createTask(function, arg, id);
+    bool running = false;
+    {
+        // Under one lock, as a worker's decision to stop the pool is: either that sees the task, or
+        // this sees that the pool has stopped.
+        const std::lock_guard<KP_Mutex> guard(*queue_);
+        try {
+            queue_->append(task);
+        } catch (...) {
+            task->release();
+            throw;
+        }
+        running = isRunning() != 0;
+    }
+    if (running) {
+        wakeWorker();
+    } else if (autoStart_ != 0 && !closing_) {
+        start();
+    }
+    return 0;
+}
+
+// The worker that waits for work looks at the queue after it was counted as waiting, and made
+// itself the current worker before: a task that it did not see finds it here.
+void KP_ThreadPool::wakeWorker() {
+    KP_Thread* worker = currentWorker_;
+    if (worker != nullptr) {
+        worker->joinSignal();
+    }
+}
+
+int KP_ThreadPool::addThread() {
+    auto* worker = new KP_Thread(asyncCallback, nullptr);
+    if (worker == nullptr) {
+        return -1;
+    }
+    worker->setArg(worker);
+    worker->setArg2(this);
+    worker->yields_ = false;
+    try {
+        append(worker);
+    } catch (...) {
+        worker->release();
+        return -1;
+    }
+    return 0;
+}
+
+void KP_ThreadPool::asyncCallback(void* worker) {
+    auto* thread = static_cast<KP_Thread*>(worker);
+    if (thread != nullptr) {
+        static_cast<KP_ThreadPool*>(thread->getArg2())->doTask(thread);
+    }
+}
+
+// Waits as the current worker until there may be a task; false when the pool is to stop.
+bool KP_ThreadPool::waitForTask(KP_Thread* worker) {
+    while (isRunning() != 0) {
+        if (!queue_->isEmpty()) {
+            return true;
+        }
+        worker->event_.announce();
+        if (!queue_->isEmpty() || isRunning() == 0) {
+            worker->event_.withdraw();
+            continue;
+        }
+        worker->event_.waitAnnounced(autoStop_ != 0 ? kIdleLimit : 0);
+        if (autoStop_ != 0) {
+            stopIfIdle();
+        }
+    }
+    return false;
+}
+
+void KP_ThreadPool::stopIfIdle() {
+    const std::lock_guard<KP_Mutex> guard(*queue_);
+    if (queue_->isEmpty() && isRunning() != 0) {
+        stop();
+    }
+}
+
+int KP_ThreadPool::doTask(KP_Thread* worker) {
+    const kp::detail::Abandonable shield(false);
+    KP_Task* task = nullptr;
+    {
+        const std::lock_guard<KP_Mutex> guard(poolLock_);
+        currentWorker_ = worker;
+        if (waitForTask(worker)) {
+            task = queue_->take(worker);
+        }
+    }
+    if (task == nullptr) {
+        return 0;
+    }
+    try {
+        const kp::detail::Abandonable window(true);
+        task->doTask();
+    } catch (...) {
+        KP_Log::ret("KP_ThreadPool: task %d ended with an exception", task->getID());
+    }
+    task->release();
+    worker->task_ = KP_Thread::kNoTask;
+    for (int waiting = taskEnded_.numWaiting(); waiting > 0; --waiting) {
+        taskEnded_.signal();
+    }
+    return 0;
+}
+
+// Whether a worker runs such a task. One that was stopped by force does not, whatever it ran.
+bool KP_ThreadPool::runsTask(int id) {
+    for (KP_Thread* worker : elements()) {
+        if (worker->handle_ && worker->task_ == id) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int KP_ThreadPool::removeTasksByID(int id) {
+    const bool inside = isOwnThread();
+    for (bool done = false; !done;) {
+        std::unique_lock<KP_Mutex> guard(*queue_);
+        for (KP_Task* task = queue_->first(); task != nullptr;) {
+            if (task->getID() == id) {
+                queue_->removeCurrent();
+                task = queue_->getCurrent();
+            } else {
+                task = queue_->next();
+            }
+        }
+        done = inside || !runsTask(id);
+        if (!done) {
+            taskEnded_.announce();
+            guard.unlock();
+            taskEnded_.waitAnnounced(kTaskSlice);
+        }
+    }
+    return start();
+}
+
+int KP_ThreadPool::setAutoStop(int on) {
+    autoStop_ = on;
+    wakeWorker();  // It waits without a limit while the switch is off.
+    return 0;
+}
+
+int KP_ThreadPool::setAutoStart(int on) {
+    autoStart_ = on;
+    return 0;
+}
+
+int KP_ThreadPool::init() {
+    if (getCount() == 0) {
+        for (int i = 0; i < threads_; ++i) {
+            addThread();
+        }
+    }
+    return 0;
+}
+
+int KP_ThreadPool::reset() {
+    // A worker without its pool would run into nothing, so none may be left.
+    if (isRunning() != 0) {
+        stop();
+        join(nullptr, 0);
+    }
+    currentWorker_ = nullptr;
+    queue_->clear();
+    clear();
+    return 0;
+}
+
+int KP_ThreadPool::stop() {
+    currentWorker_ = nullptr;
+    return KP_ThreadList::stop();
+}
+
+KP_ThreadPool* KP_ThreadPool::create() {
+    auto* pool = new KP_ThreadPool(1);
+    if (pool != nullptr) {
+        pool->init();
+    }
+    return pool;
+}
