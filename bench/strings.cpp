@@ -52,10 +52,10 @@ void stdFind(benchmark::State& state) {
         benchmark::DoNotOptimize(text.find(Pattern));
     }
 }
-#define FIND(Name, Pattern)                                       \
-    BENCHMARK(kpFind<Pattern>)->Name("find/" Name "/KP_String");  \
-    BENCHMARK(memmemFind<Pattern>)->Name("find/" Name "/memmem"); \
-    BENCHMARK(stdFind<Pattern>)->Name("find/" Name "/std::string")
+#define FIND(row, pattern)                                       \
+    BENCHMARK(kpFind<pattern>)->Name("find/" row "/KP_String");  \
+    BENCHMARK(memmemFind<pattern>)->Name("find/" row "/memmem"); \
+    BENCHMARK(stdFind<pattern>)->Name("find/" row "/std::string")
 FIND("common first byte", kCommonFirst);
 FIND("rare first byte", kRareFirst);
 
@@ -80,11 +80,11 @@ BENCHMARK_CAPTURE(fnmatchWildcard, pieces, "a*b*c*d*", "axxbxxxcxxxxdxx")
     ->Name("wildcard/a*b*c*d*/fnmatch");
 #if defined(KP_PEER_GLIB)
 void glibWildcard(benchmark::State& state, const char* pattern, const char* sample) {
-    GPatternSpec* spec = g_pattern_spec_new(pattern);
+    GPatternSpec* prepared = g_pattern_spec_new(pattern);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(g_pattern_match_string(spec, sample));
+        benchmark::DoNotOptimize(g_pattern_match_string(prepared, sample));
     }
-    g_pattern_spec_free(spec);
+    g_pattern_spec_free(prepared);
 }
 BENCHMARK_CAPTURE(glibWildcard, suffix, "*.htm", "some/longer/path/index.htm")
     ->Name("wildcard/*.htm/GPatternSpec, prepared");

@@ -125,7 +125,7 @@ int KP_Config::print(std::FILE* file) {
     }
     KP_Log::flog(file, "\n");
     KP_Log::flog(file, "  MIME types: # = %d\n", numOfMimeTypes);
-    for (int i = 0; i < numOfMimeTypes; ++i) {
+    for (int i = 0; mimeTypes != nullptr && i < numOfMimeTypes; ++i) {
         const MimeType& mime = mimeTypes[i];
         KP_Log::flog(file, "      %s ( ", mime.type);
         for (int j = 0; j < std::min<int>(mime.numOfPostfixes, kMaxPostfixes); ++j) {
@@ -134,5 +134,6 @@ int KP_Config::print(std::FILE* file) {
         KP_Log::flog(file, ")\n");
     }
     KP_Log::flog(file, "\n");
-    return writeUser(file);
+    writeUser(file);
+    return 0;
 }

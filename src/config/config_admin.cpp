@@ -45,7 +45,7 @@ void addRange(char* value, void* userData) {
     }
     *space = '\0';
     const char* high = space + 1;
-    high += std::strspn(high, " ");
+    high += std::strspn(high, " \t");
     const std::uint32_t min = parseBound(low);
     const std::uint32_t max = parseBound(high);
     if (min > max) {

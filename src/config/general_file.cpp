@@ -254,6 +254,8 @@ int KP_Config::save() {
     std::snprintf(fileName, sizeof fileName, "%s_prvt.cfg", name);
     std::FILE* file = openConfigFile("/admin", fileName, "w");
 
+    const int mappings = mimeTypes != nullptr ? numOfMimeTypes : 0;
+
     // Written through the file's buffer and flushed once: a flush for each of a thousand mappings
     // would cost more than everything else.
     std::fprintf(file,
@@ -266,9 +268,9 @@ int KP_Config::save() {
     std::fprintf(file, "# Days of data to keep\n%d\n\n",
                  static_cast<std::int32_t>(daysOfDataToKeep));
     std::fprintf(file, "# HTTP RealTime: Number of MIME type file extension mappings\n%d\n\n",
-                 numOfMimeTypes);
+                 mappings);
     std::fprintf(file, "# HTTP RealTime: MIME type file extension mappings\n");
-    for (int i = 0; i < numOfMimeTypes; ++i) {
+    for (int i = 0; i < mappings; ++i) {
         MimeType& mime = mimeTypes[i];
         std::fprintf(file, "%s\t\t\t", mime.type);
         for (int j = 0; j < std::min<int>(mime.numOfPostfixes, kMaxPostfixes); ++j) {
@@ -288,7 +290,7 @@ int KP_Config::writeUser(std::FILE* file) {
     KP_Log::flog(file, "# Root user\n");
     KP_Log::flog(file, "password{%s}\n", password);
     KP_Log::flog(file, "applyNetAddress{%d}\n", applyNetAddress);
-    KP_Log::flog(file, "numOfNets{%d}\n", numOfNets);
+    KP_Log::flog(file, "numOfNets{%d}\n", nets);
     writeAddresses(file, "exampleAddress", exampleAddress, nets);
     writeAddresses(file, "maskAddress", maskAddress, nets);
     KP_Log::flog(file, "\n");

@@ -25,6 +25,7 @@ struct LogState {
 
 LogState state;
 
+KP_PRINTF(2, 0)
 void writeText(std::FILE* target, const char* format, std::va_list arguments) {
     std::vfprintf(target, format, arguments);
     std::fflush(target);
@@ -32,6 +33,7 @@ void writeText(std::FILE* target, const char* format, std::va_list arguments) {
 
 // Lines of several threads must not mix, so a line goes out in one write. A line too long for the
 // buffer takes three; that it may be torn is better than that it may be lost for want of memory.
+KP_PRINTF(3, 0)
 void writeLine(std::FILE* target, const char* time, const char* format, std::va_list arguments) {
     char line[kLineSize];
     const int prefix = std::snprintf(line, sizeof line, "%s - ", time);

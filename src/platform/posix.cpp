@@ -33,14 +33,15 @@ namespace {
 
 // The mode with the C library's own letter for close-on-exec.
 bool closeOnExecMode(const char* mode, char* result, std::size_t size) {
-    const int length = std::snprintf(result, size, "%se", mode);
+    const int letters = static_cast<int>(std::strcspn(mode, ","));
+    const int length = std::snprintf(result, size, "%.*se%s", letters, mode, mode + letters);
     return length > 0 && static_cast<std::size_t>(length) < size;
 }
 
 }  // namespace
 
 std::FILE* openFile(const char* path, const char* mode) {
-    char closing[16];
+    char closing[64];
     if (!closeOnExecMode(mode, closing, sizeof closing)) {
         errno = EINVAL;
         return nullptr;
@@ -53,17 +54,19 @@ std::FILE* openConfigurationFile(const char* path, const char* mode) {
         errno = EISDIR;  // Opening one for reading would succeed, and only reading would fail.
         return nullptr;
     }
-    const bool creates = (mode[0] == 'w' || mode[0] == 'a') && std::strchr(mode, 'x') == nullptr;
-    if (!creates) {
+    if (mode[0] != 'w' && mode[0] != 'a') {
         return openFile(path, mode);
     }
-    // Create it first, with the permissions that it is to have; an existing file keeps its own.
-    const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (descriptor < 0) {
-        return nullptr;
+    const bool both = std::strchr(mode, '+') != nullptr;
+    const bool fresh = std::strchr(mode, 'x') != nullptr;
+    const int flags = (both ? O_RDWR : O_WRONLY) | O_CREAT | O_CLOEXEC | (fresh ? O_EXCL : 0) |
+                      (mode[0] == 'w' ? O_TRUNC : O_APPEND);
+    const int descriptor = ::open(path, flags, S_IRUSR | S_IWUSR);
+    std::FILE* file = descriptor >= 0 ? ::fdopen(descriptor, mode) : nullptr;
+    if (file == nullptr && descriptor >= 0) {
+        ::close(descriptor);
     }
-    ::close(descriptor);
-    return openFile(path, mode);
+    return file;
 }
 
 bool programFolder(char* folder, std::size_t size) {

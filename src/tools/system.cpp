@@ -1,12 +1,16 @@
 // Addresses, time, waiting, characters, sorting, and two operations on devices and sockets.
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <typeinfo>
+#include <utility>
 
 #include "kp/core/compare.h"
+#include "kp/text/string.h"
 #include "kp/tools/tools.h"
 #include "platform/platform.h"
 
@@ -15,9 +19,110 @@ namespace {
 constexpr std::size_t kAddressSize = 16;
 constexpr std::size_t kHostNameSize = 256;
 
-int compareEntries(const void* first, const void* second) {
-    return kp::detail::compareObjects(*static_cast<KP_Object* const*>(first),
-                                      *static_cast<KP_Object* const*>(second), 0);
+// An entry with its view as something comparable, asked for once and not at each comparison.
+struct Comparable {
+    KP_Object* object;
+    KP_Compare* view;
+};
+
+bool comesBefore(const Comparable& first, const Comparable& second) {
+    return first.view == nullptr || second.view == nullptr ||
+           first.view->compare(second.view, 0) < 0;
+}
+
+// Merges the sorted runs [begin, middle) and [middle, end) of from into to. An order that
+// contradicts itself gives some order, and never leads out of the runs.
+void merge(const Comparable* from, Comparable* to, std::size_t begin, std::size_t middle,
+           std::size_t end) {
+    std::size_t left = begin;
+    std::size_t right = middle;
+    for (std::size_t i = begin; i < end; ++i) {
+        const bool takeRight =
+            left == middle || (right < end && comesBefore(from[right], from[left]));
+        to[i] = takeRight ? from[right++] : from[left++];
+    }
+}
+
+// Sorts objects of any classes by their compare(), from runs of one up; false without the memory.
+bool sortObjects(KP_Object** objects, std::size_t count) {
+    auto* from = static_cast<Comparable*>(std::malloc(2 * count * sizeof(Comparable)));
+    if (from == nullptr) {
+        return false;
+    }
+    Comparable* const memory = from;
+    Comparable* to = from + count;
+    for (std::size_t i = 0; i < count; ++i) {
+        void* view = nullptr;
+        if (objects[i] != nullptr) {
+            objects[i]->queryInterface(KP_Compare::getClassID(), &view);
+        }
+        from[i] = {objects[i], static_cast<KP_Compare*>(view)};
+    }
+    for (std::size_t run = 1; run < count; run *= 2) {
+        for (std::size_t begin = 0; begin < count; begin += 2 * run) {
+            merge(from, to, begin, std::min(begin + run, count), std::min(begin + 2 * run, count));
+        }
+        std::swap(from, to);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        objects[i] = from[i].object;
+    }
+    std::free(memory);
+    return true;
+}
+
+// Sorts in place, for when there is no memory: slower, and as careful.
+void heapSort(KP_Object** objects, std::size_t count) {
+    const auto sink = [objects](std::size_t root, std::size_t end) {
+        for (std::size_t child = 2 * root + 1; child < end; child = 2 * root + 1) {
+            if (child + 1 < end &&
+                kp::detail::compareObjects(objects[child], objects[child + 1], 0) < 0) {
+                ++child;
+            }
+            if (kp::detail::compareObjects(objects[root], objects[child], 0) >= 0) {
+                return;
+            }
+            std::swap(objects[root], objects[child]);
+            root = child;
+        }
+    };
+    for (std::size_t root = count / 2; root-- > 0;) {
+        sink(root, count);
+    }
+    for (std::size_t end = count; --end > 0;) {
+        std::swap(objects[0], objects[end]);
+        sink(0, end);
+    }
+}
+
+struct Text {
+    const char* text;
+    KP_Object* object;
+};
+
+// Sorts objects that are all strings by what their compare() asks, the collation of their texts;
+// false when one is none, or without the memory. An order that is known to be one needs no care.
+bool sortTexts(KP_Object** objects, std::size_t count) {
+    auto* texts = static_cast<Text*>(std::malloc(count * sizeof(Text)));
+    std::size_t known = 0;
+    for (; texts != nullptr && known < count; ++known) {
+        KP_Object* const object = objects[known];
+        if (object == nullptr || typeid(*object) != typeid(KP_String)) {
+            break;
+        }
+        texts[known] = {*kp::detail::castTo<KP_String>(object), object};
+    }
+    const bool allTexts = known == count;
+    if (allTexts) {
+        std::sort(texts, texts + count, [](const Text& first, const Text& second) {
+            return std::strcoll(first.text, second.text) < 0;
+        });
+        for (std::size_t i = 0; i < count; ++i) {
+            objects[i] = texts[i].object;
+        }
+    }
+    std::free(texts);
+    return allTexts;
 }
 
 }  // namespace
@@ -33,6 +138,8 @@ void KP_Tools::resolveIP(const unsigned long* address, char* dst) {
     dst[0] = '\0';
     if (kp::platform::hostName(static_cast<std::uint32_t>(*address), dst, kHostNameSize)) {
         toLowerCase(dst);
+    } else {
+        dst[0] = '\0';
     }
     if (dst[0] == '\0') {
         IPAddressString(*address, dst);
@@ -40,17 +147,12 @@ void KP_Tools::resolveIP(const unsigned long* address, char* dst) {
 }
 
 long KP_Tools::timeSubtract(timeval* a, timeval* b) {
-    auto seconds = static_cast<std::int64_t>(a->tv_sec) - static_cast<std::int64_t>(b->tv_sec);
-    auto microseconds =
-        static_cast<std::int64_t>(a->tv_usec) - static_cast<std::int64_t>(b->tv_usec);
-    if (microseconds < 0) {
-        seconds -= 1;
-        microseconds += 1000000;
-    }
-    // Unsigned, because it is told to wrap at 32 bits.
-    const std::uint32_t difference =
-        static_cast<std::uint32_t>(seconds) * 1000000U + static_cast<std::uint32_t>(microseconds);
-    return static_cast<std::int32_t>(difference);
+    // Unsigned, because it is told to wrap at 32 bits; a borrow between the parts comes out right.
+    const std::uint32_t seconds =
+        static_cast<std::uint32_t>(a->tv_sec) - static_cast<std::uint32_t>(b->tv_sec);
+    const std::uint32_t microseconds =
+        static_cast<std::uint32_t>(a->tv_usec) - static_cast<std::uint32_t>(b->tv_usec);
+    return static_cast<std::int32_t>(seconds * 1000000U + microseconds);
 }
 
 void KP_Tools::gettimeofday(timeval* tv, void*) {
@@ -104,9 +206,15 @@ char* KP_Tools::strtok(char* s, const char* delimiters, char**) {
 }
 
 void KP_Tools::sort(void* base, int n, int (*comparison)(const void*, const void*)) {
-    if (n > 1) {
-        std::qsort(base, static_cast<std::size_t>(n), sizeof(KP_Object*),
-                   comparison != nullptr ? comparison : compareEntries);
+    if (n < 2) {
+        return;
+    }
+    const auto count = static_cast<std::size_t>(n);
+    auto** objects = static_cast<KP_Object**>(base);
+    if (comparison != nullptr) {
+        std::qsort(base, count, sizeof(KP_Object*), comparison);
+    } else if (!sortTexts(objects, count) && !sortObjects(objects, count)) {
+        heapSort(objects, count);
     }
 }
 

@@ -25,8 +25,13 @@
 ///
 /// Faults: what is wrong with a file ends the process with status 1 and a message in the log, also
 /// a file that ends too early, and a number of days or of mappings that is missing. Elsewhere a
-/// missing number is 0. Texts that are too long for their field are cut, a filter and a password
+/// missing number is 0 (for applyNetAddress: administration from everywhere), and an empty mapping
+/// line is an empty type. Texts that are too long for their field are cut, a filter and a password
 /// with a log line.
+///
+/// What the file cannot hold: braces and line feeds in the password, line feeds in the filter, blanks
+/// in types and extensions, lines of more than 1024 characters. Whoever takes such values from
+/// people refuses them.
 ///
 /// Threads: no lock is taken. Load it before the engine's threads start; then they only query it.
 /// A host that changes it while they run guards it itself.

@@ -208,6 +208,12 @@ public:
     static unsigned long getClassID() { return 0x2BE2BF9B; }
 
 protected:
+    // A list reads the neighbours of its links at every step.
+    template <class>
+    friend class KP_List;
+    template <class>
+    friend class KP_NamedList;
+
     KP_Link<T>* next_ = nullptr;
     KP_Link<T>* previous_ = nullptr;
     KP_Object* element_;

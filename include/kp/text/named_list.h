@@ -55,7 +55,8 @@ private:
     // Every link of this list is made by createLink(), so it is a named one.
     static KP_NamedLink<T>* named(KP_Link<T>* link) { return static_cast<KP_NamedLink<T>*>(link); }
     static bool isNamed(KP_Link<T>* link, const char* name) {
-        return std::strcmp(named(link)->getName(), name) == 0;
+        const char* const own = named(link)->getName();
+        return *own == *name && std::strcmp(own, name) == 0;
     }
     T* findFrom(KP_Link<T>* link, const char* name);
     void nameOrTakeBack(KP_Link<T>* link, const char* name);
@@ -111,7 +112,7 @@ int KP_NamedList<T>::insert(T* element, const char* name) {
     KP_Link<T>* const before = this->current_;
     insert(element);
     const bool onItself = before == nullptr;
-    nameOrTakeBack(onItself ? this->tail_ : before->getPrevious(), name);
+    nameOrTakeBack(onItself ? this->tail_ : before->previous_, name);
     return 0;
 }
 
@@ -129,7 +130,7 @@ int KP_NamedList<T>::setCurrent(T* element) {
 // Moves the cursor to the first link of that name from the given one on, or else to the last link.
 template <class T>
 T* KP_NamedList<T>::findFrom(KP_Link<T>* link, const char* name) {
-    for (; link != nullptr; link = link->getNext()) {
+    for (; link != nullptr; link = link->next_) {
         if (isNamed(link, name)) {
             this->current_ = link;
             return this->getCurrent();
@@ -151,7 +152,7 @@ T* KP_NamedList<T>::findNextByName(const char* name) {
     if (name == nullptr) {
         return this->next();
     }
-    return this->current_ != nullptr ? findFrom(this->current_->getNext(), name) : nullptr;
+    return this->current_ != nullptr ? findFrom(this->current_->next_, name) : nullptr;
 }
 
 template <class T>
@@ -161,7 +162,7 @@ int KP_NamedList<T>::countByName(const char* name) {
         return this->count_;
     }
     int found = 0;
-    for (KP_Link<T>* link = this->head_; link != nullptr; link = link->getNext()) {
+    for (KP_Link<T>* link = this->head_; link != nullptr; link = link->next_) {
         found += isNamed(link, name) ? 1 : 0;
     }
     this->current_ = this->tail_;

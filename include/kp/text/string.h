@@ -15,6 +15,14 @@
 
 class KP_String;
 
+namespace kp::detail {
+
+/// Picks an overload for exactly `char`.
+template <class T>
+using IfChar = std::enable_if_t<std::is_same_v<T, char>, int>;
+
+}  // namespace kp::detail
+
 extern template class KP_API KP_Link<KP_String>;
 extern template class KP_API KP_Key<unsigned long>;
 
@@ -52,7 +60,8 @@ public:
     /// A copy of @p s, or with bit 0 of @p flags a string that borrows @p s itself.
     /// The memory of a borrowed text stays the caller's and outlives the string. A null s is an
     /// empty text with room for 1 character.
-    explicit KP_String(const char* s, int flags = 0);
+    KP_String(const char* s, int flags);
+    explicit KP_String(const char* s) : KP_String(s, 0) {}
     /// A copy of @p s with room for @p extra characters more.
     KP_String(const char* s, unsigned int extra);
     /// A copy of all bytes of @p text.
@@ -219,6 +228,31 @@ public:
     int operator>(const char* s) const { return collate(s) > 0; }
     int operator<=(const char* s) const { return collate(s) <= 0; }
     int operator>=(const char* s) const { return collate(s) >= 0; }
+    /// Text that is not const: without these, comparing the pointers would be as good a match.
+    template <class Char, kp::detail::IfChar<Char> = 0>
+    int operator==(Char* s) const {
+        return collate(s) == 0;
+    }
+    template <class Char, kp::detail::IfChar<Char> = 0>
+    int operator!=(Char* s) const {
+        return collate(s) != 0;
+    }
+    template <class Char, kp::detail::IfChar<Char> = 0>
+    int operator<(Char* s) const {
+        return collate(s) < 0;
+    }
+    template <class Char, kp::detail::IfChar<Char> = 0>
+    int operator>(Char* s) const {
+        return collate(s) > 0;
+    }
+    template <class Char, kp::detail::IfChar<Char> = 0>
+    int operator<=(Char* s) const {
+        return collate(s) <= 0;
+    }
+    template <class Char, kp::detail::IfChar<Char> = 0>
+    int operator>=(Char* s) const {
+        return collate(s) >= 0;
+    }
 
     /// -1, 0 or 1 as this text collates before, with or after @p other; -1 when that is no string.
     int compare(KP_Compare* other, int mode) override;
@@ -330,6 +364,31 @@ inline int operator<=(const char* s, const KP_String& t) {
     return t >= s;
 }
 inline int operator>=(const char* s, const KP_String& t) {
+    return t <= s;
+}
+
+template <class Char, kp::detail::IfChar<Char> = 0>
+int operator==(Char* s, const KP_String& t) {
+    return t == s;
+}
+template <class Char, kp::detail::IfChar<Char> = 0>
+int operator!=(Char* s, const KP_String& t) {
+    return t != s;
+}
+template <class Char, kp::detail::IfChar<Char> = 0>
+int operator<(Char* s, const KP_String& t) {
+    return t > s;
+}
+template <class Char, kp::detail::IfChar<Char> = 0>
+int operator>(Char* s, const KP_String& t) {
+    return t < s;
+}
+template <class Char, kp::detail::IfChar<Char> = 0>
+int operator<=(Char* s, const KP_String& t) {
+    return t >= s;
+}
+template <class Char, kp::detail::IfChar<Char> = 0>
+int operator>=(Char* s, const KP_String& t) {
     return t <= s;
 }
 

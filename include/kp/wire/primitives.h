@@ -18,7 +18,8 @@
 // log line), when the peer closes before the value (without one), and when it closes within the
 // value (an incomplete value is no value). They never take a byte beyond the value.
 // Writers of fixed-size values return 0 when the socket took the whole value at once; otherwise -1,
-// with a log line. Nothing is retried; after -1 the caller gives the connection up.
+// with a log line. Nothing is retried; after -1 the caller gives the connection up. A signal that
+// interrupts the system is no failure.
 //
 // Sockets are blocking ones. A peer that has gone raises no signal.
 //
