@@ -15,6 +15,8 @@
 #include "kp/core/options.h"
 #include "kp/core/processor.h"
 #include "kp/core/reference_counter.h"
+#include "kp/engine/message.h"
+#include "kp/engine/message_handler.h"
 #include "kp/export.h"
 #include "kp/text/key.h"
 #include "kp/text/link.h"

@@ -35,10 +35,10 @@ inline bool hasAvx2() {
 
 /// Whether @p path exists and is a directory.
 bool isDirectory(const char* path);
-/// fopen() with the file closed in programs that this process starts; null with errno on failure.
+/// fopen() with the file closed in programs that this process starts; null with errno on failure. A
+/// directory is refused with EISDIR.
 std::FILE* openFile(const char* path, const char* mode);
-/// openFile() for configuration files: a file that it creates is its owner's alone, and a directory
-/// is refused with EISDIR.
+/// openFile() for configuration files: a file that it creates is its owner's alone.
 std::FILE* openConfigurationFile(const char* path, const char* mode);
 /// Writes the folder of the running program's file to @p folder; false, with an empty folder, when
 /// it is not known or the file's path has @p size characters or more. The separator before the file

@@ -46,14 +46,14 @@ std::FILE* openFile(const char* path, const char* mode) {
         errno = EINVAL;
         return nullptr;
     }
-    return std::fopen(path, closing);
-}
-
-std::FILE* openConfigurationFile(const char* path, const char* mode) {
     if (isDirectory(path)) {
         errno = EISDIR;  // Opening one for reading would succeed, and only reading would fail.
         return nullptr;
     }
+    return std::fopen(path, closing);
+}
+
+std::FILE* openConfigurationFile(const char* path, const char* mode) {
     if (mode[0] != 'w' && mode[0] != 'a') {
         return openFile(path, mode);
     }

@@ -49,6 +49,10 @@ void KP_ThreadList::unlockLifecycle() {
 }
 
 int KP_ThreadList::start() {
+    // Asked before the lock: somebody may join a list that runs, and holds it until that ends.
+    if (running_ != 0) {
+        return 0;
+    }
     if (isOwnThread()) {
         // Whoever holds the lifecycle may be waiting for this very thread, so it cannot be waited
         // for. The wish stands before the attempt, so that one of the two sees the other.

@@ -38,25 +38,42 @@ TEST(StringSearchTest, FindsTheFirstOccurrence) {
     EXPECT_EQ(empty.findSubString(empty, 0), -1);
 }
 
+// Expects every search for a pattern to find what a simple one finds.
+void expectFound(const std::string& haystack, const std::string& needle) {
+    const std::size_t found = needle.empty() ? std::string::npos : haystack.find(needle);
+    const int expected = found == std::string::npos ? -1 : static_cast<int>(found);
+    KP_String s(haystack);
+    ASSERT_EQ(s.findSubString(needle.c_str(), 0), expected) << haystack << "\n" << needle;
+    const std::vector<char> exact(haystack.begin(), haystack.end());
+    ASSERT_EQ(KP_Tools::findPattern(needle.data(), static_cast<int>(needle.size()), exact.data(),
+                                    static_cast<int>(exact.size()), true, 0),
+              expected);
+}
+
 // Few letters make many near misses, and the lengths pass through every way the search takes.
 TEST(StringSearchTest, FindsWhatASimpleSearchFinds) {
     std::mt19937 random(1);
-    for (int i = 0; i < 30000; ++i) {
-        const std::size_t longest = i % 3 == 0 ? 300 : 40;
+    for (int i = 0; i < 10000; ++i) {
         const char* letters = i % 2 == 0 ? "ab" : "abcd\xFF";
-        const std::string haystack = randomText(random, longest, letters);
+        const std::string haystack = randomText(random, i % 3 == 0 ? 300 : 40, letters);
         std::string needle = randomText(random, i % 5 == 0 ? 80 : 8, letters);
         if (i % 4 == 0 && !haystack.empty()) {
             needle = haystack.substr(random() % haystack.size(), random() % 100);
         }
-        const std::size_t found = needle.empty() ? std::string::npos : haystack.find(needle);
-        const int expected = found == std::string::npos ? -1 : static_cast<int>(found);
-        KP_String s(haystack);
-        ASSERT_EQ(s.findSubString(needle.c_str(), 0), expected) << haystack << "\n" << needle;
-        const std::vector<char> exact(haystack.begin(), haystack.end());
-        ASSERT_EQ(KP_Tools::findPattern(needle.data(), static_cast<int>(needle.size()),
-                                        exact.data(), static_cast<int>(exact.size()), true, 0),
-                  expected);
+        expectFound(haystack, needle);
+    }
+    // Repetitions that are broken here and there: long comparisons that come to nothing.
+    for (int i = 0; i < 400; ++i) {
+        const std::string unit = randomText(random, 5, "ab") + "a";
+        std::string haystack;
+        while (haystack.size() < 4000) {
+            haystack += random() % 300 == 0 ? randomText(random, 3, "ab") : unit;
+        }
+        std::string needle = haystack.substr(random() % haystack.size(), random() % 400);
+        if (i % 2 == 0 && !needle.empty()) {
+            needle[random() % needle.size()] ^= 'a' ^ 'b';
+        }
+        expectFound(haystack, needle);
     }
 }
 
@@ -84,8 +101,9 @@ TEST(StringSearchTest, EndsOnHostileInput) {
         {as, "b" + half, false},
         {as, quarter + "b" + quarter, false},
         {as + "b", half + "b", true},
-        {as, quarter + "b" + quarter + "c" + half, false},
-        {abab, abab.substr(0, kHalf) + "bb" + abab.substr(0, kHalf), false},
+        {as, quarter + "b" + half, false},
+        {as, half + "b" + quarter, false},
+        {abab, abab.substr(0, kHalf) + "bb" + abab.substr(0, kHalf / 2), false},
         {abab + "aab", abab.substr(0, kHalf) + "aab", true},
     };
     for (const Case& each : cases) {
@@ -121,7 +139,7 @@ TEST(StringSearchTest, RemovesAlsoWhatARemovalBringsTogether) {
     s.extractSubString(s.view().data() + 3, 2);
     EXPECT_EQ(text(s), "bba");
     std::mt19937 random(2);
-    for (int i = 0; i < 30000; ++i) {
+    for (int i = 0; i < 10000; ++i) {
         std::string model = randomText(random, 60, i % 2 == 0 ? "ab" : "aab");
         const std::string piece = "a" + randomText(random, 5, "ab");
         KP_String each(model);
@@ -225,14 +243,14 @@ TEST(StringSearchTest, MatchesWildcards) {
     EXPECT_FALSE(KP_String("x").wildcardSearch(static_cast<const char*>(nullptr)));
     std::mt19937 random(3);
     int matched = 0;
-    for (int i = 0; i < 100000; ++i) {
+    for (int i = 0; i < 30000; ++i) {
         const std::string each = randomText(random, 12, "ab");
         const std::string pattern = randomText(random, 9, i % 2 == 0 ? "ab%**" : "aab%*");
         ASSERT_EQ(KP_String(each).wildcardSearch(pattern.c_str()), matches(each, pattern))
             << pattern << " " << each;
         matched += matches(each, pattern) ? 1 : 0;
     }
-    EXPECT_GT(matched, 5000);
+    EXPECT_GT(matched, 2000);
 }
 
 }  // namespace

@@ -84,6 +84,16 @@ public:
     int reset() override;
     /// Writes a summary, the password included, to @p file (null: the log); returns 0.
     int print(std::FILE* file) override;
+    /// Sends version, device, port, filter, days, mappings, password and networks to the front end.
+    /// Returns 0, or -1 at the first value that does not go through.
+    int writeJ(int socket) override;
+    /// Receives the same from the front end, which sends applyNetAddress as one byte.
+    /// Mappings held before are given back. Of a mapping the first 63 characters of the type and the
+    /// first 16 extensions, 15 characters each, are kept. More than 5 networks and addresses that are
+    /// none are refused, with a log line. Returns 0; -1 at the first failure: what came before it is
+    /// changed then, and the rest is still unread, so a host receives into a copy and gives such a
+    /// connection up. netAddress follows when the configuration was saved and read again.
+    int readJ(int socket) override;
 
     /// Opens @p fileName in the sub-directory @p dir of the installation directory, as fopen()
     /// does.

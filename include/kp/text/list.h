@@ -477,8 +477,13 @@ int KP_List<T>::clear() {
     const Guard guard(*this);
     options_.set(Options::kDraining);
     while (head_ != nullptr) {
+        const std::int32_t before = count_;
         current_ = head_;
-        KP_List::removeCurrent();
+        removeCurrent();
+        if (count_ == before) {
+            KP_List::
+                removeCurrent();  // A host's own does not remove; the list must empty all the same.
+        }
     }
     options_.clear(Options::kDraining);
     return 0;

@@ -1,0 +1,49 @@
+// libkp: a tree of objects through which messages are passed until one deals with them.
+#pragma once
+
+#include "kp/core/object.h"
+#include "kp/engine/message.h"
+#include "kp/text/list.h"
+
+class KP_MessageHandler;
+
+extern template class KP_API KP_Link<KP_MessageHandler>;
+extern template class KP_API KP_List<KP_MessageHandler>;
+
+/// Offers messages to the handlers in its list, in order, until one answers non-zero.
+///
+/// A class that acts on messages overrides handleMessage() and returns non-zero when it has dealt with
+/// one; it may call the default to pass others on. A plain handler passes everything on, so handlers
+/// in lists of handlers are asked depth first. A handler needs the message only while it is asked;
+/// what it wants to keep it copies.
+///
+/// The list refers to its handlers and never ends one; whoever owns a handler removes it first.
+///
+/// Threads: handlers may be added and removed at any time. Messages are sent through one handler from
+/// one thread at a time, and a handler that is asked neither changes the list of the one that asks
+/// nor sends through it.
+class KP_API KP_MessageHandler : public virtual KP_Object {
+public:
+    KP_MessageHandler();
+    /// A copy starts without handlers.
+    KP_MessageHandler(const KP_MessageHandler& other);
+    /// Leaves the target's handlers as they are.
+    KP_MessageHandler& operator=(const KP_MessageHandler&) { return *this; }
+    ~KP_MessageHandler() override;
+
+    /// Deals with @p message: non-zero when it has. The default is sendMessage().
+    virtual int handleMessage(KP_Message* message);
+    /// Offers @p message to the handlers; returns the first non-zero answer, or 0.
+    virtual int sendMessage(KP_Message* message);
+    /// Adds @p handler at the end, also if it is there already, and is asked twice then; returns 0.
+    virtual int addHandler(KP_MessageHandler* handler);
+    /// Removes one entry of @p handler, if there is one; returns 0.
+    virtual int removeHandler(KP_MessageHandler* handler);
+
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    static unsigned long getClassID() { return 0x07DBE6C3; }
+
+private:
+    KP_List<KP_MessageHandler> handlers_;
+};

@@ -1,0 +1,190 @@
+// The configuration as a message between engine and front end.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kp/config/config.h"
+#include "kp/core/log.h"
+#include "kp/tools/tools.h"
+#include "kp/wire/primitives.h"
+#include "platform/platform.h"
+
+namespace {
+
+constexpr int kLine = 2048;
+constexpr std::uint32_t kNoAddress = 0xFFFFFFFF;
+constexpr std::size_t kFirstRecords = 16;
+
+using MimeType = KP_Config::MimeType;
+
+// Sends a text and a line feed in one piece; 0 or -1.
+int sendText(int socket, const char* text) {
+    char line[kLine];
+    const int length = std::snprintf(line, sizeof line, "%s\n", text);
+    return length < kLine && writeJ_n_chars(socket, line, length) == length ? 0 : -1;
+}
+
+int sendAddress(int socket, std::uint32_t address) {
+    char dotted[16];
+    KP_Tools::IPAddressString(address, dotted);
+    return sendText(socket, dotted);
+}
+
+int sendMimeType(int socket, const MimeType& mime) {
+    const int postfixes = std::min<int>(mime.numOfPostfixes, KP_Config::kMaxPostfixes);
+    if (sendText(socket, mime.type) != 0 ||
+        writeJ_UInt8(socket, static_cast<unsigned char>(postfixes)) != 0) {
+        return -1;
+    }
+    for (int i = 0; i < postfixes; ++i) {
+        if (sendText(socket, mime.postfixes[i]) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// Receives a line into a field and keeps what fits.
+template <std::size_t Size>
+int receiveCut(int socket, char (&field)[Size]) {
+    char line[kLine] = {};
+    if (readJ_line(socket, line, kLine) < 0) {
+        return -1;
+    }
+    line[Size - 1] = '\0';
+    std::memcpy(field, line, Size);
+    return 0;
+}
+
+// Receives a line into a field that takes no more than fits off the connection.
+template <std::size_t Size>
+int receiveField(int socket, char (&field)[Size]) {
+    return readJ_line(socket, field, Size) < 0 ? -1 : 0;
+}
+
+int receiveNumber(int socket, std::uint32_t* number) {
+    unsigned long value = 0;
+    const int result = readJ_UInt32(socket, &value);
+    *number = static_cast<std::uint32_t>(value);
+    return result;
+}
+
+int receiveMimeType(int socket, MimeType& mime) {
+    unsigned char count = 0;
+    mime = {};
+    if (receiveCut(socket, mime.type) != 0 || readJ_UInt8(socket, &count) != 0) {
+        return -1;
+    }
+    // More extensions than there is room for are received and dropped: what follows is still in step.
+    char dropped[sizeof mime.postfixes[0]];
+    for (int i = 0; i < count; ++i) {
+        auto& field = i < KP_Config::kMaxPostfixes ? mime.postfixes[i] : dropped;
+        if (receiveCut(socket, field) != 0) {
+            return -1;
+        }
+    }
+    mime.numOfPostfixes =
+        static_cast<unsigned char>(std::min<int>(count, KP_Config::kMaxPostfixes));
+    return 0;
+}
+
+// Receives an address; @p which is its number in the log line about a malformed one, and
+// @p allOnes says whether 255.255.255.255 is one.
+int receiveAddress(int socket, int which, bool allOnes, std::uint32_t* address) {
+    char line[kLine];
+    if (readJ_line(socket, line, kLine) < 0) {
+        return -1;
+    }
+    *address = kp::platform::parseAddress(line);
+    if (*address == kNoAddress && !(allOnes && std::strcmp(line, "255.255.255.255") == 0)) {
+        KP_Log::ret("hcommand_SET_CONFIG: Malformed IP Address(%d): %s", which, line);
+        return -1;
+    }
+    return 0;
+}
+
+// Makes room for more records as they come: a count alone, which a peer can make up, costs nothing.
+bool makeRoom(MimeType** records, std::size_t used, std::size_t* room, std::size_t atMost) {
+    if (used < *room) {
+        return true;
+    }
+    const std::size_t wanted = std::min(atMost, std::max(kFirstRecords, 2 * *room));
+    auto* larger = static_cast<MimeType*>(std::realloc(*records, wanted * sizeof(MimeType)));
+    if (larger == nullptr) {
+        return false;
+    }
+    *records = larger;
+    *room = wanted;
+    return true;
+}
+
+}  // namespace
+
+int KP_Config::writeJ(int socket) {
+    const int mappings = mimeTypes != nullptr ? numOfMimeTypes : 0;
+    const int nets = std::min<int>(numOfNets, kMaxNets);
+    if (writeJ_UInt32(socket, configVersion) != 0 || sendText(socket, device) != 0 ||
+        writeJ_UInt32(socket, connectionPort) != 0 || sendText(socket, filterProgram) != 0 ||
+        writeJ_UInt32(socket, daysOfDataToKeep) != 0 ||
+        writeJ_UInt16(socket, static_cast<unsigned short>(mappings)) != 0) {
+        return -1;
+    }
+    for (int i = 0; i < mappings; ++i) {
+        if (sendMimeType(socket, mimeTypes[i]) != 0) {
+            return -1;
+        }
+    }
+    if (sendText(socket, password) != 0 || writeJ_Boolean(socket, applyNetAddress) != 0 ||
+        writeJ_UInt16(socket, static_cast<unsigned short>(nets)) != 0) {
+        return -1;
+    }
+    for (int i = 0; i < nets; ++i) {
+        if (sendAddress(socket, exampleAddress[i]) != 0 ||
+            sendAddress(socket, maskAddress[i]) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int KP_Config::readJ(int socket) {
+    unsigned short mappings = 0;
+    if (receiveNumber(socket, &configVersion) != 0 || receiveField(socket, device) != 0 ||
+        receiveNumber(socket, &connectionPort) != 0 || receiveField(socket, filterProgram) != 0 ||
+        receiveNumber(socket, &daysOfDataToKeep) != 0 || readJ_UInt16(socket, &mappings) != 0) {
+        return -1;
+    }
+    KP_Config::reset();
+    std::size_t room = 0;
+    for (std::size_t i = 0; i < mappings; ++i) {
+        if (!makeRoom(&mimeTypes, i, &room, mappings)) {
+            KP_Log::ret("hcommand_SET_CONFIG: Not enough memory.");
+            return -1;
+        }
+        if (receiveMimeType(socket, mimeTypes[i]) != 0) {
+            return -1;
+        }
+        numOfMimeTypes = static_cast<std::uint16_t>(i + 1);
+    }
+
+    int apply = 0;
+    unsigned short nets = 0;
+    if (receiveField(socket, password) != 0 || readJ_Boolean(socket, &apply) != 0 ||
+        readJ_UInt16(socket, &nets) != 0) {
+        return -1;
+    }
+    applyNetAddress = apply;
+    if (nets > kMaxNets) {
+        KP_Log::ret("hcommand_SET_CONFIG: more than %d networks", kMaxNets);
+        return -1;
+    }
+    numOfNets = nets;
+    for (int i = 0; i < nets; ++i) {
+        if (receiveAddress(socket, 1, false, &exampleAddress[i]) != 0 ||
+            receiveAddress(socket, 2, true, &maskAddress[i]) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
