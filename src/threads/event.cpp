@@ -7,28 +7,33 @@
 
 namespace {
 
-constexpr std::uint32_t kSignal = 1;
-constexpr std::uint32_t kWaiter = 1U << 16;
+constexpr std::uint64_t kSignal = 1;
+constexpr std::uint64_t kWaiter = std::uint64_t{1} << 16;
+constexpr std::uint64_t kNumber = std::uint64_t{1} << 32;
 
-std::uint32_t signalsIn(std::uint32_t state) {
+std::uint64_t signalsIn(std::uint64_t state) {
     return state & (kWaiter - 1);
 }
 
-std::uint32_t waitersIn(std::uint32_t state) {
-    return state >> 16;
+std::uint64_t waitersIn(std::uint64_t state) {
+    return (state & (kNumber - 1)) >> 16;
+}
+
+std::uint32_t numberIn(std::uint64_t state) {
+    return static_cast<std::uint32_t>(state >> 32);
 }
 
 }  // namespace
 
 KP_Event::~KP_Event() = default;
 
-void KP_Event::announce() {
-    state_.fetch_add(kWaiter, std::memory_order_seq_cst);
+std::uint32_t KP_Event::announce() {
+    return numberIn(state_.fetch_add(kWaiter, std::memory_order_seq_cst));
 }
 
-// Takes a signal, and this thread out of the waiting ones; false when there is no signal.
-bool KP_Event::take(std::uint32_t* state) {
-    while (signalsIn(*state) > 0) {
+// Takes a signal, and this thread out of the waiting ones; false when there is none for it.
+bool KP_Event::take(std::uint64_t* state, std::uint32_t last) {
+    while (signalsIn(*state) > 0 && numberIn(*state) != last) {
         if (state_.compare_exchange_weak(*state, *state - kWaiter - kSignal,
                                          std::memory_order_acquire, std::memory_order_relaxed)) {
             return true;
@@ -37,34 +42,32 @@ bool KP_Event::take(std::uint32_t* state) {
     return false;
 }
 
-int KP_Event::waitAnnounced(int milliseconds) {
+int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
     kp::platform::Deadline deadline;
     if (milliseconds > 0) {
         deadline = kp::platform::deadlineIn(milliseconds);
     }
     bool inTime = true;
-    std::uint32_t state = state_.load(std::memory_order_relaxed);
     for (;;) {
-        if (take(&state)) {
+        const std::uint32_t bell = bell_.load(std::memory_order_acquire);
+        std::uint64_t state = state_.load(std::memory_order_relaxed);
+        if (take(&state, last)) {
             return 0;
         }
         if (!inTime) {
-            // Only a state without a signal may be left: a signal given meanwhile is this thread's.
             if (state_.compare_exchange_weak(state, state - kWaiter, std::memory_order_relaxed)) {
                 return -1;
             }
             continue;
         }
-        inTime =
-            kp::platform::waitWhileEqual(state_, state, milliseconds > 0 ? &deadline : nullptr);
-        state = state_.load(std::memory_order_relaxed);
+        inTime = kp::platform::waitWhileEqual(bell_, bell, milliseconds > 0 ? &deadline : nullptr);
     }
 }
 
 void KP_Event::withdraw() {
-    std::uint32_t state = state_.load(std::memory_order_relaxed);
+    std::uint64_t state = state_.load(std::memory_order_relaxed);
     // A signal that was meant for this thread goes with it when nobody else is there to take it.
-    std::uint32_t next = 0;
+    std::uint64_t next = 0;
     do {
         next = state - kWaiter;
         if (signalsIn(next) > waitersIn(next)) {
@@ -74,8 +77,7 @@ void KP_Event::withdraw() {
 }
 
 int KP_Event::wait(KP_Mutex*, int milliseconds) {
-    announce();
-    return waitAnnounced(milliseconds);
+    return waitAnnounced(announce(), milliseconds);
 }
 
 int KP_Event::numWaiting() {
@@ -83,13 +85,17 @@ int KP_Event::numWaiting() {
 }
 
 int KP_Event::signal() {
-    std::uint32_t state = state_.load(std::memory_order_seq_cst);
+    std::uint64_t state = state_.load(std::memory_order_seq_cst);
+    std::uint64_t next = 0;
     do {
-        if (signalsIn(state) >= waitersIn(state)) {
+        if (waitersIn(state) == 0) {
             return 0;
         }
-    } while (!state_.compare_exchange_weak(state, state + kSignal, std::memory_order_seq_cst));
-    if (!kp::platform::wakeOne(state_)) {
+        // Kept signals may be for threads that have gone: the new number makes them everybody's.
+        next = state + kNumber + (signalsIn(state) < waitersIn(state) ? kSignal : 0);
+    } while (!state_.compare_exchange_weak(state, next, std::memory_order_seq_cst));
+    bell_.fetch_add(1, std::memory_order_release);
+    if (!kp::platform::wakeOne(bell_)) {
         std::fprintf(stderr, "setEvent %d", -1);
         std::exit(1);
     }

@@ -5,9 +5,9 @@ KP_ReaderWriterMutex::~KP_ReaderWriterMutex() = default;
 // Called with the mutex held, returns with it held. The waiting thread is counted before the mutex
 // is let go, so that a release in between finds it.
 void KP_ReaderWriterMutex::waitForRelease() {
-    event_.announce();
+    const std::uint32_t last = event_.announce();
     mutex_.unlock();
-    event_.waitAnnounced(0);
+    event_.waitAnnounced(last, 0);
     mutex_.lock();
 }
 

@@ -32,13 +32,11 @@ struct KP_Thread::Loop {
     }
 
     // On the new thread, first thing.
-    void begin() {
+    bool begin() {
         const Guard guard(lock);
         id = kp::platform::currentThread();
         begun = true;
-        if (abandoned) {
-            kp::platform::abandonWork(id);
-        }
+        return !abandoned;
     }
     // On the new thread, last thing: nobody may ask the system for the thread afterwards.
     void end() {
@@ -91,8 +89,8 @@ KP_Thread& KP_Thread::operator=(const KP_Thread& other) {
     function_ = other.function_.load();
     arg_ = other.arg_.load();
     arg2_ = other.arg2_.load();
-    iterationLimit_ = other.iterationLimit_;
-    iterationCount_ = other.iterationCount_;
+    iterationLimit_ = other.iterationLimit_.load();
+    iterationCount_ = other.iterationCount_.load();
     sleepInterval_ = other.sleepInterval_.load();
     hardStop_ = other.hardStop_.load();
     return *this;
@@ -138,10 +136,19 @@ int KP_Thread::start(void (*function)(void*), void* arg) {
 }
 
 int KP_Thread::start() {
+    const kp::detail::Abandonable shield(false);
     const std::lock_guard<KP_Mutex> guard(*this);
     if (handle_) {
         continue_ = 1;
         return 0;
+    }
+    // The last loop may be on its way out still, and whoever destroys the object waits for one.
+    if (Loop* last = currentLoop()) {
+        if (!last->isCurrentThread()) {
+            const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
+            last->waitForEnd(&deadline);
+        }
+        Loop::drop(last);
     }
     void* memory = KP_Object::operator new(sizeof(Loop));
     if (memory == nullptr) {
@@ -170,9 +177,14 @@ int KP_Thread::start() {
 void KP_Thread::enter(void* memory) {
     auto* loop = static_cast<Loop*>(memory);
     KP_Thread* const thread = loop->thread;
-    loop->begin();
-    if (!kp::platform::runWork(asyncCallback, thread)) {
-        thread->leaveLoop();
+    if (loop->begin()) {
+        if (!kp::platform::runWork(asyncCallback, thread)) {
+            thread->leaveLoop();
+        } else if (thread->isLoopOf(loop)) {
+            // A run() of a derived class has left it to us.
+            thread->handle_ = false;
+            thread->signalJoiners();
+        }
     }
     thread->release();
     loop->end();
@@ -197,8 +209,7 @@ int KP_Thread::run() {
         if (result != 0) {
             KP_Log::debug("Error in: KP_Consumer::run()\n");
         }
-        iterationCount_ =
-            static_cast<std::int32_t>(static_cast<std::uint32_t>(iterationCount_) + 1);
+        ++iterationCount_;  // Wraps.
     }
     leaveLoop();
     return 0;
@@ -234,10 +245,18 @@ int KP_Thread::work() {
 // Wakes all joiners and gives up the loop's reference. The handle is clear before, so that a joiner
 // either sees that or is woken.
 void KP_Thread::leaveLoop() {
+    signalJoiners();
+    release();
+}
+
+void KP_Thread::signalJoiners() {
     for (int joiners = event_.numWaiting(); joiners > 0; --joiners) {
         joinSignal();
     }
-    release();
+}
+
+bool KP_Thread::isLoopOf(const Loop* loop) {
+    return handle_ && loop_ == loop;
 }
 
 int KP_Thread::doTask() {
@@ -320,6 +339,7 @@ int KP_Thread::join(KP_Mutex*, int) {
     if (isOwnLoop()) {
         return -1;
     }
+    Loop* const loop = currentLoop();
     int result = 0;
     std::unique_lock<KP_Mutex> guard(*this);
     while (handle_) {
@@ -327,9 +347,9 @@ int KP_Thread::join(KP_Mutex*, int) {
         if (sleeping_ != 0) {
             joinSignal();
         }
-        event_.announce();
+        const std::uint32_t last = event_.announce();
         if (handle_) {
-            result = event_.waitAnnounced(kJoinSlice);
+            result = event_.waitAnnounced(last, kJoinSlice);
         } else {
             event_.withdraw();
             result = 0;
@@ -342,21 +362,28 @@ int KP_Thread::join(KP_Mutex*, int) {
             guard.lock();
         }
     }
+    guard.unlock();
+    // The loop has one step left, giving up its reference; whoever has joined may destroy the object.
+    if (loop != nullptr) {
+        const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
+        loop->waitForEnd(&deadline);
+    }
+    Loop::drop(loop);
     return result;
 }
 
+// Without the lock, which a loop that polls this could leave locked when it is ended by force.
 int KP_Thread::isRunning() {
-    const std::lock_guard<KP_Mutex> guard(*this);
     return continue_;
 }
 
 int KP_Thread::sleep(int seconds) {
     const kp::detail::Abandonable shield(false);
     sleeping_ = 1;
-    event_.announce();
+    const std::uint32_t last = event_.announce();
     // A stop that came before this thread was counted has signalled in vain.
     if (continue_ != 0) {
-        event_.waitAnnounced(std::max(1, std::min(seconds, kLongestSleep) * 1000));
+        event_.waitAnnounced(last, std::max(1, std::min(seconds, kLongestSleep) * 1000));
     } else {
         event_.withdraw();
     }

@@ -49,9 +49,8 @@ void KP_ThreadList::unlockLifecycle() {
 }
 
 int KP_ThreadList::start() {
-    // Asked before the lock: somebody may join a list that runs, and holds it until that ends.
     if (running_ != 0) {
-        return 0;
+        return 0;  // Also while somebody joins the running list.
     }
     if (isOwnThread()) {
         // Whoever holds the lifecycle may be waiting for this very thread, so it cannot be waited
@@ -60,11 +59,15 @@ int KP_ThreadList::start() {
         if (!lifecycle_.try_lock()) {
             return 0;
         }
+        if (!changing_.try_lock()) {
+            lifecycle_.unlock();
+            return 0;
+        }
         startWanted_ = false;
     } else {
         lifecycle_.lock();
+        changing_.lock();
     }
-    changing_.lock();
     if (running_ == 0) {
         for (KP_Thread* thread : elements()) {
             if (thread->start() != 0) {
@@ -79,20 +82,38 @@ int KP_ThreadList::start() {
 }
 
 int KP_ThreadList::stop() {
+    return stopThreads(nullptr);
+}
+
+// The event is signalled when the list does not run any more and the threads are told next.
+int KP_ThreadList::stopThreads(KP_Event* event) {
     // A thread that stops itself by force does not come back, so it must hold no lock then.
     KP_Thread* self = nullptr;
+    bool forced = false;
     {
         const std::lock_guard<KP_Mutex> guard(changing_);
         if (running_.exchange(0) == 0) {
             return 0;
         }
-        for (KP_Thread* thread : elements()) {
+        if (event != nullptr) {
+            event->signal();
+        }
+        // Not under the list's lock: a thread that is ended by force may need the list before it ends.
+        int position = 0;
+        for (KP_Thread* thread = referenceTo(position); thread != nullptr;
+             thread = referenceTo(++position)) {
+            forced = forced || thread->hardStop_ != 0;
             if (thread->isOwnLoop()) {
                 self = thread;
             } else if (thread->stop() != 0) {
                 KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
             }
+            thread->release();
         }
+    }
+    // What one of the threads asked for meanwhile; the wish of one that was ended by force ends too.
+    if (startWanted_.exchange(false) && !forced) {
+        start();
     }
     if (self != nullptr && self->stop() != 0) {
         KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");

@@ -56,8 +56,6 @@ KP_ThreadPool::KP_ThreadPool(int threads) : threads_(threads), queue_(new Queue)
 
 KP_ThreadPool::~KP_ThreadPool() {
     closing_ = true;
-    KP_ThreadPool::stop();
-    join(nullptr, 0);
     KP_ThreadPool::reset();
     queue_->release();
 }
@@ -72,6 +70,7 @@ KP_Task* KP_ThreadPool::createTask(void (*function)(void*), void* arg, int id) {
 }
 
 int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
+    const kp::detail::Abandonable shield(false);
     KP_Task* task = createTask(function, arg, id);
     bool running = false;
     {
@@ -94,13 +93,11 @@ int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
     return 0;
 }
 
-// The worker that waits for work looks at the queue after it was counted as waiting, and made
-// itself the current worker before: a task that it did not see finds it here.
+// The one worker that waits looks at the queue after it was counted as waiting: a task that it did
+// not see finds it here. It waits on the pool's own event, since a thread's event also wakes those
+// who join it, and a signal for the worker could go to one of them.
 void KP_ThreadPool::wakeWorker() {
-    KP_Thread* worker = currentWorker_;
-    if (worker != nullptr) {
-        worker->joinSignal();
-    }
+    work_.signal();
 }
 
 int KP_ThreadPool::addThread() {
@@ -128,18 +125,18 @@ void KP_ThreadPool::asyncCallback(void* worker) {
 }
 
 // Waits as the current worker until there may be a task; false when the pool is to stop.
-bool KP_ThreadPool::waitForTask(KP_Thread* worker) {
+bool KP_ThreadPool::waitForTask() {
     while (isRunning() != 0) {
         if (!queue_->isEmpty()) {
             return true;
         }
-        worker->event_.announce();
+        const std::uint32_t last = work_.announce();
         if (!queue_->isEmpty() || isRunning() == 0) {
-            worker->event_.withdraw();
+            work_.withdraw();
             continue;
         }
-        worker->event_.waitAnnounced(autoStop_ != 0 ? kIdleLimit : 0);
-        if (autoStop_ != 0) {
+        const bool limited = autoStop_ != 0;
+        if (work_.waitAnnounced(last, limited ? kIdleLimit : 0) != 0 && limited) {
             stopIfIdle();
         }
     }
@@ -155,11 +152,11 @@ void KP_ThreadPool::stopIfIdle() {
 
 int KP_ThreadPool::doTask(KP_Thread* worker) {
     const kp::detail::Abandonable shield(false);
+    worker->task_ = KP_Thread::kNoTask;  // The last one may have been broken off.
     KP_Task* task = nullptr;
     {
         const std::lock_guard<KP_Mutex> guard(poolLock_);
-        currentWorker_ = worker;
-        if (waitForTask(worker)) {
+        if (waitForTask()) {
             task = queue_->take(worker);
         }
     }
@@ -191,6 +188,7 @@ bool KP_ThreadPool::runsTask(int id) {
 }
 
 int KP_ThreadPool::removeTasksByID(int id) {
+    const kp::detail::Abandonable shield(false);
     const bool inside = isOwnThread();
     for (bool done = false; !done;) {
         std::unique_lock<KP_Mutex> guard(*queue_);
@@ -202,11 +200,13 @@ int KP_ThreadPool::removeTasksByID(int id) {
                 task = queue_->next();
             }
         }
+        const std::uint32_t last = taskEnded_.announce();
         done = inside || !runsTask(id);
-        if (!done) {
-            taskEnded_.announce();
-            guard.unlock();
-            taskEnded_.waitAnnounced(kTaskSlice);
+        guard.unlock();
+        if (done) {
+            taskEnded_.withdraw();
+        } else {
+            taskEnded_.waitAnnounced(last, kTaskSlice);
         }
     }
     return start();
@@ -234,19 +234,23 @@ int KP_ThreadPool::init() {
 
 int KP_ThreadPool::reset() {
     // A worker without its pool would run into nothing, so none may be left.
-    if (isRunning() != 0) {
-        stop();
-        join(nullptr, 0);
-    }
-    currentWorker_ = nullptr;
+    const bool closing = closing_.exchange(true);
+    KP_ThreadPool::stop();
+    join(nullptr, 0);
     queue_->clear();
     clear();
+    closing_ = closing;
     return 0;
 }
 
+int KP_ThreadPool::start() {
+    const kp::detail::Abandonable shield(false);
+    return closing_ ? 0 : KP_ThreadList::start();
+}
+
 int KP_ThreadPool::stop() {
-    currentWorker_ = nullptr;
-    return KP_ThreadList::stop();
+    const kp::detail::Abandonable shield(false);
+    return stopThreads(&work_);
 }
 
 KP_ThreadPool* KP_ThreadPool::create() {

@@ -480,9 +480,8 @@ int KP_List<T>::clear() {
         const std::int32_t before = count_;
         current_ = head_;
         removeCurrent();
-        if (count_ == before) {
-            KP_List::
-                removeCurrent();  // A host's own does not remove; the list must empty all the same.
+        if (count_ == before) {  // A host's own does not remove; the list must empty all the same.
+            KP_List::removeCurrent();
         }
     }
     options_.clear(Options::kDraining);

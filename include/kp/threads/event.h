@@ -50,12 +50,15 @@ private:
     // wait() in two steps, for classes that test a condition between being counted and sleeping,
     // so that a signal that comes in between is not lost. A thread that was counted must wait, or
     // take itself out again.
-    void announce();
-    int waitAnnounced(int milliseconds);
+    // announce() returns the number of the last signal, which this thread is too late for.
+    std::uint32_t announce();
+    int waitAnnounced(std::uint32_t last, int milliseconds);
     void withdraw();
 
-    bool take(std::uint32_t* state);
+    bool take(std::uint64_t* state, std::uint32_t last);
 
-    // Low half: signals given and not yet taken; high half: waiting threads, at least as many.
-    std::atomic<std::uint32_t> state_{0};
+    // From the low end: 16 bits of signals given and not yet taken, 16 bits of waiting threads, at
+    // least as many, and the number of the last signal.
+    std::atomic<std::uint64_t> state_{0};
+    std::atomic<std::uint32_t> bell_{0};  // Changes with every signal; waiting threads sleep on it.
 };

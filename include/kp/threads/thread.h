@@ -96,6 +96,8 @@ private:
     bool goesOn();
     int work();
     void leaveLoop();
+    void signalJoiners();
+    bool isLoopOf(const Loop* loop);
     void endByForce();
     bool isOwnLoop();
     Loop* currentLoop();
@@ -103,8 +105,8 @@ private:
     std::atomic<void (*)(void*)> function_;
     std::atomic<void*> arg_;
     std::atomic<void*> arg2_{nullptr};
-    std::int32_t iterationLimit_ = 0;
-    std::int32_t iterationCount_ = 0;
+    std::atomic<std::int32_t> iterationLimit_{0};
+    std::atomic<std::int32_t> iterationCount_{0};
     std::atomic<std::int32_t> sleepInterval_{0};
     std::atomic<std::int32_t> continue_{1};
     std::atomic<std::int32_t> hardStop_{0};

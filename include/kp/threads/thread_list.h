@@ -56,6 +56,7 @@ public:
 protected:
     /// Whether the caller runs on one of the list's threads.
     bool isOwnThread();
+    int stopThreads(KP_Event* event);
 
 private:
     KP_Thread* referenceTo(int position);

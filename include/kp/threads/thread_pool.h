@@ -26,7 +26,8 @@ extern template class KP_API KP_List<KP_Task>;
 /// A hard stop of a worker can break off a task, never the pool's own code; the task is lost.
 ///
 /// Destroying the pool stops it and waits for its workers, also when it was stopped before; tasks
-/// that have not begun are released without having run. No task may destroy its own pool.
+/// that have not begun are released without having run. A class that overrides what workers call
+/// (doTask(), stop()) calls reset() in its own destructor. No task may destroy its own pool.
 ///
 /// Threads: every operation may be called from any thread, and from a task.
 class KP_API KP_ThreadPool : public virtual KP_ThreadList {
@@ -60,6 +61,7 @@ public:
     /// Stops the pool if it runs and waits for its workers, then releases all queued tasks and all
     /// workers; returns 0. init() makes new ones.
     int reset() override;
+    int start() override;
     /// Tells the workers to end, each after the task that it runs. Returns 0.
     int stop() override;
 
@@ -71,14 +73,14 @@ public:
 private:
     class Queue;
 
-    bool waitForTask(KP_Thread* worker);
+    bool waitForTask();
     void stopIfIdle();
     void wakeWorker();
     bool runsTask(int id);
 
     std::int32_t threads_;
     Queue* queue_;
-    std::atomic<KP_Thread*> currentWorker_{nullptr};
+    KP_Event work_;  // The worker that waits for a task waits here.
     KP_Mutex poolLock_;
     KP_Event taskEnded_;
     std::atomic<std::int32_t> autoStop_{0};
