@@ -106,6 +106,15 @@ KP_Thread::~KP_Thread() {
         Loop::drop(loop);
     }
     Loop::drop(loop_.load());
+    endTask();
+}
+
+void KP_Thread::endTask() {
+    task_ = kNoTask;
+    if (taskObject_ != nullptr) {
+        taskObject_->release();
+        taskObject_ = nullptr;
+    }
 }
 
 // The loop of the last start(), with a share in it for the caller; null before the first start().

@@ -40,6 +40,7 @@ public:
         keepLink(link);
         if (task != nullptr) {
             worker->task_ = task->getID();
+            worker->taskObject_ = task;
         }
         return task;
     }
@@ -152,7 +153,7 @@ void KP_ThreadPool::stopIfIdle() {
 
 int KP_ThreadPool::doTask(KP_Thread* worker) {
     const kp::detail::Abandonable shield(false);
-    worker->task_ = KP_Thread::kNoTask;  // The last one may have been broken off.
+    worker->endTask();  // The last one may have been broken off.
     KP_Task* task = nullptr;
     {
         const std::lock_guard<KP_Mutex> guard(poolLock_);
@@ -169,8 +170,7 @@ int KP_ThreadPool::doTask(KP_Thread* worker) {
     } catch (...) {
         KP_Log::ret("KP_ThreadPool: task %d ended with an exception", task->getID());
     }
-    task->release();
-    worker->task_ = KP_Thread::kNoTask;
+    worker->endTask();
     for (int waiting = taskEnded_.numWaiting(); waiting > 0; --waiting) {
         taskEnded_.signal();
     }

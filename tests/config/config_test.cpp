@@ -67,37 +67,6 @@ TEST(ConfigTest, NamesFitOrAreRefused) {
     EXPECT_STREQ(config.name, "nnnnnnn");
 }
 
-TEST(ConfigTest, PrintShowsEverything) {
-    kp::test::Installation site;
-    Loaded<KP_Config> config(site);
-    std::strcpy(config.databaseDir, "/db");
-    std::strcpy(config.device, "eth0");
-    config.connectionPort = 4294967295;
-    config.daysOfDataToKeep = 2147483648;
-    config.numOfIPRanges = 1;
-    config.ipRanges[0] = {0x0A000001, 0x0A0000FF};
-    site.openLog();
-    EXPECT_EQ(config.print(nullptr), 0);
-    EXPECT_EQ(site.newLog(),
-              "General Configuration\n"
-              "---------------------\n"
-              "databaseDir          = '/db'\n"
-              "device               = 'eth0'\n"
-              "filterProgram        = 'tcp port 80'\n"
-              "netStatsEnabled      = '1'\n"
-              "connectionPort       = 4294967295\n"
-              "daysOfDataToKeep     = 2147483648\n"
-              "\n"
-              "  IP Ranges: # = 1\n"
-              "    10.0.0.1  10.0.0.255\n"
-              "\n"
-              "  MIME types: # = 2\n"
-              "      Text/HTML ( htm html )\n"
-              "      x/none ( )\n"
-              "\n" +
-                  kSample.substr(kSample.find("# Root user")));
-}
-
 TEST(ConfigTest, CopiesHaveTheirOwnMappings) {
     const kp::test::Installation site;
     Loaded<KP_ConfigAdmin> first(site);

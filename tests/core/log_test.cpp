@@ -148,21 +148,4 @@ TEST_F(LogTest, TellsErrnoInWords) {
     EXPECT_STREQ(KP_Log::sys_err_str(), "(errno = 2)");
 }
 
-TEST_F(LogTest, ExceptionsOwnTheirTextsAndPrintToTheLog) {
-    site_.openLog();
-    std::string text = "bad";
-    KP_Exception first(5, text.c_str(), "x", 7);
-    text[0] = 'X';
-    KP_Exception second;
-    second = KP_Exception(first);
-    const KP_Exception& same = second;
-    second = same;
-    first = KP_Exception(-1, nullptr, "only a file");
-    EXPECT_EQ(second.print(nullptr), 0);
-    EXPECT_EQ(second.err(), 5);
-    first.print(nullptr);
-    EXPECT_EQ(site_.newLog(),
-              "Error=5 Text=bad File=x Line=7\nError=-1 Text=(none) File=only a file Line=0\n");
-}
-
 }  // namespace

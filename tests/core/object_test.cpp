@@ -13,6 +13,11 @@
 #include "kp/core/compare.h"
 #include "kp/core/processor.h"
 #include "kp/core/reference_counter.h"
+#include "kp/engine/message_handler.h"
+#include "kp/text/named_string_list.h"
+#include "kp/threads/counter.h"
+#include "kp/threads/reader_writer_mutex.h"
+#include "kp/threads/thread_pool.h"
 
 namespace {
 
@@ -28,6 +33,11 @@ struct Identity {
     unsigned long itsID;
     KP_Object* object;
     std::map<unsigned long, void*> views;
+};
+
+class Pool : public KP_ThreadPool {
+public:
+    Pool() : KP_ThreadPool(1) {}
 };
 
 // A new T, and what it can be seen as.
@@ -49,6 +59,25 @@ TEST(IdentityTest, EveryClassHasItsNameAndAnswersToExactlyItsIdentifiers) {
         is<KP_Config, KP_Object>(0x2BE2BF78, "KP_Object"),
         is<KP_ConfigAdmin, KP_Object>(0x2BE2BF78, "KP_Object"),
         is<KP_ConfigDef, KP_Object>(0x2BE2BF78, "KP_Object"),
+        is<KP_String, KP_String, KP_Link<KP_String>, KP_Compare, KP_Object, KP_Key<unsigned long>,
+           KP_CalcHash>(0x2371E481, "KP_String"),
+        is<KP_Link<KP_Task>, KP_Link<KP_Task>, KP_Compare, KP_Object>(0x2BE2BF9B, "KP_Link"),
+        is<KP_NamedLink<KP_Task>, KP_NamedLink<KP_Task>, KP_Link<KP_Task>, KP_Compare, KP_Object>(
+            0x2BE2BF9C, "KP_NamedLink<T>"),
+        is<KP_List<KP_Task>, KP_List<KP_Task>, KP_Object>(0x2BE2BF9D, "KP_List"),
+        is<KP_NamedStringList, KP_List<KP_String>, KP_Object>(0x2BE2BF9D, "KP_List"),
+        is<KP_Mutex, KP_Mutex, KP_Object>(0x2BE2BF7A, "KP_Mutex"),
+        is<KP_Event, KP_Event, KP_Object>(0x2BE2BF7B, "KP_Event"),
+        is<KP_Counter, KP_Counter, KP_Object>(0x2BE2BF7C, "KP_Counter"),
+        is<KP_ReaderWriterMutex, KP_Object>(0x2BE2BF78, "KP_Object"),
+        is<KP_Runnable, KP_Runnable, KP_Object>(0x2BE2BFA3, "KP_Runnable"),
+        is<KP_Thread, KP_Thread, KP_Runnable, KP_Object, KP_ReferenceCounter>(0x2BE2BFA4,
+                                                                              "KP_Thread"),
+        is<KP_ThreadList, KP_ThreadList, KP_Runnable, KP_Object>(0x2BE2BFB6, "KP_ThreadList"),
+        is<Pool, KP_ThreadList, KP_Runnable, KP_Object>(0x2BE2BFB6, "KP_ThreadList"),
+        is<KP_Task, KP_Object>(0x2BE2BF78, "KP_Object"),
+        is<KP_Message, KP_Object>(0x2BE2BF78, "KP_Object"),
+        is<KP_MessageHandler, KP_MessageHandler>(0x07DBE6C3, "KP_MessageHandler"),
     };
     for (const Identity& each : classes) {
         SCOPED_TRACE(each.name);

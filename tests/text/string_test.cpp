@@ -142,36 +142,6 @@ TEST(StringTest, ChangesOwnAndBorrowedTextAndIsAsItWasWithoutMemory) {
     }
 }
 
-TEST(StringTest, MovesItsTextButNotTheLoan) {
-    KP_String source("a text", 0);
-    const char* place = source;
-    KP_String target(std::move(source));
-    EXPECT_EQ(textOf(target), place);
-    EXPECT_TRUE(holds(source &= "again", "again"));  // NOLINT(bugprone-use-after-move)
-    target = KP_String("a text", 40U);               // collates equal, so the buffer stays
-    target = static_cast<const KP_String&>(KP_String("a text"));
-    target = static_cast<const char*>(target);
-    target = KP_String("fits");
-    EXPECT_EQ(textOf(target), place);
-
-    char lent[] = "lent";
-    KP_String borrowing(lent, 1);
-    borrowing = KP_String("lent");
-    borrowing = static_cast<const KP_String&>(KP_String("lent"));
-    EXPECT_EQ(textOf(borrowing), lent);
-    const KP_String copy(std::move(borrowing));
-    target = KP_String(lent, 1);
-    KP_String lost(lent, 1);
-    const KP_String kept = [&] {
-        const FailingMalloc failing(1, FailingMalloc::kFromThenOn);
-        return KP_String(std::move(lost));  // no memory: the loan itself moves
-    }();
-    lent[0] = 'x';
-    EXPECT_TRUE(holds(copy, "lent"));
-    EXPECT_TRUE(holds(target, "lent"));
-    EXPECT_EQ(textOf(kept), lent);
-}
-
 TEST(StringTest, JoinsAndRemoves) {
     const char* const none = nullptr;
     const KP_String abc("abc", 0);
@@ -422,29 +392,5 @@ public:
     KP_Object* copy() override { return this; }
     void startOver() { newBuffer(2); }
 };
-
-TEST(StringTest, IsWhatItsBasesAre) {
-    HostString host;
-    KP_String plain("plain", 0);
-    EXPECT_STREQ(host.getClassName(), "KP_String");
-    EXPECT_EQ(host.getKey(), 0xFFFFFFFF);
-    EXPECT_EQ(host.getElement(), &host);
-    EXPECT_EQ(kp::detail::viewAs<HostString>(&host), &host);
-    EXPECT_EQ(kp::detail::viewAs<HostString>(&plain), nullptr);
-    EXPECT_EQ(kp::detail::compareObjects(&host, &plain, 1), 101);
-    void* view = nullptr;
-    EXPECT_EQ(host.queryInterface(KP_CalcHash::getClassID(), &view), 0);
-    EXPECT_EQ(static_cast<KP_CalcHash*>(view)->calcHash(1), 42);
-    EXPECT_EQ(static_cast<KP_String&>(host).copy(), &host);
-    EXPECT_EQ(static_cast<KP_String&>(host).copy(&plain), 0);
-    EXPECT_TRUE(holds(host, "host"));
-    host.startOver();
-    EXPECT_TRUE(holds(host, ""));
-    plain.linkAfter(&host);
-    EXPECT_EQ(plain.init() + plain.countChain(), 1);
-    KP_Object* copied = plain.copy();
-    EXPECT_TRUE(holds(*kp::detail::viewAs<KP_String>(copied), "plain"));
-    release(copied);
-}
 
 }  // namespace

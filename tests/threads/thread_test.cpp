@@ -180,43 +180,6 @@ TEST(ThreadTest, LivesUntilItsLoopHasEndedThoughItsOwnerLetGo) {
     EXPECT_TRUE(until([] { return Counted::alive == 0; }));
 }
 
-// Leaves its loop, the first time, when it is told to.
-class SlowToLeave : public KP_Thread {
-public:
-    void release() override {
-        for (const bool first = leaving++ == 0; first && !open;) {
-            std::this_thread::yield();
-        }
-        KP_Thread::release();
-    }
-    static inline Count leaving{0};
-    static inline std::atomic<bool> open{false};
-};
-
-TEST(ThreadTest, IsNotDestroyedUnderALoopThatIsOnItsWayOut) {
-    SlowToLeave::leaving = 0;
-    SlowToLeave::open = false;
-    std::atomic<bool> gone{false};
-    together(2, [&](int i) {
-        if (i == 0) {
-            SlowToLeave thread;
-            for (int starts = 0; starts < 2; ++starts) {
-                thread.start();
-                end(thread);
-                EXPECT_TRUE(until([] { return SlowToLeave::leaving > 0; }));
-            }
-        } else {
-            EXPECT_TRUE(until([] { return SlowToLeave::leaving > 0; }));
-            for (int n = 0; n < 10000; ++n) {
-                std::this_thread::yield();
-            }
-            EXPECT_FALSE(gone);
-            SlowToLeave::open = true;
-        }
-        gone = i == 0;
-    });
-}
-
 // What a thread may hang in.
 struct Trap {
     Count entered{0};
@@ -310,29 +273,6 @@ TEST_F(ThreadLogTest, AnIterationThatFailsIsLoggedAndTheLoopGoesOn) {
         thread.join(nullptr, 0);
         EXPECT_EQ(site_.newLog(), line + line + line);
     }
-}
-
-TEST_F(ThreadLogTest, AListEndsTheProcessForAThreadThatCannotBeStartedOrStopped) {
-    class Refusing : public KP_Thread {
-    public:
-        int start() override { return startResult; }
-        int stop() override { return -1; }
-        int join(KP_Mutex*, int) override { return -1; }
-        int startResult = -1;
-    };
-    site_.openLog();
-    auto* thread = new Refusing;
-    KP_ThreadList list;
-    list.append(thread);
-    kp::test::expectQuit(
-        site_, [&] { list.start(); }, "KP_ThreadList::start: Error starting a thread");
-    thread->startResult = 0;
-    EXPECT_EQ(list.start(), 0);
-    kp::test::expectQuit(
-        site_, [&] { list.stop(); }, "KP_ThreadList::stop: Error stopping a thread");
-    EXPECT_EQ(list.join(nullptr, 0), 0);
-    EXPECT_EQ(site_.newLog(), "KP_ThreadList::wait(): Error waiting on a thread");
-    list.clear();
 }
 
 TEST(ThreadListTest, StartsStopsAndJoinsItsThreadsAsOne) {

@@ -109,43 +109,6 @@ TEST_F(ParsingTest, ReadConfigGivesHandlersTheWholeValueAndCutsNoOther) {
     EXPECT_EQ(table[1].value, most);
 }
 
-TEST(ConfigValueTest, IsTheSecondPiece) {
-    const char* const cases[][2] = {{"maskAddress{255.255.0.0}", "255.255.0.0"},
-                                    {"name{a b}", "a b"},
-                                    {"name{a}b}", "a"},
-                                    {"{{name}}\n{v", "v"},
-                                    {"name{}", nullptr},
-                                    {"name{", nullptr},
-                                    {"name", nullptr},
-                                    {"{value}", nullptr},
-                                    {"{}\n", nullptr},
-                                    {"", nullptr}};
-    for (const auto& each : cases) {
-        std::string line = each[0];
-        EXPECT_STREQ(KP_Tools::getConfigValue(nullptr, line.data()), each[1]) << each[0];
-    }
-}
-
-TEST(ScanTest, WhiteSpaceIsPassedUpToTheEnd) {
-    char text[] = " \t\n\r \vx";
-    char* p = text;
-    KP_Tools::LWS_r(&p);
-    EXPECT_EQ(p - text, 5);
-    KP_Tools::RmWhiteSpace_r(&(p = text));
-    EXPECT_EQ(p - text, 2);
-    for (const auto& [end, passed] : {std::pair(3, 3), std::pair(1, 3), std::pair(7, 5)}) {
-        KP_Tools::LWS(end == 3 ? &(p = text) : &p, text + end);
-        EXPECT_EQ(p - text, passed);
-    }
-    char blank[] = " \t";
-    KP_Tools::LWS_r(&(p = blank));
-    EXPECT_EQ(p, blank + 2);
-    p = nullptr;
-    KP_Tools::LWS_r(nullptr);
-    KP_Tools::LWS_r(&p);
-    EXPECT_EQ(p, nullptr);
-}
-
 TEST(ScanTest, TwoLineBreakCharactersEndALine) {
     const struct {
         const char* text;

@@ -86,46 +86,6 @@ TEST(AddressTest, IsPrintedFromTheTopByteDownWhereThereIsNoName) {
     EXPECT_STREQ(text, "0.0.0.1");
 }
 
-TEST(TimeTest, DifferencesAreMicrosecondsIn32Bits) {
-    const struct {
-        timeval a;
-        timeval b;
-        long difference;
-    } cases[] = {{{10, 200}, {8, 900}, 1999300},       {{5, 5}, {5, 5}, 0},
-                 {{1, 0}, {2, 0}, -1000000},           {{8, 900}, {10, 200}, -1999300},
-                 {{2147, 483647}, {0, 0}, 2147483647}, {{2147, 483648}, {0, 0}, -2147483648},
-                 {{3000, 0}, {0, 0}, -1294967296}};
-    for (auto each : cases) {
-        EXPECT_EQ(KP_Tools::timeSubtract(&each.a, &each.b), each.difference);
-    }
-    timeval now = {1, 1};
-    const std::time_t before = std::time(nullptr);
-    KP_Tools::gettimeofday(&now, nullptr);
-    EXPECT_TRUE(now.tv_sec >= before && now.tv_sec <= std::time(nullptr));
-    EXPECT_EQ(now.tv_usec, 0);
-    const auto start = std::chrono::steady_clock::now();
-    KP_Tools::sleep(1);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(999));
-}
-
-TEST(TextTest, CaseAndPieces) {
-    char text[] = "AbC1\xC4z";
-    KP_Tools::toLowerCase(text);
-    EXPECT_STREQ(text, "abc1\xC4z");
-    KP_Tools::toUpperCase(text);
-    EXPECT_STREQ(text, "ABC1\xC4Z");
-
-    char words[] = "//a/b//c";
-    EXPECT_STREQ(KP_Tools::strtok(words, "/", nullptr), "a");
-    std::thread([] { EXPECT_EQ(KP_Tools::strtok(nullptr, "/", nullptr), nullptr); }).join();
-    EXPECT_STREQ(KP_Tools::strtok(nullptr, "/", nullptr), "b");
-    EXPECT_STREQ(KP_Tools::strtok(nullptr, "b", nullptr), "/c");
-    EXPECT_EQ(KP_Tools::strtok(nullptr, "/", nullptr), nullptr);
-    EXPECT_EQ(KP_Tools::strtok(nullptr, "/", nullptr), nullptr);
-    char none[] = "//";
-    EXPECT_EQ(KP_Tools::strtok(none, "/", nullptr), nullptr);
-}
-
 // Orders by a number in mode 0, the other way round in every other mode.
 class Numbered : public KP_Compare {
 public:

@@ -9,32 +9,8 @@
 #include "support/child.h"
 #include "support/installation.h"
 #include "support/socket_pair.h"
-#include "wire/socket_error.h"
 
 namespace {
-
-using kp::detail::socketErrorText;
-
-TEST(SocketErrorTest, NumbersOutsideTheTableAreUnknown) {
-    const struct {
-        int number;
-        const char* text;
-    } cases[] = {{10004, "Interrupted system call"}, {10048, "Address already in use"},
-                 {10071, "The object is remote"},    {10091, "System not ready"},
-                 {10093, "Not initialized"},         {11001, "Host not found"},
-                 {11004, "No data record available"}};
-    for (const auto& each : cases) {
-        EXPECT_STREQ(socketErrorText(each.number), each.text);
-    }
-    for (const int number : {0, -1, 98, 10003, 10005, 10034, 10072, 10090, 10094, 11000, 11005}) {
-        EXPECT_STREQ(socketErrorText(number), "Unknown") << number;
-    }
-    int known = 0;
-    for (int number = 10000; number < 12000; ++number) {
-        known += std::string(socketErrorText(number)) != "Unknown" ? 1 : 0;
-    }
-    EXPECT_EQ(known, 50);
-}
 
 long openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});

@@ -465,8 +465,8 @@ int KP_List<T>::sort() {
 template <class T>
 T* KP_List<T>::getAt(int position) {
     const Guard guard(*this);
-    T* element = first();
-    while (element != nullptr && --position != 0) {
+    auto left = static_cast<std::uint32_t>(position);  // Beyond the end, too, for those below 1.
+    for (T* element = first(); element != nullptr && --left != 0;) {
         element = next();
     }
     return getCurrent();

@@ -99,6 +99,7 @@ private:
     void signalJoiners();
     bool isLoopOf(const Loop* loop);
     void endByForce();
+    void endTask();
     bool isOwnLoop();
     Loop* currentLoop();
 
@@ -117,6 +118,7 @@ private:
     static constexpr std::int64_t kNoTask = INT64_MIN;
     bool yields_ = true;
     std::atomic<std::int64_t> task_{kNoTask};
+    KP_Object* taskObject_ = nullptr;  // Owned: if the task is broken off, it ends here.
     std::atomic<bool> handle_{false};  // Whether a loop of start() runs and was not ended by force.
     std::atomic<Loop*> loop_{nullptr};
     kp::detail::RecursiveLock loopLock_;  // Guards loop_ while somebody takes a share of it.

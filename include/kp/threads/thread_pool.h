@@ -23,7 +23,7 @@ extern template class KP_API KP_List<KP_Task>;
 /// empty for 100 milliseconds stops itself. With both, no task is left behind between the two.
 ///
 /// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
-/// A hard stop of a worker can break off a task, never the pool's own code; the task is lost.
+/// A hard stop of a worker can break off a task, never the pool's own code; the task does not run again.
 ///
 /// Destroying the pool stops it and waits for its workers, also when it was stopped before; tasks
 /// that have not begun are released without having run. A class that overrides what workers call
