@@ -145,6 +145,7 @@ void kpNumber(benchmark::State& state, Number number) {
 void toCharsInteger(benchmark::State& state, long number) {
     char text[64];
     for (auto _ : state) {
+        benchmark::DoNotOptimize(number);
         benchmark::DoNotOptimize(std::to_chars(text, text + sizeof text, number).ptr);
     }
 }
