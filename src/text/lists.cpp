@@ -83,7 +83,7 @@ int KP_NamedStringList::readFile(const char* path, char separator, const char* s
 }
 
 int KP_NamedStringList::writeFile(const char* path, char separator) {
-    const File file(kp::platform::openFile(path, "w"));
+    File file(kp::platform::openFile(path, "w"));
     if (file == nullptr) {
         return -1;
     }
@@ -92,5 +92,6 @@ int KP_NamedStringList::writeFile(const char* path, char separator) {
         std::fprintf(file.get(), "%s%c%s\n", getCurrentName(), separator,
                      static_cast<const char*>(*value));
     }
+    file.reset();  // Before the lock is given up: whoever takes it next finds the file whole.
     return 0;
 }

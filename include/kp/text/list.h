@@ -431,7 +431,6 @@ int KP_List<T>::sort() {
     if (options_.has(Options::kSorted) || count_ < 2) {
         return 0;
     }
-    // Both views of each link: the objects to be sorted, and behind them the way back to the links.
     const auto count = static_cast<std::size_t>(count_);
     auto** objects = static_cast<KP_Object**>(std::malloc(count * sizeof(KP_Object*)));
     if (objects == nullptr) {

@@ -18,7 +18,7 @@ public:
 
     /// As the list's; with setSortByName(1) links are compared by their names.
     int sortArray(KP_Object** links, int count) override;
-    /// A new link with an empty name; null when memory runs out.
+    /// A new link with an empty name; null when memory runs out. An override returns named links, too.
     KP_Link<T>* createLink(T* element) override { return new KP_NamedLink<T>(element); }
 
     /// Adds @p element at the end with an empty name; returns 0.
@@ -93,16 +93,22 @@ void KP_NamedList<T>::nameOrTakeBack(KP_Link<T>* link, const char* name) {
 template <class T>
 int KP_NamedList<T>::append(T* element) {
     const Guard guard(*this);
+    const bool kept = this->pool_ != nullptr;
     KP_List<T>::append(element);
-    named(this->tail_)->setName("");  // A link that was kept from earlier has its old name.
+    if (kept) {
+        named(this->tail_)->setName("");  // A link that was kept from earlier has its old name.
+    }
     return 0;
 }
 
 template <class T>
 int KP_NamedList<T>::append(T* element, const char* name) {
     const Guard guard(*this);
+    KP_Link<T>* const before = this->tail_;
     append(element);
-    nameOrTakeBack(this->tail_, name);
+    if (this->tail_ != before) {  // Else a host's own append() did not take it.
+        nameOrTakeBack(this->tail_, name);
+    }
     return 0;
 }
 
