@@ -62,6 +62,15 @@ struct Deadline {
     std::int64_t nanoseconds = 0;
 };
 
+/// Tells the processor that the caller looks at a word in a loop: some nanoseconds' rest.
+inline void pauseBriefly() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
 /// The moment @p milliseconds from now.
 Deadline deadlineIn(int milliseconds);
 /// Sleeps while @p word holds @p value, until a wake, a signal or the deadline (null: none).

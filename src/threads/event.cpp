@@ -48,7 +48,8 @@ int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
         deadline = kp::platform::deadlineIn(milliseconds);
     }
     bool inTime = true;
-    for (;;) {
+    std::uint32_t passedOn = 0;
+    for (bool first = true;; first = false) {
         const std::uint32_t bell = bell_.load(std::memory_order_acquire);
         std::uint64_t state = state_.load(std::memory_order_relaxed);
         if (take(&state, last)) {
@@ -59,6 +60,12 @@ int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
                 return -1;
             }
             continue;
+        }
+        // Woken for a signal that this thread is too late for: the bell was for one of the others,
+        // who sleep on it too. Once a bell, or the late ones would wake each other in a circle.
+        if (!first && signalsIn(state) > 0 && passedOn != bell) {
+            passedOn = bell;
+            ring();
         }
         inTime = kp::platform::waitWhileEqual(bell_, bell, milliseconds > 0 ? &deadline : nullptr);
     }
@@ -81,7 +88,7 @@ int KP_Event::wait(KP_Mutex*, int milliseconds) {
 }
 
 int KP_Event::numWaiting() {
-    return static_cast<int>(waitersIn(state_.load(std::memory_order_relaxed)));
+    return static_cast<int>(waitersIn(state_.load(std::memory_order_seq_cst)));
 }
 
 int KP_Event::signal() {
@@ -95,11 +102,15 @@ int KP_Event::signal() {
         next = state + kNumber + (signalsIn(state) < waitersIn(state) ? kSignal : 0);
     } while (!state_.compare_exchange_weak(state, next, std::memory_order_seq_cst));
     bell_.fetch_add(1, std::memory_order_release);
+    ring();
+    return 0;
+}
+
+void KP_Event::ring() {
     if (!kp::platform::wakeOne(bell_)) {
         std::fprintf(stderr, "setEvent %d", -1);
         std::exit(1);
     }
-    return 0;
 }
 
 char* KP_Event::getClassName() {

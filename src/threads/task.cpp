@@ -3,6 +3,16 @@
 KP_Task::KP_Task(void (*function)(void*), void* arg, int id)
     : function_(function), arg_(arg), id_(id) {}
 
+KP_Task::KP_Task(const KP_Task& other)
+    : KP_Object(other), function_(other.function_), arg_(other.arg_), id_(other.id_) {}
+
+KP_Task& KP_Task::operator=(const KP_Task& other) {
+    function_ = other.function_;
+    arg_ = other.arg_;
+    id_ = other.id_;
+    return *this;
+}
+
 KP_Task::~KP_Task() = default;
 
 int KP_Task::doTask() {

@@ -110,11 +110,11 @@ KP_Thread::~KP_Thread() {
 }
 
 void KP_Thread::endTask() {
-    task_ = kNoTask;
     if (taskObject_ != nullptr) {
         taskObject_->release();
         taskObject_ = nullptr;
     }
+    task_ = kNoTask;  // Last: whoever waits for such a task may let go of what it needs.
 }
 
 // The loop of the last start(), with a share in it for the caller; null before the first start().
@@ -135,11 +135,17 @@ bool KP_Thread::isOwnLoop() {
 }
 
 int KP_Thread::start(void (*function)(void*), void* arg) {
-    if (arg != nullptr) {
-        arg_ = arg;
-    }
-    if (function != nullptr) {
-        function_ = function;
+    {
+        const kp::detail::Abandonable shield(false);
+        const Guard guard(loopLock_);
+        ++pairing_;
+        if (arg != nullptr) {
+            arg_ = arg;
+        }
+        if (function != nullptr) {
+            function_ = function;
+        }
+        ++pairing_;
     }
     return start();
 }
@@ -227,8 +233,9 @@ int KP_Thread::run() {
 // Whether there is another iteration. When there is none the handle is cleared under the lock under
 // which start() looks at it, so that a start either keeps this loop going or finds it gone.
 bool KP_Thread::goesOn() {
+    // The count may have wrapped, so it says nothing without a limit.
     const auto wanted = [this] {
-        return (continue_ != 0 && iterationLimit_ == 0) || iterationCount_ < iterationLimit_;
+        return iterationLimit_ == 0 ? continue_ != 0 : iterationCount_ < iterationLimit_;
     };
     if (wanted()) {
         return true;
@@ -269,9 +276,16 @@ bool KP_Thread::isLoopOf(const Loop* loop) {
 }
 
 int KP_Thread::doTask() {
-    // The argument first: whoever takes the work away clears the function before the argument.
-    void* const arg = arg_;
-    void (*const function)(void*) = function_;
+    // Both of one start(). The argument first: whoever takes the work away clears the function
+    // before the argument.
+    void (*function)(void*) = nullptr;
+    void* arg = nullptr;
+    std::uint32_t pairing = 0;
+    do {
+        pairing = pairing_;
+        arg = arg_;
+        function = function_;
+    } while (pairing % 2 != 0 || pairing != pairing_);
     if (function != nullptr) {
         function(arg);
     }

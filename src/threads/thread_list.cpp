@@ -2,6 +2,7 @@
 
 #include "kp/core/log.h"
 #include "kp/tools/tools.h"
+#include "threads/abandonable.h"
 
 template class KP_Link<KP_Thread>;
 template class KP_List<KP_Thread>;
@@ -12,18 +13,36 @@ KP_ThreadList::KP_ThreadList() {
 
 KP_ThreadList::~KP_ThreadList() {
     for (KP_Thread* thread : elements()) {
-        thread->setFunction(nullptr);
-        thread->setArg(nullptr);
-        thread->setContinue(0);
+        if (thread != nullptr) {
+            thread->setFunction(nullptr);
+            thread->setArg(nullptr);
+            thread->setContinue(0);
+        }
     }
     KP_Tools::sleep(0);
     KP_ThreadList::stop();
 }
 
+void KP_ThreadList::lock() {
+    const bool abandonable = kp::platform::setAbandonable(false);
+    KP_Mutex::lock();
+    if (held_++ == 0) {
+        abandonableBefore_ = abandonable;
+    }
+}
+
+void KP_ThreadList::unlock() {
+    const bool abandonable = held_ > 0 && --held_ == 0 && abandonableBefore_;
+    KP_Mutex::unlock();
+    if (abandonable) {
+        kp::platform::setAbandonable(true);
+    }
+}
+
 // The thread at a position, counted from 0, with a reference for the caller; null beyond the last.
 KP_Thread* KP_ThreadList::referenceTo(int position) {
     for (KP_Thread* thread : elements()) {
-        if (position-- == 0) {
+        if (thread != nullptr && position-- == 0) {
             thread->addRef();
             return thread;
         }
@@ -33,7 +52,7 @@ KP_Thread* KP_ThreadList::referenceTo(int position) {
 
 bool KP_ThreadList::isOwnThread() {
     for (KP_Thread* thread : elements()) {
-        if (thread->isOwnLoop()) {
+        if (thread != nullptr && thread->isOwnLoop()) {
             return true;
         }
     }
@@ -49,6 +68,7 @@ void KP_ThreadList::unlockLifecycle() {
 }
 
 int KP_ThreadList::start() {
+    const kp::detail::Abandonable shield(false);
     if (running_ != 0) {
         return 0;  // Also while somebody joins the running list.
     }
@@ -68,9 +88,9 @@ int KP_ThreadList::start() {
         lifecycle_.lock();
         changing_.lock();
     }
-    if (running_ == 0) {
+    if (running_ == 0 && barred_ == 0) {
         for (KP_Thread* thread : elements()) {
-            if (thread->start() != 0) {
+            if (thread != nullptr && thread->start() != 0) {
                 KP_Log::quit("KP_ThreadList::start: Error starting a thread");
             }
         }
@@ -82,21 +102,42 @@ int KP_ThreadList::start() {
 }
 
 int KP_ThreadList::stop() {
-    return stopThreads(nullptr);
+    return stopThreads([this] { return clearRunning(); });
 }
 
-// The event is signalled when the list does not run any more and the threads are told next.
-int KP_ThreadList::stopThreads(KP_Event* event) {
+bool KP_ThreadList::clearRunning() {
+    startWanted_ = false;  // A start that was put off is called off: the last wish counts.
+    return running_.exchange(0) != 0;
+}
+
+// Takes the right to start and stop the threads; false when the list was stopped meanwhile. A
+// thread of the list must not wait for somebody who stops the list, and with it that thread.
+bool KP_ThreadList::lockToStop() {
+    if (!isOwnThread()) {
+        changing_.lock();
+        return true;
+    }
+    while (!changing_.try_lock()) {
+        if (running_ == 0) {
+            return false;
+        }
+        KP_Tools::sleep(0);
+    }
+    return true;
+}
+
+int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
+    const kp::detail::Abandonable shield(false);
     // A thread that stops itself by force does not come back, so it must hold no lock then.
     KP_Thread* self = nullptr;
     bool forced = false;
+    if (!lockToStop()) {
+        return 0;
+    }
     {
-        const std::lock_guard<KP_Mutex> guard(changing_);
-        if (running_.exchange(0) == 0) {
+        const std::lock_guard<KP_Mutex> guard(changing_, std::adopt_lock);
+        if (!begin()) {
             return 0;
-        }
-        if (event != nullptr) {
-            event->signal();
         }
         // Not under the list's lock: a thread that is ended by force may need the list before it ends.
         int position = 0;
@@ -122,7 +163,15 @@ int KP_ThreadList::stopThreads(KP_Event* event) {
 }
 
 int KP_ThreadList::join(KP_Mutex* mutex, int milliseconds) {
-    lifecycle_.lock();
+    const kp::detail::Abandonable shield(false);
+    // Whoever joins already may be waiting for this very thread.
+    if (isOwnThread()) {
+        if (!lifecycle_.try_lock()) {
+            return 0;
+        }
+    } else {
+        lifecycle_.lock();
+    }
     // Not under the list's lock: a thread that is waited for may need the list before it ends.
     int position = 0;
     for (KP_Thread* thread = referenceTo(position); thread != nullptr;

@@ -1,64 +1,68 @@
 #include "kp/threads/thread_pool.h"
 
 #include <cstdio>
-#include <new>
+#include <mutex>
 
 #include "kp/core/log.h"
 #include "threads/abandonable.h"
 
-template class KP_Link<KP_Task>;
-template class KP_List<KP_Task>;
-
 namespace {
 
+using ChainGuard = std::lock_guard<kp::detail::RecursiveLock>;
+
 constexpr int kIdleLimit = 100;   // milliseconds that an auto-stopping pool stays idle
+constexpr int kLooks = 50;        // looks for a task before a worker sleeps: a few microseconds
 constexpr int kTaskSlice = 1000;  // milliseconds after which a task may have ended unnoticed
 
 }  // namespace
 
-// The queue. What a worker takes leaves it at once, so that nobody else can take or withdraw it.
-class KP_ThreadPool::Queue : public KP_List<KP_Task> {
-public:
-    Queue() {
-        setOwner(1);
-        setRecycle(1);
-    }
+void KP_ThreadPool::Chain::append(KP_Task* task) {
+    task->next_ = nullptr;
+    (last == nullptr ? first : last->next_) = task;
+    last = task;
+}
 
-    bool isEmpty() {
-        const Guard guard(*this);
-        return head_ == nullptr;
+void KP_ThreadPool::Chain::takeAll(Chain* from) {
+    if (from->first != nullptr) {
+        (last == nullptr ? first : last->next_) = from->first;
+        last = from->last;
+        from->first = from->last = nullptr;
     }
-    // Takes the first task for a worker; null when there is none.
-    KP_Task* take(KP_Thread* worker) {
-        const Guard guard(*this);
-        KP_Link<KP_Task>* const link = head_;
-        if (link == nullptr) {
-            return nullptr;
-        }
-        KP_Task* const task = link->getElement();
-        unchain(link);
-        keepLink(link);
-        if (task != nullptr) {
-            worker->task_ = task->getID();
-            worker->taskObject_ = task;
-        }
-        return task;
-    }
-};
+}
 
-KP_ThreadPool::KP_ThreadPool(int threads) : threads_(threads), queue_(new Queue) {
-    if (queue_ == nullptr) {
-        throw KP_NoMoreMemoryException();
+void KP_ThreadPool::Chain::removeByID(int id, Chain* removed) {
+    KP_Task* before = nullptr;
+    for (KP_Task** place = &first; *place != nullptr;) {
+        KP_Task* const task = *place;
+        if (task->getID() == id) {
+            *place = task->next_;
+            removed->append(task);
+        } else {
+            before = task;
+            place = &task->next_;
+        }
     }
+    last = before;
+}
+
+void KP_ThreadPool::Chain::releaseAll() {
+    while (first != nullptr) {
+        KP_Task* const task = first;
+        first = task->next_;
+        task->release();
+    }
+    last = nullptr;
+}
+
+KP_ThreadPool::KP_ThreadPool(int threads) : threads_(threads) {
     for (int i = 0; i < threads; ++i) {
         KP_ThreadPool::addThread();
     }
 }
 
 KP_ThreadPool::~KP_ThreadPool() {
-    closing_ = true;
+    ++barred_;
     KP_ThreadPool::reset();
-    queue_->release();
 }
 
 KP_Task* KP_ThreadPool::createTask(void (*function)(void*), void* arg, int id) {
@@ -73,32 +77,43 @@ KP_Task* KP_ThreadPool::createTask(void (*function)(void*), void* arg, int id) {
 int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
     const kp::detail::Abandonable shield(false);
     KP_Task* task = createTask(function, arg, id);
+    if (task == nullptr) {
+        return -1;
+    }
     bool running = false;
+    bool waiting = false;
     {
         // Under one lock, as a worker's decision to stop the pool is: either that sees the task, or
         // this sees that the pool has stopped.
-        const std::lock_guard<KP_Mutex> guard(*queue_);
-        try {
-            queue_->append(task);
-        } catch (...) {
-            task->release();
-            throw;
-        }
+        const ChainGuard guard(in_.lock);
+        in_.append(task);
+        added_.store(added_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         running = isRunning() != 0;
+        waiting = work_.numWaiting() > 0;
     }
-    if (running) {
+    if (running && waiting) {
         wakeWorker();
-    } else if (autoStart_ != 0 && !closing_) {
+    } else if (!running && autoStart_ != 0) {
         start();
     }
     return 0;
 }
 
-// The one worker that waits looks at the queue after it was counted as waiting: a task that it did
-// not see finds it here. It waits on the pool's own event, since a thread's event also wakes those
-// who join it, and a signal for the worker could go to one of them.
+// A worker looks at the queue after it was counted as waiting, and whoever leaves a task there looks
+// for waiting workers under the same lock: one of the two sees the other. Only one worker is on its
+// way at a time: it ends that state before it looks for tasks, and wakes the next one itself when
+// there are more. The workers wait on the pool's event, since a thread's
+// own also wakes those who join it, and a signal for the worker could go to one of them.
 void KP_ThreadPool::wakeWorker() {
-    work_.signal();
+    if (!waking_.exchange(true)) {
+        work_.signal();
+    }
+}
+
+void KP_ThreadPool::wakeAllWorkers() {
+    for (int waiting = work_.numWaiting(); waiting > 0; --waiting) {
+        work_.signal();
+    }
 }
 
 int KP_ThreadPool::addThread() {
@@ -121,48 +136,113 @@ int KP_ThreadPool::addThread() {
 void KP_ThreadPool::asyncCallback(void* worker) {
     auto* thread = static_cast<KP_Thread*>(worker);
     if (thread != nullptr) {
-        static_cast<KP_ThreadPool*>(thread->getArg2())->doTask(thread);
+        if (auto* pool = static_cast<KP_ThreadPool*>(thread->getArg2())) {
+            pool->doTask(thread);
+        }
     }
 }
 
-// Waits as the current worker until there may be a task; false when the pool is to stop.
+// Makes what was added available to the workers; returns whether there is a task. Call it with the
+// lock of out_.
+bool KP_ThreadPool::fetch() {
+    if (out_.first == nullptr) {
+        const ChainGuard guard(in_.lock);
+        out_.takeAll(&in_);
+    }
+    return out_.first != nullptr;
+}
+
+// Takes the first task for a worker, and wakes another one when there are more; null if there is
+// none. What is taken has left the queue, so that nobody else can take or withdraw it.
+KP_Task* KP_ThreadPool::take(KP_Thread* worker) {
+    KP_Task* task = nullptr;
+    bool more = false;
+    {
+        const ChainGuard guard(out_.lock);
+        if (fetch()) {
+            task = out_.first;
+            out_.first = task->next_;
+            if (out_.first == nullptr) {
+                out_.last = nullptr;
+            }
+            more = out_.first != nullptr && work_.numWaiting() > 0;
+            worker->task_ = task->getID();
+            worker->taskObject_ = task;
+        }
+    }
+    if (more) {
+        wakeWorker();
+    }
+    return task;
+}
+
+// Waits until there may be a task; false when the pool is to stop.
 bool KP_ThreadPool::waitForTask() {
+    const auto isTask = [this] {
+        const ChainGuard guard(out_.lock);
+        return fetch();
+    };
     while (isRunning() != 0) {
-        if (!queue_->isEmpty()) {
-            return true;
+        const std::uint32_t added = added_.load(std::memory_order_relaxed);
+        const auto isAdded = [&] { return added != added_.load(std::memory_order_relaxed); };
+        if (!looking_.exchange(true)) {
+            for (int looks = 0; looks < kLooks && !isAdded(); ++looks) {
+                kp::platform::pauseBriefly();
+            }
+            looking_ = false;
+            if (isAdded() && isTask()) {
+                return isRunning() != 0;
+            }
         }
         const std::uint32_t last = work_.announce();
-        if (!queue_->isEmpty() || isRunning() == 0) {
+        waking_.exchange(false);
+        if (isRunning() == 0 || isTask()) {
             work_.withdraw();
-            continue;
+            return isRunning() != 0;
         }
         const bool limited = autoStop_ != 0;
-        if (work_.waitAnnounced(last, limited ? kIdleLimit : 0) != 0 && limited) {
-            stopIfIdle();
+        const int result = work_.waitAnnounced(last, limited ? kIdleLimit : 0);
+        waking_.exchange(false);
+        if (isTask()) {
+            return isRunning() != 0;
+        }
+        if (result != 0 && limited && !isAdded()) {
+            stopThreads([this] { return endIdleRun(); });
         }
     }
     return false;
 }
 
-void KP_ThreadPool::stopIfIdle() {
-    const std::lock_guard<KP_Mutex> guard(*queue_);
-    if (queue_->isEmpty() && isRunning() != 0) {
-        stop();
+bool KP_ThreadPool::endIdleRun() {
+    const ChainGuard taking(out_.lock);
+    const ChainGuard adding(in_.lock);
+    if (out_.first != nullptr || in_.first != nullptr) {
+        return false;
     }
+    return endRun();
+}
+
+bool KP_ThreadPool::endRun() {
+    const bool was = clearRunning();
+    wakeAllWorkers();
+    return was;
 }
 
 int KP_ThreadPool::doTask(KP_Thread* worker) {
+    if (worker == nullptr) {
+        return 0;
+    }
     const kp::detail::Abandonable shield(false);
     worker->endTask();  // The last one may have been broken off.
-    KP_Task* task = nullptr;
-    {
-        const std::lock_guard<KP_Mutex> guard(poolLock_);
-        if (waitForTask()) {
-            task = queue_->take(worker);
-        }
-    }
-    if (task == nullptr) {
+    if (isRunning() == 0) {
         return 0;
+    }
+    KP_Task* task = take(worker);
+    while (task == nullptr) {
+        if (!waitForTask()) {
+            return 0;
+        }
+        task = take(worker);
     }
     try {
         const kp::detail::Abandonable window(true);
@@ -180,7 +260,7 @@ int KP_ThreadPool::doTask(KP_Thread* worker) {
 // Whether a worker runs such a task. One that was stopped by force does not, whatever it ran.
 bool KP_ThreadPool::runsTask(int id) {
     for (KP_Thread* worker : elements()) {
-        if (worker->handle_ && worker->task_ == id) {
+        if (worker != nullptr && worker->handle_ && worker->task_ == id) {
             return true;
         }
     }
@@ -191,18 +271,16 @@ int KP_ThreadPool::removeTasksByID(int id) {
     const kp::detail::Abandonable shield(false);
     const bool inside = isOwnThread();
     for (bool done = false; !done;) {
-        std::unique_lock<KP_Mutex> guard(*queue_);
-        for (KP_Task* task = queue_->first(); task != nullptr;) {
-            if (task->getID() == id) {
-                queue_->removeCurrent();
-                task = queue_->getCurrent();
-            } else {
-                task = queue_->next();
-            }
+        Chain removed;
+        {
+            const ChainGuard taking(out_.lock);
+            const ChainGuard adding(in_.lock);
+            out_.removeByID(id, &removed);
+            in_.removeByID(id, &removed);
         }
+        removed.releaseAll();
         const std::uint32_t last = taskEnded_.announce();
         done = inside || !runsTask(id);
-        guard.unlock();
         if (done) {
             taskEnded_.withdraw();
         } else {
@@ -214,7 +292,7 @@ int KP_ThreadPool::removeTasksByID(int id) {
 
 int KP_ThreadPool::setAutoStop(int on) {
     autoStop_ = on;
-    wakeWorker();  // It waits without a limit while the switch is off.
+    wakeAllWorkers();  // They wait without a limit while the switch is off.
     return 0;
 }
 
@@ -233,24 +311,29 @@ int KP_ThreadPool::init() {
 }
 
 int KP_ThreadPool::reset() {
+    if (isOwnThread()) {
+        return -1;
+    }
     // A worker without its pool would run into nothing, so none may be left.
-    const bool closing = closing_.exchange(true);
+    ++barred_;
     KP_ThreadPool::stop();
     join(nullptr, 0);
-    queue_->clear();
+    Chain left;
+    {
+        const ChainGuard taking(out_.lock);
+        const ChainGuard adding(in_.lock);
+        left.takeAll(&out_);
+        left.takeAll(&in_);
+    }
+    left.releaseAll();
     clear();
-    closing_ = closing;
+    --barred_;
     return 0;
-}
-
-int KP_ThreadPool::start() {
-    const kp::detail::Abandonable shield(false);
-    return closing_ ? 0 : KP_ThreadList::start();
 }
 
 int KP_ThreadPool::stop() {
     const kp::detail::Abandonable shield(false);
-    return stopThreads(&work_);
+    return stopThreads([this] { return endRun(); });
 }
 
 KP_ThreadPool* KP_ThreadPool::create() {

@@ -128,20 +128,6 @@ TEST(ThreadPoolTest, RunsOrWithdrawsEachTaskWhileOthersAddStopAndStart) {
     EXPECT_EQ(fates[0].run, kTasks);
 }
 
-TEST(ThreadPoolTest, WakesAWorkerAfterARestartAndStopsWhenIdle) {
-    for (int i = 1; i <= 200; ++i) {
-        CountedPool pool(2);
-        pool.start();
-        pool.addTask(nullptr, nullptr, 1);
-        EXPECT_TRUE(until([] { return fates[1].run == 1; }));
-        pool.restart();
-        pool.addTask(nullptr, nullptr, 1);
-        EXPECT_TRUE(until([] { return fates[1].run == 2; }));
-        pool.stop();
-        pool.join(nullptr, 0);
-    }
-}
-
 TEST(ThreadPoolTest, RemovalWaitsForARunningTaskExceptFromInside) {
     CountedPool pool(1);
     Gate gate;
@@ -183,7 +169,7 @@ TEST(ThreadPoolTest, ResetWaitsForItsTasksAndInitMakesNewWorkers) {
     ASSERT_TRUE(gate.isEntered());
     pool.addTask(nothing, nullptr, 2);
     pool.addThread();
-    EXPECT_EQ(pool.init(), 0);
+    pool.init();
     EXPECT_EQ(pool.getCount(), 4);
     pool.stop();
     gate.open = true;
@@ -191,11 +177,16 @@ TEST(ThreadPoolTest, ResetWaitsForItsTasksAndInitMakesNewWorkers) {
     EXPECT_EQ(gate.left, 1);
     EXPECT_EQ(fates[2].gone(), 1);
     EXPECT_EQ(pool.getCount(), 0);
+    pool.setAutoStart(1);
     together(3, [&](int i) {
         for (int n = 0; n < 300; ++n) {
-            i == 0 ? pool.reset() + pool.init() + pool.start() : pool.addTask(nothing, nullptr, 3);
+            i == 0 ? pool.reset() + pool.init() : pool.addTask(nothing, nullptr, 3);
+            i == 2 ? pool.start() : 0;
         }
     });
+    pool.addTask([](void* it) { EXPECT_EQ(static_cast<KP_ThreadPool*>(it)->reset(), -1); }, &pool,
+                 4);
+    EXPECT_TRUE(until([] { return fates[4].run == 1; }));
     EXPECT_EQ(pool.getCount(), 3);
     EXPECT_TRUE(until([] { return fates[3].gone() == 600; }));
 }
@@ -246,13 +237,18 @@ TEST(ThreadPoolTest, AHardStopBreaksOffATaskAndNotThePool) {
                                             ++*static_cast<Count*>(inside);
                                             pool->removeTasksByID(6);
                                         }
+                                    },
+                                    [](void* inside) {
+                                        for (;;) {
+                                            *static_cast<Count*>(inside) += pool->getCount();
+                                        }
                                     }};
     for (int round = 0; round < 30; ++round) {
         Count inside{0};
         Count after{0};
         pool = new KP_ThreadPool(1);
         pool->first()->setHardStop(1);
-        pool->addTask(works[round % 3], &inside, 7);
+        pool->addTask(works[round % 4], &inside, 7);
         pool->start();
         ASSERT_TRUE(until([&] { return inside > round; }));
         pool->stop();

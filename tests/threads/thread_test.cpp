@@ -305,8 +305,13 @@ TEST(ThreadListTest, IsStoppedFromInsideWhileOthersJoinAndIsDestroyedWhileLoopsR
     for (int round = 0; round < 200; ++round) {
         static KP_ThreadList* list;
         list = KP_ThreadList::create();
+        list->append(nullptr);
         for (int i = 0; i < 3; ++i) {
-            list->append(new Counted(round % 2 == 0 ? [](void*) { list->stop(); } : [](void*) {}));
+            const auto end = [](void*) {
+                list->join(nullptr, 0);
+                list->stop();
+            };
+            list->append(new Counted(round % 2 == 0 ? end : [](void*) {}));
         }
         list->start();
         if (round % 2 == 0) {

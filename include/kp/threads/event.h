@@ -13,7 +13,7 @@ class KP_Mutex;
 /// A thread waits from the moment at which wait() has counted it, asleep or not: a signal after
 /// that releases it. As many signals as there are waiting threads are kept, each for one of them.
 ///
-/// Threads: every operation may be called from any thread at any time.
+/// Threads: every operation may be called from any thread at any time, by up to 65535 that wait.
 /// Order: what a thread wrote before signal() is visible to the thread that it releases.
 /// Lifetime: nobody may be inside wait() when the event is destroyed.
 class KP_API KP_Event : public virtual KP_Object {
@@ -55,6 +55,7 @@ private:
     int waitAnnounced(std::uint32_t last, int milliseconds);
     void withdraw();
 
+    void ring();
     bool take(std::uint64_t* state, std::uint32_t last);
 
     // From the low end: 16 bits of signals given and not yet taken, 16 bits of waiting threads, at

@@ -10,8 +10,10 @@
 class KP_API KP_Task : public virtual KP_Object {
 public:
     explicit KP_Task(void (*function)(void*) = nullptr, void* arg = nullptr, int id = 0);
-    KP_Task(const KP_Task&) = default;
-    KP_Task& operator=(const KP_Task&) = default;
+    /// A copy is in no queue.
+    KP_Task(const KP_Task& other);
+    /// The target stays in its queue.
+    KP_Task& operator=(const KP_Task& other);
     ~KP_Task() override;
 
     /// Calls the function, if there is one, with the argument; returns 0.
@@ -25,6 +27,9 @@ public:
     static KP_Task* create();
 
 private:
+    friend class KP_ThreadPool;
+
+    KP_Task* next_ = nullptr;  // In a pool's queue.
     void (*function_)(void*);
     void* arg_;
     std::int32_t id_;

@@ -16,7 +16,7 @@
 /// work, so a stop that cuts a sleep short is followed by one more doTask().
 ///
 /// A function that throws, and a doTask() that returns non-zero, has had an error: the debug log
-/// says so and the loop goes on.
+/// says so and the loop goes on. A function must return: pthread_exit() in it ends the process.
 ///
 /// Hard stop: with setHardStop(1), stop() and join() end a loop by force if its work does not
 /// return, whether it computes or blocks in the system. The work is left where it is: no destructor
@@ -105,6 +105,7 @@ private:
 
     std::atomic<void (*)(void*)> function_;
     std::atomic<void*> arg_;
+    std::atomic<std::uint32_t> pairing_{0};  // Odd while start() exchanges the two above.
     std::atomic<void*> arg2_{nullptr};
     std::atomic<std::int32_t> iterationLimit_{0};
     std::atomic<std::int32_t> iterationCount_{0};

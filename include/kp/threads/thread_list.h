@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "kp/text/list.h"
 #include "kp/threads/mutex.h"
@@ -47,6 +48,10 @@ public:
     /// Whether the list was started and not stopped since.
     int isRunning() override;
 
+    /// A thread that holds the list's lock is not ended by force before it lets go of it.
+    void lock() override;
+    void unlock() override;
+
     char* getClassName() override;
     int queryInterface(unsigned long id, void** out) override;
     static unsigned long getClassID() { return 0x2BE2BFB6; }
@@ -56,13 +61,22 @@ public:
 protected:
     /// Whether the caller runs on one of the list's threads.
     bool isOwnThread();
-    int stopThreads(KP_Event* event);
 
 private:
+    friend class KP_ThreadPool;
+
     KP_Thread* referenceTo(int position);
     void unlockLifecycle();
+    bool lockToStop();
+    bool clearRunning();
+    // begin makes the list one that does not run, and says whether it did run.
+    int stopThreads(const std::function<bool()>& begin);
 
+    std::int32_t held_ = 0;           // How often the list is locked; guarded by its lock, as is
+    bool abandonableBefore_ = false;  // whether its holder could be ended by force before.
     std::atomic<std::int32_t> running_{0};
+    std::atomic<std::int32_t> barred_{
+        0};  // Above 0, nobody starts the threads; read under changing_.
     std::atomic<bool> startWanted_{false};
     KP_Mutex lifecycle_;  // One start or join at a time.
     KP_Mutex changing_;   // One start or stop at a time; never held while waiting for a thread.

@@ -4,20 +4,16 @@
 #include <atomic>
 #include <cstdint>
 
-#include "kp/text/list.h"
 #include "kp/threads/event.h"
-#include "kp/threads/mutex.h"
+#include "kp/threads/recursive_lock.h"
 #include "kp/threads/task.h"
 #include "kp/threads/thread_list.h"
-
-extern template class KP_API KP_Link<KP_Task>;
-extern template class KP_API KP_List<KP_Task>;
 
 /// Runs queued tasks, first in first out, on a fixed set of workers.
 ///
 /// A task runs exactly once, on one worker; it leaves the queue before it runs and is released
-/// after. The order in which tasks end is theirs. One worker at a time waits for work; the others
-/// wait for their turn, so a burst of tasks wakes one thread after another and never all of them.
+/// after. The order in which tasks end is theirs. A burst of tasks wakes one worker after another,
+/// each by the one before it and never all of them at once: waking is what a small task costs most.
 ///
 /// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool whose queue stays
 /// empty for 100 milliseconds stops itself. With both, no task is left behind between the two.
@@ -27,7 +23,8 @@ extern template class KP_API KP_List<KP_Task>;
 ///
 /// Destroying the pool stops it and waits for its workers, also when it was stopped before; tasks
 /// that have not begun are released without having run. A class that overrides what workers call
-/// (doTask(), stop()) calls reset() in its own destructor. No task may destroy its own pool.
+/// (doTask(), stop()) calls reset() in its own destructor. No task may destroy its own pool, and
+/// workers are removed from it, as from any list, only when it was stopped and joined.
 ///
 /// Threads: every operation may be called from any thread, and from a task.
 class KP_API KP_ThreadPool : public virtual KP_ThreadList {
@@ -40,9 +37,9 @@ public:
     ~KP_ThreadPool() override;
 
     /// Queues a new task and wakes a worker; on a stopped pool, starts it if auto-start is set,
-    /// else the task waits. Returns 0.
+    /// else the task waits. Returns 0; -1 when createTask() of a derived class gave none.
     virtual int addTask(void (*function)(void*), void* arg, int id);
-    /// A new task. When memory runs out, "malloc" and the system's reason go to standard error, and
+    /// A new task, which is in no queue. When memory runs out, "malloc" and the system's reason go to standard error, and
     /// the process ends with "out of memory" in the log.
     virtual KP_Task* createTask(void (*function)(void*), void* arg, int id);
     /// Adds a worker, which is not started here; returns 0, or -1 when memory runs out.
@@ -59,9 +56,9 @@ public:
     /// Makes the workers anew if there are none; returns 0.
     int init() override;
     /// Stops the pool if it runs and waits for its workers, then releases all queued tasks and all
-    /// workers; returns 0. init() makes new ones.
+    /// workers; returns 0. init() makes new ones. A task cannot wait for its own worker: called from
+    /// one, changes nothing and returns -1.
     int reset() override;
-    int start() override;
     /// Tells the workers to end, each after the task that it runs. Returns 0.
     int stop() override;
 
@@ -71,19 +68,40 @@ public:
     static KP_ThreadPool* create();
 
 private:
-    class Queue;
+    using Lock = kp::detail::RecursiveLock;
 
+    // Tasks in the order in which they came, with the lock that guards them.
+    struct Chain {
+        void append(KP_Task* task);
+        void takeAll(Chain* from);
+        void removeByID(int id, Chain* removed);
+        void releaseAll();
+
+        Lock lock;
+        KP_Task* first = nullptr;
+        KP_Task* last = nullptr;
+    };
+
+    bool fetch();
+    KP_Task* take(KP_Thread* worker);
     bool waitForTask();
-    void stopIfIdle();
+    bool endIdleRun();
+    bool endRun();
     void wakeWorker();
+    void wakeAllWorkers();
     bool runsTask(int id);
 
     std::int32_t threads_;
-    Queue* queue_;
-    KP_Event work_;  // The worker that waits for a task waits here.
-    KP_Mutex poolLock_;
-    KP_Event taskEnded_;
     std::atomic<std::int32_t> autoStop_{0};
     std::atomic<std::int32_t> autoStart_{0};
-    std::atomic<bool> closing_{false};
+    KP_Event taskEnded_;
+    KP_Event work_;  // Workers without a task wait here.
+    std::atomic<bool> waking_{false};
+    std::atomic<bool> looking_{false};  // One worker looks for a task a little before it sleeps.
+    // Workers take from the one chain and, when it is empty, all of the other at once, so that
+    // those who add and those who take rarely meet. Who needs both locks takes that of out_ first.
+    Chain out_;
+    char apart_[64] = {};  // Those who add write to other cache lines than those who take.
+    Chain in_;
+    std::atomic<std::uint32_t> added_{0};  // Changed under the lock of in_.
 };
