@@ -130,7 +130,11 @@ PacketSource::Result readPackets(PacketSource& source, StreamFollower& follower,
         const PacketSource::Result result = source.next(packet);
         if (result == PacketSource::Result::kPacket) {
             summary.addPacket(packet.bytes.size());
-            follower.packet(packet);
+            Segment segment;
+            if (readSegment(packet.linkType, packet.bytes, segment)) {
+                segment.time = packet.time;
+                follower.segment(segment);
+            }
         } else if (result != PacketSource::Result::kNothing) {
             return result;
         } else if (source.isLive()) {

@@ -1,0 +1,65 @@
+#include "segment.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "link_layer.h"
+
+namespace kp::capture {
+
+namespace {
+
+constexpr unsigned kProtocolTcp = 6;
+constexpr std::size_t kSmallestHeader = 20;  // of IPv4 and of TCP
+
+std::uint32_t byteAt(std::string_view bytes, std::size_t at) {
+    return static_cast<unsigned char>(bytes[at]);
+}
+
+std::uint16_t read16(std::string_view bytes, std::size_t at) {
+    return static_cast<std::uint16_t>(byteAt(bytes, at) << 8 | byteAt(bytes, at + 1));
+}
+
+std::uint32_t read32(std::string_view bytes, std::size_t at) {
+    return std::uint32_t{read16(bytes, at)} << 16 | read16(bytes, at + 2);
+}
+
+std::uint64_t number(Endpoint end) {
+    return std::uint64_t{end.address} << 16 | end.port;
+}
+
+}  // namespace
+
+bool readSegment(int linkType, std::string_view frame, Segment& segment) {
+    const std::string_view packet = ipv4Packet(linkType, frame);
+    if (packet.size() < 2 * kSmallestHeader)
+        return false;
+    const std::size_t ipSize = std::size_t{byteAt(packet, 0) & 15} * 4;
+    const bool isFragment = (read16(packet, 6) & 0x3fff) != 0;
+    if (byteAt(packet, 9) != kProtocolTcp || isFragment || ipSize < kSmallestHeader ||
+        packet.size() < ipSize + kSmallestHeader) {
+        return false;
+    }
+    const std::string_view tcp = packet.substr(ipSize);
+    const std::size_t tcpSize = std::size_t{byteAt(tcp, 12) >> 4} * 4;
+    // A length of 0 comes from network cards that cut large segments for the system.
+    const std::size_t total = read16(packet, 2);
+    const std::size_t size = total != 0 ? std::min(total, packet.size()) : packet.size();
+    if (tcpSize < kSmallestHeader || size < ipSize + tcpSize)
+        return false;
+    segment.source = {read32(packet, 12), read16(tcp, 0)};
+    segment.destination = {read32(packet, 16), read16(tcp, 2)};
+    segment.sequence = read32(tcp, 4);
+    segment.acknowledgement = read32(tcp, 8);
+    segment.flags = static_cast<std::uint8_t>(byteAt(tcp, 13));
+    segment.payload = packet.substr(ipSize + tcpSize, size - ipSize - tcpSize);
+    return true;
+}
+
+std::uint64_t connectionHash(Endpoint a, Endpoint b) {
+    const auto [low, high] = std::minmax({number(a), number(b)});
+    const std::uint64_t mixed = (low ^ (high << 16 | high >> 48)) * 0x9e3779b97f4a7c15U;
+    return mixed ^ mixed >> 32;
+}
+
+}  // namespace kp::capture

@@ -1,0 +1,36 @@
+// kp-capture: the TCP segment in a captured frame.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "traffic.h"
+
+namespace kp::capture {
+
+/// What the headers of a segment say, and its data.
+struct Segment {
+    static constexpr std::uint8_t kFin = 1;
+    static constexpr std::uint8_t kSyn = 2;
+    static constexpr std::uint8_t kReset = 4;
+    static constexpr std::uint8_t kAck = 16;
+
+    bool has(std::uint8_t flag) const { return (flags & flag) != 0; }
+
+    Timestamp time;
+    Endpoint source;
+    Endpoint destination;
+    std::uint32_t sequence = 0;         ///< of the first byte of the payload, or of the SYN
+    std::uint32_t acknowledgement = 0;  ///< with kAck
+    std::uint8_t flags = 0;
+    std::string_view payload;  ///< points into the frame; may be cut at the snap length
+};
+
+/// Finds the segment in a frame of libpcap's link type @p linkType; false when it is no whole IPv4
+/// and TCP header pair, or a fragment. Does not set the time.
+bool readSegment(int linkType, std::string_view frame, Segment& segment);
+
+/// A number that both directions of a connection share, and that spreads well.
+std::uint64_t connectionHash(Endpoint a, Endpoint b);
+
+}  // namespace kp::capture
