@@ -21,8 +21,9 @@ std::string_view withoutParameters(std::string_view contentType) {
 }  // namespace
 
 HttpConnection::HttpConnection(Endpoint first, Endpoint second, bool fromStart,
-                               TransactionSink& sink)
+                               TransactionSink& sink, std::uint64_t number)
     : sink_(sink),
+      number_(number),
       firstEnd_(first),
       secondEnd_(second),
       first_(*this, fromStart),
@@ -72,6 +73,7 @@ BodyRule HttpConnection::head(MessageHead& head) {
 
 void HttpConnection::request(MessageHead& head) {
     Transaction transaction;
+    transaction.connection = number_;
     transaction.time = head.time;
     transaction.client = client_ == Side::kFirst ? firstEnd_ : secondEnd_;
     transaction.server = client_ == Side::kFirst ? secondEnd_ : firstEnd_;

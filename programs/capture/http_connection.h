@@ -32,8 +32,9 @@ public:
     static constexpr std::size_t kMostWaitingText = 1048576;
 
     /// @p sink must outlive the connection. @p fromStart: the first bytes of both directions will
-    /// be seen.
-    HttpConnection(Endpoint first, Endpoint second, bool fromStart, TransactionSink& sink);
+    /// be seen. @p number is kept in the transactions.
+    HttpConnection(Endpoint first, Endpoint second, bool fromStart, TransactionSink& sink,
+                   std::uint64_t number = 0);
 
     bool data(Side side, std::string_view bytes, Timestamp time) override;
     void ended(Side side) override;
@@ -56,6 +57,7 @@ private:
     void leaveHttp();
 
     TransactionSink& sink_;
+    std::uint64_t number_;
     Endpoint firstEnd_;
     Endpoint secondEnd_;
     HttpParser first_;

@@ -7,8 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "kp/core/log.h"
-#include "kp/tools/tools.h"
+#include "live_config.h"
 
 namespace kp::capture {
 
@@ -20,6 +19,7 @@ enum class Stage { kDirectory, kLog, kConfiguration, kOver };
 // argument.
 struct StartUp {
     Stage stage = Stage::kDirectory;
+    std::string name;
     std::string logPath;
     std::streamoff logBefore = 0;  // size of the log when this run began to write
 };
@@ -27,6 +27,11 @@ struct StartUp {
 StartUp& startUp() {
     static StartUp state;
     return state;
+}
+
+bool isRegularFile(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 bool isDirectory(const std::string& path) {
@@ -73,6 +78,8 @@ void reportExit() {
             break;
         case Stage::kConfiguration:
             reason = writtenToLog() + " (log: " + state.logPath + ")";
+            if (isRegularFile(keptFile(state.name)))
+                reason += "; the last good configuration is kept as " + keptFile(state.name);
             break;
     }
     std::fprintf(stderr, "kp-capture: could not start: %s\n", reason.c_str());
@@ -96,8 +103,12 @@ void checkDirectory(const std::string& directory) {
 
 }  // namespace
 
-void startInstallation(const std::string& directory, const std::string& name,
-                       KP_ConfigAdmin& config) {
+KP_ConfigAdmin& configurationOf(KP_EngineMgr& engine) {
+    return dynamic_cast<KP_ConfigAdmin&>(*engine.getConfigAdmin());
+}
+
+EnginePointer startInstallation(const std::string& directory, const std::string& name,
+                                bool isVerbose) {
     StartUp& state = startUp();
     if (!directory.empty()) {
         checkDirectory(directory);
@@ -111,19 +122,25 @@ void startInstallation(const std::string& directory, const std::string& name,
     checkDirectory(found);
 
     state.stage = Stage::kLog;
+    state.name = name;
     state.logPath = found + "/logs/" + name + ".log";
     struct stat status {};
     if (stat(state.logPath.c_str(), &status) == 0)
         state.logBefore = status.st_size;
-    KP_Log::init(name.c_str(), 0, nullptr);
+    std::string program = name;
+    char verbose[] = "-v";
+    char* arguments[] = {program.data(), verbose, nullptr};
+    EnginePointer engine(new KP_EngineMgr(isVerbose ? 2 : 1, arguments, nullptr, nullptr));
+    if (!engine)
+        throw InstallationError("out of memory");
 
     state.stage = Stage::kConfiguration;
-    const bool isNamed = config.setName(name.c_str()) == 0;
-    if (isNamed)
-        config.init();
+    for (KP_Config* config : {engine->getConfigAdmin(), engine->getConfig()}) {
+        config->setName(name.c_str());
+        config->init();
+    }
     state.stage = Stage::kOver;
-    if (!isNamed)
-        throw InstallationError(name + ": the library does not take this name");
+    return engine;
 }
 
 }  // namespace kp::capture

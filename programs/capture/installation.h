@@ -1,10 +1,11 @@
 // kp-capture: starting from an installation directory, with every failure told to the user.
 #pragma once
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 
-#include "kp/config/config_admin.h"
+#include "kp/kp.h"
 
 namespace kp::capture {
 
@@ -14,13 +15,21 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Opens the log and loads the configuration of the installation.
+struct EngineReleaser {
+    void operator()(KP_EngineMgr* engine) const { engine->release(); }
+};
+using EnginePointer = std::unique_ptr<KP_EngineMgr, EngineReleaser>;
+
+/// Makes the engine manager, which opens the log, and loads its two configurations.
 ///
 /// @p directory is exported as KP_INSTALLDIR; when it is empty the library finds the directory by
 /// itself. The library ends the process with status 1 when the installation is not in order and
 /// tells why in the log only; here the reason is written to standard error as well.
 /// Throws InstallationError. Called once, before there are other threads.
-void startInstallation(const std::string& directory, const std::string& name,
-                       KP_ConfigAdmin& config);
+EnginePointer startInstallation(const std::string& directory, const std::string& name,
+                                bool isVerbose);
+
+/// The administrator configuration of an engine.
+KP_ConfigAdmin& configurationOf(KP_EngineMgr& engine);
 
 }  // namespace kp::capture

@@ -29,8 +29,8 @@ printable ASCII are written as \xHH.
 Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line.)";
 
 std::string checkName(const std::string& name) {
-    if (name.empty() || name.size() > 100 || name.find('/') != std::string::npos) {
-        return "a name has 1 to 100 characters and no slash";
+    if (name.empty() || name.size() > 100 || name.find_first_of("/\\.") != std::string::npos) {
+        return "a name has 1 to 100 characters, and neither a slash nor a dot";
     }
     return {};
 }
@@ -62,6 +62,19 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->check(checkNotEmpty)
         ->excludes(replay)
         ->type_name("DEV");
+    app.add_option("--threads", options.threads, "Threads that follow connections and read HTTP")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str()
+        ->type_name("N");
+    app.add_flag("--serve", options.serve,
+                 "Serve the administration front end (kp-admin) on the configured port; a replay\n"
+                 "goes on serving after its end, until it is told to stop");
+    app.add_option("--client-timeout", options.clientTimeout,
+                   "Seconds that a front end may take for its login and for each command")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str()
+        ->type_name("SECONDS");
+    app.add_flag("-v,--verbose", options.verbose, "Write debug lines to the log");
     app.add_flag("--print", options.print, "Print a line for each transaction inside the ranges");
     app.add_flag("--all", options.all, "Print those outside the ranges as well");
 

@@ -11,6 +11,10 @@ struct Options {
     std::string name = "kp-capture";
     std::string replay;  ///< file to read, "-" for standard input; empty: none
     std::string device;  ///< empty: the configured one
+    unsigned threads = 1;
+    bool serve = false;
+    unsigned clientTimeout = 60;  ///< seconds
+    bool verbose = false;
     bool print = false;
     bool all = false;
 };

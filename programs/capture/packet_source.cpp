@@ -141,6 +141,42 @@ std::unique_ptr<PacketSource> PacketSource::openDevice(const std::string& device
     return std::unique_ptr<PacketSource>(new PacketSource(std::move(handle)));
 }
 
+std::string PacketSource::filterFault(const std::string& filter) {
+    if (filter.empty())
+        return "";
+    pcap_t* const dead = pcap_open_dead(DLT_EN10MB, kSnapLength);
+    if (dead == nullptr)
+        return "out of memory";
+    bpf_program program{};
+    std::string fault;
+    if (pcap_compile(dead, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0) {
+        pcap_freecode(&program);
+    } else {
+        fault = "the filter is refused: " + std::string(pcap_geterr(dead));
+    }
+    pcap_close(dead);
+    return fault;
+}
+
+std::string PacketSource::setFilter(const std::string& filter) {
+    bpf_program program{};
+    // A device keeps a filter of its own, so "all packets" has to be told to it.
+    const bool isNeeded = !filter.empty() || handle_->live;
+    if (isNeeded &&
+        pcap_compile(handle_->pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
+        return pcap_geterr(handle_->pcap);
+    }
+    if (handle_->live && pcap_setfilter(handle_->pcap, &program) != 0) {
+        pcap_freecode(&program);
+        return pcap_geterr(handle_->pcap);
+    }
+    if (handle_->hasProgram)
+        pcap_freecode(&handle_->program);
+    handle_->program = program;
+    handle_->hasProgram = isNeeded;
+    return "";
+}
+
 PacketSource::Result PacketSource::next(Packet& packet) {
     if (stopped_.load(std::memory_order_relaxed))
         return Result::kEnd;

@@ -27,7 +27,7 @@ public:
 
 /// Reads packets through libpcap, one at a time, that pass a filter.
 ///
-/// Threads: one thread uses a source; stop() alone may be called from anywhere at any time, signal
+/// Threads: one thread uses a source; stop() and filterFault() may be called from anywhere at any time, signal
 /// handlers included.
 class PacketSource {
 public:
@@ -49,6 +49,13 @@ public:
     PacketSource(const PacketSource&) = delete;
     PacketSource& operator=(const PacketSource&) = delete;
     ~PacketSource();
+
+    /// Why a filter is refused; empty when it is taken by Ethernet at least.
+    static std::string filterFault(const std::string& filter);
+
+    /// Replaces the filter from the next packet on. Returns why it was refused, and then the old
+    /// one holds; empty when it was taken.
+    std::string setFilter(const std::string& filter);
 
     /// Gives the next packet. On a device it returns after a tenth of a second at the latest.
     Result next(Packet& packet);

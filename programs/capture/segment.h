@@ -17,6 +17,7 @@ struct Segment {
 
     bool has(std::uint8_t flag) const { return (flags & flag) != 0; }
 
+    std::uint64_t number = 0;  ///< of its packet in the capture
     Timestamp time;
     Endpoint source;
     Endpoint destination;

@@ -39,6 +39,8 @@ public:
 
     /// Connections seen so far.
     std::uint64_t connections() const { return opened_; }
+    /// Connections kept now, those that ended a moment ago included.
+    std::size_t open() const { return connections_.size(); }
 
 private:
     struct Key {

@@ -45,21 +45,37 @@ void Summary::count(Counts& counts, const Transaction& transaction, const Judgem
 }
 
 void Summary::addTransaction(const Transaction& transaction, const Judgement& judgement) {
+    const std::lock_guard<std::mutex> lock(mutex_);
     count(seen_, transaction, judgement);
     if (judgement.inRanges)
         count(watched_, transaction, judgement);
 }
 
+std::vector<std::pair<std::string, std::string>> Summary::status() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return {{"seconds", fixed(seconds(), 0)},
+            {"packets", std::to_string(packets_)},
+            {"bytes", std::to_string(bytes_)},
+            {"filtered_out", std::to_string(filteredOut_)},
+            {"dropped", std::to_string(dropped_)},
+            {"connections", std::to_string(connections_)},
+            {"transactions", std::to_string(seen_.all)},
+            {"transactions_in_ranges", std::to_string(watched_.all)},
+            {"unanswered", std::to_string(seen_.byClass[0])}};
+}
+
 std::string Summary::progressLine(double done) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
     std::string line = "kp-capture: ";
     if (done >= 0)
         line += fixed(done * 100, 0) + " %, ";
-    const double rate = static_cast<double>(bytes_) / 1e6 / seconds();
-    return line + std::to_string(packets_) + " packets, " + megabytes(bytes_) + ", " +
+    const double rate = static_cast<double>(bytes_.load()) / 1e6 / seconds();
+    return line + std::to_string(packets_) + " packets, " + megabytes(bytes_.load()) + ", " +
            fixed(rate, 1) + " MB/s, " + std::to_string(seen_.all) + " transactions";
 }
 
 std::string Summary::text() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
     const double elapsed = seconds();
     const double divisor = elapsed > 0 ? elapsed : 1e-9;
     std::string text = "packets      " + std::to_string(packets_);
@@ -70,8 +86,9 @@ std::string Summary::text() const {
     text += "\nbytes        " + std::to_string(bytes_);
     text += "\nconnections  " + std::to_string(connections_);
     text += "\nseconds      " + fixed(elapsed, 3);
-    text += "\nrate         " + fixed(static_cast<double>(packets_) / divisor, 0) + " packets/s, " +
-            fixed(static_cast<double>(bytes_) / 1e6 / divisor, 1) + " MB/s\n";
+    text += "\nrate         " + fixed(static_cast<double>(packets_.load()) / divisor, 0) +
+            " packets/s, " + fixed(static_cast<double>(bytes_.load()) / 1e6 / divisor, 1) +
+            " MB/s\n";
 
     text += "                  in ranges      in all\n";
     text += row("transactions", watched_.all, seen_.all);

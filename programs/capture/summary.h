@@ -2,10 +2,14 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "judgement.h"
 #include "transaction.h"
@@ -13,14 +17,17 @@
 namespace kp::capture {
 
 /// Counts packets, connections and transactions, these in all and inside the watched ranges.
+///
+/// Threads: one adds packets, one adds transactions, any may ask.
 class Summary {
 public:
     /// The seconds count from here.
     Summary();
 
     void addPacket(std::size_t bytes) {
-        ++packets_;
-        bytes_ += bytes;
+        // One thread adds, so nothing is lost between the two halves.
+        packets_.store(packets_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        bytes_.store(bytes_.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
     }
     void addTransaction(const Transaction& transaction, const Judgement& judgement);
     void setConnections(std::uint64_t connections) { connections_ = connections; }
@@ -29,6 +36,9 @@ public:
 
     /// A progress line without its line end; @p done is 0 to 1, negative when it is not known.
     std::string progressLine(double done) const;
+
+    /// The counters as names and values.
+    std::vector<std::pair<std::string, std::string>> status() const;
 
     /// The summary, several lines.
     std::string text() const;
@@ -47,11 +57,12 @@ private:
     static void count(Counts& counts, const Transaction& transaction, const Judgement& judgement);
 
     std::chrono::steady_clock::time_point start_;
-    std::uint64_t packets_ = 0;
-    std::uint64_t bytes_ = 0;
-    std::uint64_t connections_ = 0;
-    std::uint64_t filteredOut_ = 0;
-    std::uint64_t dropped_ = 0;
+    std::atomic<std::uint64_t> packets_{0};
+    std::atomic<std::uint64_t> bytes_{0};
+    std::atomic<std::uint64_t> connections_{0};
+    std::atomic<std::uint64_t> filteredOut_{0};
+    std::atomic<std::uint64_t> dropped_{0};
+    mutable std::mutex mutex_;  // guards the rest
     Counts seen_;
     Counts watched_;
 };

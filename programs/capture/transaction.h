@@ -10,7 +10,8 @@ namespace kp::capture {
 
 /// A request and what came back; texts are as sent, without surrounding white space.
 struct Transaction {
-    Timestamp time;  ///< when the first byte of the request was seen
+    std::uint64_t connection = 0;  ///< number of the packet that opened its connection
+    Timestamp time;                ///< when the first byte of the request was seen
     Endpoint client;
     Endpoint server;
     std::string method;

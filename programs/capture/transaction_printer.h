@@ -1,6 +1,7 @@
 // kp-capture: transactions as lines on a file descriptor.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -18,6 +19,8 @@ void appendEscaped(std::string& line, std::string_view text);
 void appendLine(std::string& lines, const Transaction& transaction, const Judgement& judgement);
 
 /// Collects lines in a buffer and writes them in large pieces; to a terminal line by line.
+///
+/// Threads: one; isFailed() may be asked by others.
 class TransactionPrinter {
 public:
     /// The descriptor stays the caller's.
@@ -41,7 +44,7 @@ private:
 
     int descriptor_;
     bool isTerminal_;
-    int error_ = 0;  // the system's number
+    std::atomic<int> error_{0};  // the system's number
     std::string buffer_;
 };
 

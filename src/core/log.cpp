@@ -83,6 +83,7 @@ void KP_Log::init(const char* name, int level, KP_ExitHandler* handler) {
     }
     state.level = level;
     state.handler = handler;
+    kp::platform::setSignalLog(state.file);
 }
 
 int KP_Log::reset() {
@@ -91,6 +92,7 @@ int KP_Log::reset() {
     state.level = 0;
     state.handler = nullptr;
     if (state.file != nullptr) {
+        kp::platform::setSignalLog(nullptr);
         std::fclose(state.file);
         state.file = nullptr;
     }

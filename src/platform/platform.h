@@ -51,8 +51,21 @@ extern const char* const kConfigurationFolder;
 
 /// Local time of @p time; false when the system cannot tell.
 bool localTime(std::time_t time, std::tm* local);
+/// Local time in the words of the language's ctime(), line end included; empty when the system
+/// cannot tell.
+void timeText(std::time_t time, char (&text)[32]);
 /// Suspends the calling thread; 0 only yields the processor.
 void sleepSeconds(int seconds);
+
+// --- signals ---
+
+/// Makes the log, which appends, known to writeSignalLog(); null when there is none any more.
+/// One thread at a time.
+void setSignalLog(std::FILE* file);
+/// Appends to the log in one piece. May be called from a signal handler; keeps errno.
+void writeSignalLog(const char* text, std::size_t size);
+/// Installs a handler that stays; interrupted calls of the system go on. False on failure.
+bool handleSignal(int number, void (*handler)(int));
 
 // --- waiting and waking ---
 

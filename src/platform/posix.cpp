@@ -92,6 +92,12 @@ bool localTime(std::time_t time, std::tm* local) {
     return ::localtime_r(&time, local) != nullptr;
 }
 
+void timeText(std::time_t time, char (&text)[32]) {
+    if (::ctime_r(&time, text) == nullptr) {
+        text[0] = '\0';
+    }
+}
+
 void sleepSeconds(int seconds) {
     if (seconds <= 0) {
         ::sched_yield();

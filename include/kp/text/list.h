@@ -584,3 +584,7 @@ int KP_List<T>::writeJ(int socket) {
     }
     return 0;
 }
+
+// Lists of anything are in the library itself.
+extern template class KP_API KP_Link<KP_Object>;
+extern template class KP_API KP_List<KP_Object>;

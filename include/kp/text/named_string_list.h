@@ -4,8 +4,6 @@
 #include "kp/text/named_list.h"
 #include "kp/text/string.h"
 
-extern template class KP_API KP_Link<KP_Object>;
-extern template class KP_API KP_List<KP_Object>;
 extern template class KP_API KP_NamedLink<KP_String>;
 extern template class KP_API KP_List<KP_String>;
 extern template class KP_API KP_NamedList<KP_String>;

@@ -1,0 +1,73 @@
+// libkp: the start of an engine, from its command line to its log, signals and configurations.
+#pragma once
+
+#include <cstdint>
+
+#include "kp/config/config_admin.h"
+#include "kp/config/config_def.h"
+#include "kp/core/exit_handler.h"
+#include "kp/engine/message_handler.h"
+#include "kp/text/named_string_list.h"
+#include "kp/threads/event.h"
+#include "kp/threads/thread_list.h"
+
+/// Turns a program into an engine: opens its log, logs its signals, and holds what it runs with.
+///
+/// It is the list of the program's threads (it owns them), an event to wait on, and the root of its
+/// message handlers (it owns none). The log is the process's: one engine manager at a time.
+///
+/// Command line: `-v` sets the log's debug level to 1, `-i` is kept as the wish for interactive
+/// debugging, `-h` and `-?` print the usage to standard output and go on; `-r` has no effect.
+/// Everything else is left to the program, also two letters in one argument.
+///
+/// Log name: argv[0] up to its first dot, then what follows the last backslash, cut at 127
+/// characters; slashes stay, so a program hands over a bare name. "program" without an argv.
+///
+/// Signals 15 and 2 write a line to the log and do nothing else, every time they come, whatever the
+/// program does at that moment: the handlers take no lock and no memory. A program that wants to
+/// end by them installs its own handlers afterwards, and may call these from there.
+///
+/// Threads: constructor and destructor run while no other thread writes to the log.
+class KP_API KP_EngineMgr : public virtual KP_ThreadList,
+                            public virtual KP_Event,
+                            public virtual KP_MessageHandler {
+public:
+    /// @p argv may be null when @p argc is 0 or 1. @p optionList may be null and is not owned: if
+    /// its entry "Debug" reads as the number 0 the debug level is 1, whatever `-v` says.
+    /// @p exitHandler goes to the log. Ends the process with status 1 when the log cannot be
+    /// opened. The configurations are not read here: give them a name and call their init().
+    KP_EngineMgr(int argc, char** argv, KP_NamedStringList* optionList = nullptr,
+                 KP_ExitHandler* exitHandler = nullptr);
+    /// There is one log, and threads have one owner.
+    KP_EngineMgr(const KP_EngineMgr&) = delete;
+    KP_EngineMgr& operator=(const KP_EngineMgr&) = delete;
+    /// Closes the log. The threads must have been joined, as for every list of threads.
+    ~KP_EngineMgr() override;
+
+    /// For derived classes; returns 0.
+    virtual int input();
+    /// Seconds since 1970 at construction.
+    virtual long getStartTime();
+    /// The configuration of the installation; a KP_ConfigAdmin, owned by this object.
+    virtual KP_Config* getConfigAdmin();
+    /// The default configuration; a KP_ConfigDef, owned by this object.
+    virtual KP_Config* getConfig();
+
+    int init() override;
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    static unsigned long getClassID() { return 0x2BE2BF76; }
+    /// A manager without a command line, whose log is "program"; null when memory runs out.
+    static KP_EngineMgr* create();
+    /// Says "Quitting capture engine." on standard output and ends the process with status 0; the
+    /// argument is not used, so that it fits where a signal handler is wanted (not as one: it
+    /// writes through stdio).
+    [[noreturn]] static void cleanup(int);
+
+private:
+    std::int32_t interactive_ = 0;
+    std::int32_t startTime_ = 0;
+    KP_ConfigAdmin configAdmin_;
+    KP_ConfigDef config_;
+    KP_NamedStringList* optionList_;
+};

@@ -1,0 +1,342 @@
+#include "engine.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "front_end.h"
+#include "installation.h"
+#include "judgement.h"
+#include "live_config.h"
+#include "packet_source.h"
+#include "pipeline.h"
+#include "summary.h"
+#include "transaction_printer.h"
+
+namespace kp::capture {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::atomic<bool> stopRequested{false};
+std::atomic<PacketSource*> stoppable{nullptr};
+static_assert(std::atomic<PacketSource*>::is_always_lock_free);
+
+using Handler = void (*)(int);
+Handler loggingHandler[NSIG];  // the engine manager's, which write to the log and return
+
+extern "C" void onStopSignal(int number) {
+    const int kept = errno;
+    if (loggingHandler[number] != nullptr)
+        loggingHandler[number](number);
+    stopRequested = true;
+    if (PacketSource* source = stoppable)
+        source->stop();
+    errno = kept;
+}
+
+void catchSignals() {
+    for (const int number : {SIGINT, SIGTERM}) {
+        struct sigaction before {};
+        sigaction(number, nullptr, &before);
+        const bool isFunction = (before.sa_flags & SA_SIGINFO) == 0 &&
+                                before.sa_handler != SIG_DFL && before.sa_handler != SIG_IGN;
+        loggingHandler[number] = isFunction ? before.sa_handler : nullptr;
+        struct sigaction action {};
+        action.sa_handler = onStopSignal;  // no SA_RESTART: a blocked read has to end
+        sigemptyset(&action.sa_mask);
+        sigaction(number, &action, nullptr);
+    }
+    signal(SIGPIPE, SIG_IGN);  // the printer tells of a reader that has gone
+}
+
+/// Lets the signals stop a source for as long as this lives.
+class StoppedBySignals {
+public:
+    explicit StoppedBySignals(PacketSource& source) {
+        stoppable = &source;
+        if (stopRequested)
+            source.stop();
+    }
+    StoppedBySignals(const StoppedBySignals&) = delete;
+    StoppedBySignals& operator=(const StoppedBySignals&) = delete;
+    ~StoppedBySignals() { stoppable = nullptr; }
+};
+
+/// Calls a function for one of the engine's messages.
+class OnMessage : public KP_MessageHandler {
+public:
+    OnMessage(KP_EngineMgr& manager, const char* text, std::function<void()> function)
+        : manager_(manager), text_(text), function_(std::move(function)) {
+        manager_.addHandler(this);
+    }
+    ~OnMessage() override { manager_.removeHandler(this); }
+
+    int handleMessage(KP_Message* message) override {
+        if (std::strcmp(message->getMessage(), text_) == 0)
+            function_();
+        return 0;  // others want to know as well
+    }
+
+private:
+    KP_EngineMgr& manager_;
+    const char* text_;
+    std::function<void()> function_;
+};
+
+/// Tells the stages of a new day when the reset thread says so.
+class Day : public KP_Object {
+public:
+    explicit Day(KP_EngineMgr& manager) : manager_(manager) {}
+    int reset() override {
+        KP_Message message(kDayBegan, this);
+        return manager_.sendMessage(&message);
+    }
+
+private:
+    KP_EngineMgr& manager_;
+};
+
+class Engine {
+public:
+    Engine(KP_EngineMgr& manager, const Options& options, int output)
+        : manager_(manager),
+          options_(options),
+          config_(configurationOf(manager), manager),
+          printer_(output),
+          rowsAreShown_(options.print && isatty(output) != 0) {}
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+    // The stages use what stands here, so they go first.
+    ~Engine() { endStages(); }
+
+    int run();
+
+private:
+    std::unique_ptr<PacketSource> openSource();
+    void startStages();
+    void endStages();
+    void readSource(PacketSource& source);
+    PacketSource::Result readPackets(PacketSource& source);
+    void record(const Transaction& transaction);
+    void idle(bool isLast);
+    Status status() const;
+    void complain(const std::string& text);
+
+    KP_EngineMgr& manager_;
+    const Options& options_;
+    LiveConfig config_;
+    Summary summary_;
+    TransactionPrinter printer_;
+    const bool rowsAreShown_;  // on a terminal, where a progress display would disturb them
+    Faults faults_;
+    Day day_{manager_};
+    std::vector<Parser*> parsers_;  // owned by the manager's list, as the next two are
+    Output* output_ = nullptr;
+    FrontEnd* frontEnd_ = nullptr;
+    std::unique_ptr<Dispatcher> dispatcher_;
+    std::atomic<const char*> state_{"starting"};
+    std::atomic<bool> isPaced_{false};
+    std::atomic<bool> filterChanged_{false};
+    bool isGood_ = true;
+
+    // Of the output's thread.
+    std::shared_ptr<KP_ConfigAdmin> judging_ = config_.current();
+    std::atomic<bool> judgingChanged_{false};
+    Clock::time_point flushed_ = Clock::now();
+};
+
+void Engine::complain(const std::string& text) {
+    isGood_ = false;
+    std::fprintf(stderr, "kp-capture: %s\n", text.c_str());
+    KP_Log::ret("kp-capture: %s", text.c_str());
+}
+
+// Null when a signal came while the source was being opened.
+std::unique_ptr<PacketSource> Engine::openSource() {
+    const std::shared_ptr<KP_ConfigAdmin> config = config_.current();
+    try {
+        if (!options_.replay.empty())
+            return PacketSource::openFile(options_.replay, config->filterProgram);
+        const std::string device = options_.device.empty() ? config->device : options_.device;
+        if (device.empty()) {
+            throw PacketSourceError("no device is configured; give --device DEV, or --replay FILE");
+        }
+        return PacketSource::openDevice(device, config->filterProgram);
+    } catch (const PacketSourceError&) {
+        if (!stopRequested)
+            throw;
+        return nullptr;
+    }
+}
+
+void Engine::startStages() {
+    const auto add = [this](KP_Thread* stage) {
+        if (stage == nullptr)
+            throw std::bad_alloc();
+        manager_.append(stage);
+    };
+    output_ = new Output(
+        options_.threads, [this](const Transaction& transaction) { record(transaction); },
+        [this](bool isLast) { idle(isLast); }, faults_);
+    add(output_);
+    for (unsigned i = 0; i < options_.threads; ++i) {
+        auto* parser = new Parser(i, output_->input(), faults_);
+        add(parser);
+        parsers_.push_back(parser);
+    }
+    auto* days = KP_ResetThread::create();
+    add(days);
+    days->KP_List<KP_Object>::append(&day_);
+    if (options_.serve) {
+        frontEnd_ = new FrontEnd(
+            static_cast<std::uint16_t>(config_.current()->connectionPort), config_,
+            [this] { return status(); }, std::chrono::seconds(options_.clientTimeout));
+        add(frontEnd_);
+    }
+    dispatcher_ = std::make_unique<Dispatcher>(parsers_);
+    manager_.start();
+}
+
+// Also after a fault in the middle; ending what has ended does nothing.
+void Engine::endStages() {
+    if (dispatcher_ && !output_->isFinished()) {
+        dispatcher_->finish();
+        output_->waitUntilFinished();
+    }
+    KP_Message message(kShutdown, nullptr);
+    manager_.sendMessage(&message);
+    manager_.stop();
+    manager_.join(nullptr, 0);
+    manager_.clear();
+}
+
+void Engine::record(const Transaction& transaction) {
+    if (judgingChanged_.exchange(false))
+        judging_ = config_.current();
+    const Judgement judgement = judge(*judging_, transaction);
+    summary_.addTransaction(transaction, judgement);
+    if (options_.print && (options_.all || judgement.inRanges))
+        printer_.print(transaction, judgement);
+}
+
+// Lines are written at least once a second, and before a wait.
+void Engine::idle(bool isLast) {
+    if (isLast || isPaced_ || Clock::now() - flushed_ >= std::chrono::seconds(1)) {
+        printer_.flush();
+        flushed_ = Clock::now();
+    }
+    summary_.setConnections(output_->connections());
+}
+
+Status Engine::status() const {
+    Status result = summary_.status();
+    result.insert(result.begin(), {"state", state_.load()});
+    result.emplace_back("connections_kept", std::to_string(output_->openConnections()));
+    result.emplace_back("clients", std::to_string(frontEnd_->clients()));
+    result.emplace_back("clients_refused", std::to_string(frontEnd_->refused()));
+    return result;
+}
+
+PacketSource::Result Engine::readPackets(PacketSource& source) {
+    constexpr unsigned kRound = 1024;
+    constexpr std::chrono::milliseconds kLongestRound{200};
+    // Whoever waits for packets from outside looks at the clock each time, a file rarely.
+    isPaced_ = source.progress() < 0;
+    ProgressDisplay progress(!source.isLive() && !rowsAreShown_ && isatty(STDERR_FILENO) != 0);
+    Clock::time_point ended = Clock::now();
+    Packet packet;
+    Segment segment;
+    for (unsigned round = 1; !printer_.isFailed(); ++round) {
+        if (isPaced_ && dispatcher_->hasCollected() && source.mayWait())
+            dispatcher_->endRound();
+        const PacketSource::Result result = source.next(packet);
+        if (result == PacketSource::Result::kPacket) {
+            summary_.addPacket(packet.bytes.size());
+            if (readSegment(packet.linkType, packet.bytes, segment)) {
+                segment.time = packet.time;
+                dispatcher_->segment(segment);
+            }
+        } else if (result != PacketSource::Result::kNothing) {
+            return result;
+        } else if (source.isLive() && dispatcher_->hasCollected()) {
+            dispatcher_->endRound();
+        }
+        if (!isPaced_ && round % kRound != 0)
+            continue;
+        if (filterChanged_.exchange(false)) {
+            const std::string fault = source.setFilter(config_.current()->filterProgram);
+            if (!fault.empty())
+                KP_Log::ret("kp-capture: the old filter stays: %s", fault.c_str());
+        }
+        summary_.setFilteredOut(source.filteredOut());
+        summary_.setDropped(source.dropped());
+        if (progress.isDue())
+            progress.show(summary_.progressLine(source.progress()));
+        if (isPaced_ && Clock::now() - ended >= kLongestRound) {
+            dispatcher_->endRound();
+            ended = Clock::now();
+        }
+    }
+    return PacketSource::Result::kEnd;
+}
+
+void Engine::readSource(PacketSource& source) {
+    const StoppedBySignals scope(source);
+    const OnMessage onConfiguration(manager_, kConfigurationChanged,
+                                    [this] { filterChanged_ = true; });
+    const OnMessage onShutdown(manager_, kShutdown, [&source] { source.stop(); });
+    if (!source.warning().empty())
+        std::fprintf(stderr, "kp-capture: warning: %s\n", source.warning().c_str());
+    state_ = source.isLive() ? "watching" : "reading";
+    KP_Log::ret("kp-capture: %s %s", state_.load(), source.name().c_str());
+    const PacketSource::Result end = readPackets(source);
+    summary_.setFilteredOut(source.filteredOut());
+    summary_.setDropped(source.dropped());
+    if (end == PacketSource::Result::kFault)
+        complain(source.fault() + "; what came before is used");
+}
+
+int Engine::run() {
+    catchSignals();
+    const std::unique_ptr<PacketSource> source = openSource();
+    const OnMessage onConfiguration(manager_, kConfigurationChanged,
+                                    [this] { judgingChanged_ = true; });
+    const OnMessage onDay(manager_, kDayBegan,
+                          [] { KP_Log::ret("kp-capture: a new day has begun"); });
+    startStages();
+    if (source)
+        readSource(*source);
+    dispatcher_->finish();
+    output_->waitUntilFinished();
+    summary_.setConnections(output_->connections());
+    if (faults_.any())
+        complain(faults_.first());
+    if (printer_.isFailed())
+        complain("cannot write to standard output: " + printer_.failure());
+    std::fputs(summary_.text().c_str(), stderr);
+    state_ = "serving";
+    while (options_.serve && !stopRequested)
+        manager_.wait(nullptr, 100);
+    endStages();
+    KP_Log::ret("kp-capture: ended%s", isGood_ ? "" : " with an error");
+    return isGood_ ? 0 : 1;
+}
+
+}  // namespace
+
+int runEngine(KP_EngineMgr& manager, const Options& options, int output) {
+    return Engine(manager, options, output).run();
+}
+
+}  // namespace kp::capture

@@ -1,0 +1,230 @@
+#include "pipeline.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <tuple>
+#include <utility>
+
+#include "http_connection.h"
+
+namespace kp::capture {
+
+namespace {
+
+constexpr std::size_t kRounds = 4;  // that may wait for a stage
+constexpr std::chrono::milliseconds kTurn{100};
+
+}  // namespace
+
+void Batch::add(const Segment& segment) {
+    if (!bytes)
+        bytes = std::make_unique<char[]>(kMostBytes);
+    segments.push_back(segment);
+    if (!segment.payload.empty())
+        std::memcpy(bytes.get() + used, segment.payload.data(), segment.payload.size());
+    segments.back().payload = std::string_view(bytes.get() + used, segment.payload.size());
+    used += segment.payload.size();
+}
+
+void Batch::clear() {
+    segments.clear();
+    used = 0;
+    expired.reset();
+    isLast = false;
+}
+
+void Faults::add(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (first_.empty())
+        first_ = text;
+    any_ = true;
+}
+
+std::string Faults::first() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return first_;
+}
+
+Parser::Parser(std::size_t place, RowsQueue& output, Faults& faults)
+    : input_(kRounds), emptied_(2 * kRounds), output_(output), faults_(faults), follower_(*this) {
+    rows_.parser = place;
+}
+
+Parser::~Parser() {
+    stop();
+    join(nullptr, 0);
+}
+
+std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, bool fromStart) {
+    TransactionSink& sink = *this;
+    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number_);
+}
+
+void Parser::transaction(const Transaction& transaction) {
+    rows_.rows.push_back({number_, isClosing_, transaction});
+}
+
+void Parser::work(const Batch& batch) {
+    for (const Segment& segment : batch.segments) {
+        number_ = segment.number;
+        follower_.segment(segment);
+    }
+    isClosing_ = true;
+    number_ = batch.lastNumber;
+    if (batch.expired)
+        follower_.expire(*batch.expired);
+    if (batch.isLast)
+        follower_.finish();
+    isClosing_ = false;
+}
+
+int Parser::doTask() {
+    std::unique_ptr<Batch> batch;
+    if (!input_.pop(batch, kTurn))
+        return 0;
+    try {
+        work(*batch);
+    } catch (const std::exception& error) {
+        faults_.add(error.what());  // the round goes on, or nobody would ever be done
+    }
+    isClosing_ = false;
+    rows_.connections = follower_.connections();
+    rows_.open = follower_.open();
+    rows_.isLast = batch->isLast;
+    if (batch->isLast)
+        setContinue(0);
+    batch->clear();
+    emptied_.push(std::move(batch));
+    Rows rows;
+    rows.parser = rows_.parser;
+    std::swap(rows, rows_);
+    output_.push(std::move(rows));
+    return 0;
+}
+
+Dispatcher::Dispatcher(const std::vector<Parser*>& parsers)
+    : parsers_(parsers), batches_(parsers.size()) {
+    for (std::unique_ptr<Batch>& batch : batches_)
+        batch = std::make_unique<Batch>();
+}
+
+void Dispatcher::segment(const Segment& segment) {
+    ++number_;
+    // A damaged time must not keep silent connections alive for ever.
+    if (segment.time.seconds < lookedAt_ || number_ == 1)
+        lookedAt_ = segment.time.seconds;
+    if (segment.time.seconds - lookedAt_ >= kExpirySeconds) {
+        lookedAt_ = segment.time.seconds;
+        send(false, segment.time);
+    }
+    const std::uint64_t hash = connectionHash(segment.source, segment.destination);
+    const std::size_t place = hash % parsers_.size();
+    if (!batches_[place]->hasRoomFor(segment))
+        send(false);
+    batches_[place]->add(segment);
+    batches_[place]->segments.back().number = number_;
+    hasCollected_ = true;
+}
+
+// The batch of a parser to fill: one that it has worked off, or a new one at the beginning.
+std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
+    std::unique_ptr<Batch> batch;
+    if (!parsers_[parser]->emptied().pop(batch, std::chrono::milliseconds(0)))
+        batch = std::make_unique<Batch>();
+    return batch;
+}
+
+void Dispatcher::send(bool isLast, std::optional<Timestamp> expired) {
+    for (std::size_t i = 0; i < parsers_.size(); ++i) {
+        Batch& batch = *batches_[i];
+        batch.lastNumber = number_;
+        batch.expired = expired;
+        batch.isLast = isLast;
+        parsers_[i]->input().push(std::move(batches_[i]));
+        batches_[i] = emptyBatch(i);
+    }
+    hasCollected_ = false;
+}
+
+Output::Output(std::size_t parsers, RowFunction row, IdleFunction idle, Faults& faults)
+    : input_(kRounds * parsers),
+      row_(std::move(row)),
+      idle_(std::move(idle)),
+      faults_(faults),
+      waiting_(parsers) {}
+
+Output::~Output() {
+    stop();
+    join(nullptr, 0);
+}
+
+bool Output::isRoundComplete() const {
+    return std::all_of(waiting_.begin(), waiting_.end(),
+                       [](const std::deque<Rows>& rows) { return !rows.empty(); });
+}
+
+void Output::writeRound() {
+    std::vector<Rows> parts;
+    for (std::deque<Rows>& parser : waiting_) {
+        parts.push_back(std::move(parser.front()));
+        parser.pop_front();
+    }
+    std::vector<const Row*> round;
+    std::uint64_t connections = 0;
+    std::size_t open = 0;
+    for (const Rows& rows : parts) {
+        for (const Row& row : rows.rows)
+            round.push_back(&row);
+        connections += rows.connections;
+        open += rows.open;
+        sawLast_ = rows.isLast;
+    }
+    // A connection is one parser's, and its own rows stand in their order already.
+    std::stable_sort(round.begin(), round.end(), [](const Row* a, const Row* b) {
+        const auto place = [](const Row* row) {
+            return std::tuple(row->number, row->isClosing,
+                              row->isClosing ? row->transaction.connection : 0);
+        };
+        return place(a) < place(b);
+    });
+    for (const Row* row : round)
+        row_(row->transaction);
+    connections_ = connections;
+    open_ = open;
+    if (sawLast_)
+        idle_(true);
+}
+
+void Output::finish() {
+    setContinue(0);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    isFinished_ = true;
+    finished_.notify_all();
+}
+
+int Output::doTask() {
+    Rows rows;
+    try {
+        if (input_.pop(rows, kTurn)) {
+            waiting_[rows.parser].push_back(std::move(rows));
+            if (isRoundComplete())
+                writeRound();
+        }
+        if (input_.isEmpty())
+            idle_(false);
+    } catch (const std::exception& error) {
+        faults_.add(error.what());
+    }
+    if (sawLast_)
+        finish();
+    return 0;
+}
+
+void Output::waitUntilFinished() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    finished_.wait(lock, [this] { return isFinished_.load(); });
+}
+
+}  // namespace kp::capture

@@ -1,0 +1,177 @@
+// kp-capture: the stages between the packets and the lines.
+//
+//   reader --batches--> parser 0..N-1 --rows--> output
+//
+// The reader cuts the capture into rounds. Of every round each parser gets the segments of its
+// connections, and the output puts the rows of all parsers in the order of the packets that
+// completed them: what comes out does not depend on the number of parsers.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bounded_queue.h"
+#include "kp/kp.h"
+#include "segment.h"
+#include "stream_follower.h"
+#include "transaction.h"
+
+namespace kp::capture {
+
+/// One parser's part of a round.
+struct Batch {
+    static constexpr std::size_t kMostBytes = 512 * 1024;
+    static constexpr std::size_t kMostSegments = 4096;
+
+    bool hasRoomFor(const Segment& segment) const {
+        return segments.size() < kMostSegments && used + segment.payload.size() <= kMostBytes;
+    }
+    /// Copies the segment, payload included; there must be room for it.
+    void add(const Segment& segment);
+    void clear();
+
+    std::vector<Segment> segments;
+    std::unique_ptr<char[]> bytes;     // the payloads
+    std::size_t used = 0;              // of bytes
+    std::uint64_t lastNumber = 0;      // of the last packet of the round
+    std::optional<Timestamp> expired;  // after it, what was silent until then is closed
+    bool isLast = false;
+};
+
+/// A transaction with its place in the output.
+struct Row {
+    std::uint64_t number;  // of the packet that completed it
+    bool isClosing;        // it was completed by the end of its connection in that place
+    Transaction transaction;
+};
+
+/// What one parser made of a round.
+struct Rows {
+    std::size_t parser = 0;
+    std::vector<Row> rows;
+    std::uint64_t connections = 0;  // seen by this parser so far
+    std::size_t open = 0;           // of them, kept now
+    bool isLast = false;
+};
+
+using BatchQueue = BoundedQueue<std::unique_ptr<Batch>>;
+using RowsQueue = BoundedQueue<Rows>;
+
+/// Faults of any stage; the first one is kept. Threads: any.
+class Faults {
+public:
+    void add(const std::string& text);
+    /// Empty while there is none.
+    std::string first() const;
+    bool any() const { return any_; }
+
+private:
+    mutable std::mutex mutex_;
+    std::string first_;
+    std::atomic<bool> any_{false};
+};
+
+/// Follows the connections that fall to it, and reads their HTTP.
+class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
+public:
+    Parser(std::size_t place, RowsQueue& output, Faults& faults);
+    ~Parser() override;
+
+    BatchQueue& input() { return input_; }
+    /// Batches that were worked off, for the reader to fill again.
+    BatchQueue& emptied() { return emptied_; }
+
+    int doTask() override;
+
+private:
+    std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second,
+                                           bool fromStart) override;
+    void transaction(const Transaction& transaction) override;
+    void work(const Batch& batch);
+
+    BatchQueue input_;
+    BatchQueue emptied_;
+    RowsQueue& output_;
+    Faults& faults_;
+    StreamFollower follower_;
+    Rows rows_;
+    std::uint64_t number_ = 0;  // of the packet that is being read
+    bool isClosing_ = false;
+};
+
+/// Hands segments to the parsers, in rounds.
+///
+/// Threads: the reader's alone.
+class Dispatcher {
+public:
+    explicit Dispatcher(const std::vector<Parser*>& parsers);
+
+    /// Takes the next segment; waits while its parser has enough to do.
+    void segment(const Segment& segment);
+    /// Ends the round, so that what was taken so far is worked off.
+    void endRound() { send(false); }
+    bool hasCollected() const { return hasCollected_; }
+    /// Ends the last round; the parsers close what is open.
+    void finish() { send(true); }
+
+private:
+    /// Seconds of capture time between two looks for silent connections.
+    static constexpr std::int64_t kExpirySeconds = 10;
+
+    void send(bool isLast, std::optional<Timestamp> expired = {});
+    std::unique_ptr<Batch> emptyBatch(std::size_t parser);
+
+    const std::vector<Parser*>& parsers_;
+    std::vector<std::unique_ptr<Batch>> batches_;
+    std::uint64_t number_ = 0;
+    std::int64_t lookedAt_ = 0;
+    bool hasCollected_ = false;
+};
+
+/// Puts the parsers' rows in order.
+class Output : public KP_Thread {
+public:
+    using RowFunction = std::function<void(const Transaction&)>;
+    using IdleFunction = std::function<void(bool isLast)>;
+
+    /// @p row gets each transaction, in order; @p idle is called when nothing is left to be done at
+    /// the moment, and at the end. Both run on the output's thread.
+    Output(std::size_t parsers, RowFunction row, IdleFunction idle, Faults& faults);
+    ~Output() override;
+
+    RowsQueue& input() { return input_; }
+    bool isFinished() const { return isFinished_; }
+    std::uint64_t connections() const { return connections_; }
+    std::size_t openConnections() const { return open_; }
+    /// Waits until everything was written.
+    void waitUntilFinished();
+
+    int doTask() override;
+
+private:
+    bool isRoundComplete() const;
+    void writeRound();
+    void finish();
+
+    RowsQueue input_;
+    RowFunction row_;
+    IdleFunction idle_;
+    Faults& faults_;
+    std::vector<std::deque<Rows>> waiting_;  // by parser
+    bool sawLast_ = false;
+    std::atomic<std::uint64_t> connections_{0};
+    std::atomic<std::size_t> open_{0};
+    std::atomic<bool> isFinished_{false};
+    std::mutex mutex_;
+    std::condition_variable finished_;
+};
+
+}  // namespace kp::capture
