@@ -6,7 +6,6 @@
 #include "kp/text/list.h"
 #include "kp/threads/thread.h"
 
-
 /// Calls reset() of the objects in its list when a local day begins, in the order of the list.
 ///
 /// The objects belong to the host, which keeps them alive while they are listed and changes the
