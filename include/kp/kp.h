@@ -38,4 +38,7 @@
 #include "kp/threads/thread_list.h"
 #include "kp/threads/thread_pool.h"
 #include "kp/tools/tools.h"
+#include "kp/wire/buffer.h"
+#include "kp/wire/buffer_stream.h"
 #include "kp/wire/primitives.h"
+#include "kp/wire/stream.h"

@@ -1,0 +1,121 @@
+// libkp: captured data, chained in the order of its arrival and walked as one sequence of bytes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string_view>
+
+#include "kp/text/list.h"
+#include "kp/wire/buffer.h"
+#include "kp/wire/stream.h"
+
+/// A chain of buffers with a cursor on one of their bytes.
+///
+/// The stream owns its buffers: it releases them when it is reset and when it ends. Their bytes are
+/// theirs, see KP_Buffer::setOwner(). A buffer that is in a stream keeps its block and its length;
+/// add() adds the length to the total, as it is then.
+///
+/// The cursor never leaves the bytes that were added, whatever it is asked, with one exception:
+/// find() of an address that no buffer holds believes its caller, and the cursor is then on that
+/// single byte, in front of the buffer that follows the current one.
+///
+/// Cost: a step within a buffer is one virtual call by incNext() or ontoNext() and none by step();
+/// a parser is fastest when it takes what stands in one buffer at once:
+///
+///     for (bool more = stream.setFirst() == 0; more; more = stream.nextRun()) {
+///         const std::string_view run = stream.run();
+///         ...
+///     }
+///
+/// A class that overrides incNext() overrides ontoNext() as well, which does not call it.
+///
+/// Threads: one at a time; a stream that several threads use needs a lock of theirs.
+class KP_API KP_BufferStream : public virtual KP_Stream {
+public:
+    KP_BufferStream();
+    /// Two streams cannot both release their buffers.
+    KP_BufferStream(const KP_BufferStream&) = delete;
+    KP_BufferStream& operator=(const KP_BufferStream&) = delete;
+    ~KP_BufferStream() override;
+
+    /// Adds @p buffer, whose owner the stream becomes, at the end. The cursor stays where it is.
+    /// Returns 0; -1 for null. Throws KP_NoMoreMemoryException when there is no memory for a link;
+    /// the buffer is then still the caller's.
+    virtual int add(KP_Buffer* buffer);
+    /// The bytes that were in use in the buffers when they were added, modulo 2^32.
+    virtual unsigned long total();
+
+    int setFirst() override;
+    int isNext() override;
+    unsigned char getNext() override;
+    unsigned char* getNextPtr() override;
+    unsigned char* getLastPtr() override;
+    int incNext() override;
+    unsigned char ontoNext() override;
+    int bumpToNext(long count) override;
+    unsigned char* markNext(int mark) override;
+    int resetNext(unsigned char* place, int mark) override;
+    unsigned char* aheadNext(short distance) override;
+    void relNext() override;
+    unsigned char* lookNextIndex(int distance) override;
+    int find(unsigned char* place) override;
+    int findPattern(const char* pattern) override;
+    unsigned char* copy(unsigned long count) override;
+    int copy(unsigned char* out, int count) override;
+    using KP_Stream::copy;
+
+    /// incNext() without a virtual call.
+    bool step() {
+        if (end_ - next_ > 1) {
+            ++next_;
+            return true;
+        }
+        return next_ != nullptr && stepBuffer();
+    }
+    /// The bytes of the current buffer from the cursor on; none when the cursor is nowhere.
+    std::string_view run() const {
+        return {reinterpret_cast<const char*>(next_), static_cast<std::size_t>(end_ - next_)};
+    }
+    /// Moves the cursor to the first byte of the next buffer that has one.
+    /// Returns false when there is none; the cursor then stays.
+    bool nextRun();
+    /// The buffer that the cursor is in; null when the cursor is nowhere.
+    KP_Buffer* getCurrentBuffer();
+
+    char* getClassName() override;
+    int queryInterface(unsigned long id, void** out) override;
+    /// Releases all buffers and unsets the marks; the cursor is nowhere. Returns 0.
+    int reset() override;
+    /// Writes the total.
+    int print(std::FILE* file) override;
+    static unsigned long getClassID() { return 0x411CDB04; }
+    /// A new empty stream, or null when memory runs out.
+    static KP_BufferStream* create();
+
+protected:
+    std::uint32_t m_iTotal = 0;
+
+private:
+    static constexpr int kMarks = 20;
+    using Link = KP_Link<KP_Object>;
+
+    struct Position {
+        Link* link;
+        unsigned char* start;
+        unsigned char* next;
+        unsigned char* end;
+    };
+    Position position();
+    void setPosition(const Position& position);
+    bool enter(KP_Object* element);
+    bool stepBuffer();
+    bool stepBufferBack();
+    bool isInCurrent();
+
+    KP_List<KP_Object> chain_;  // its cursor is the current buffer
+    Link* marks_[kMarks] = {};
+    unsigned char* next_ = nullptr;
+    unsigned char* end_ = nullptr;    // behind the used bytes that next_ is in
+    unsigned char* start_ = nullptr;  // of them
+};

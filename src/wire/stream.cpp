@@ -1,0 +1,11 @@
+#include "kp/wire/stream.h"
+
+KP_Stream::~KP_Stream() = default;
+
+char* KP_Stream::getClassName() {
+    return kp::detail::className("KP_Stream");
+}
+
+int KP_Stream::queryInterface(unsigned long id, void** out) {
+    return kp::detail::answerAs<KP_Stream>(this, id, out);
+}
