@@ -5,6 +5,7 @@
 #include "kp/config/config_admin.h"
 #include "kp/config/config_base.h"
 #include "kp/config/config_def.h"
+#include "kp/config/file_lock.h"
 #include "kp/core/calc_hash.h"
 #include "kp/core/compare.h"
 #include "kp/core/exception.h"

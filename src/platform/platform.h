@@ -47,6 +47,19 @@ bool programFolder(char* folder, std::size_t size);
 /// The path of the configuration folder as seen from the program's folder, separators included.
 extern const char* const kConfigurationFolder;
 
+/// Opens a file for reading and writing, or creates it for its owner alone, closed in programs that
+/// this process starts; a descriptor, or -1 with errno.
+int openLockFile(const char* path);
+/// Sets a file's permissions to reading and writing by its owner alone; false with errno.
+bool giveToOwner(int descriptor);
+int descriptorOf(std::FILE* file);
+void closeFile(int descriptor);
+/// Locks the first byte of an opened file against other openings of it, without waiting; false with
+/// errno. Goes to the start of the file.
+bool lockFirstByte(int descriptor);
+/// The counterpart, which also succeeds when there is no lock.
+bool unlockFirstByte(int descriptor);
+
 // --- time ---
 
 /// Local time of @p time; false when the system cannot tell.

@@ -1,0 +1,59 @@
+// libkp: a lock that processes share through a file.
+#pragma once
+
+#include <cstdio>
+
+#include "kp/core/object.h"
+
+/// Locks the first byte of a file, one of its own or one that the caller has open.
+///
+/// The lock belongs to the opened file, not to the process: two openings of the same file exclude
+/// each other, in one process too; copies of a descriptor, those in a forked child among them, share
+/// it. It ends with unlock(), when the last copy of the descriptor is closed, and with the process,
+/// however that ends: a lock file that lies about locks nobody out. It keeps out those who ask for
+/// it and nobody else.
+///
+/// As lock() and unlock() always return 0, isHeld() tells whether the lock was got. Their faults go
+/// to the log when its debug level is not 0.
+///
+/// A copy uses the descriptor of its source, which stays the source's, and has not locked it. Both
+/// are on the same side: they do not exclude each other.
+///
+/// Threads: one at a time.
+class KP_API KP_FileLock : public virtual KP_Object {
+public:
+    /// A lock without a file.
+    KP_FileLock() = default;
+    KP_FileLock(const KP_FileLock& other);
+    KP_FileLock& operator=(const KP_FileLock& other);
+    /// Closes a file that open() opened, and with it ends the lock; leaves any other as it is.
+    ~KP_FileLock() override;
+
+    /// Opens @p path for reading and writing, or creates it, gives it to its owner alone, and closes
+    /// a file that it had opened before. A system that is short of something for a moment is asked
+    /// again after a second. Returns 0, or -1 with the lock as it was, a line in the log and one on
+    /// standard error. Ends the process with status 1 when the permissions cannot be set.
+    virtual int open(const char* path);
+    /// Uses the descriptor underneath @p file, which stays the caller's; returns 0.
+    virtual int setFD(std::FILE* file);
+    /// Uses @p descriptor, which stays the caller's; returns 0.
+    virtual int setFD(int descriptor);
+    /// Asks for the lock and does not wait for it: when somebody else has it, the lock is not held.
+    /// Puts the descriptor's position at the start of the file. Returns 0 always.
+    virtual int lock();
+    /// Gives the lock back; one that is not held is reported. Moves the position as lock() does.
+    /// Returns 0 always.
+    virtual int unlock();
+
+    /// Whether the last lock() of this object got it, and it was not given back since.
+    bool isHeld() const { return isHeld_; }
+
+protected:
+    std::int32_t fd_ = 0;  // 0: none
+    std::int32_t ownsFD_ = 1;
+
+private:
+    void use(int descriptor, bool owns);
+
+    bool isHeld_ = false;
+};

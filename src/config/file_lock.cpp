@@ -1,0 +1,83 @@
+#include "kp/config/file_lock.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "kp/core/log.h"
+#include "kp/tools/tools.h"
+#include "platform/platform.h"
+
+KP_FileLock::KP_FileLock(const KP_FileLock& other) : KP_Object(other), fd_(other.fd_), ownsFD_(0) {}
+
+KP_FileLock& KP_FileLock::operator=(const KP_FileLock& other) {
+    if (this != &other) {
+        use(other.fd_, false);
+    }
+    return *this;
+}
+
+KP_FileLock::~KP_FileLock() {
+    use(0, false);
+}
+
+// Takes another descriptor, and closes the one before if it is the lock's own.
+void KP_FileLock::use(int descriptor, bool owns) {
+    if (ownsFD_ != 0 && fd_ != 0 && fd_ != descriptor) {
+        kp::platform::closeFile(fd_);
+    }
+    fd_ = descriptor;
+    ownsFD_ = owns ? 1 : 0;
+    isHeld_ = false;
+}
+
+int KP_FileLock::open(const char* path) {
+    int descriptor = kp::platform::openLockFile(path);
+    if (descriptor < 0 && errno == EAGAIN) {
+        KP_Tools::sleep(1);
+        descriptor = kp::platform::openLockFile(path);
+    }
+    if (descriptor < 0) {
+        std::perror("archiving_openReader");
+        KP_Log::ret("archiving_openReader: error opening %s", path);
+        return -1;
+    }
+    use(descriptor, true);
+    if (!kp::platform::giveToOwner(descriptor)) {
+        std::perror("archiving_openWriter:");
+        KP_Log::quit("KP_FileLock: couldn't chmod() lock");
+    }
+    return 0;
+}
+
+int KP_FileLock::setFD(std::FILE* file) {
+    return setFD(kp::platform::descriptorOf(file));
+}
+
+int KP_FileLock::setFD(int descriptor) {
+    use(descriptor, false);
+    return 0;
+}
+
+int KP_FileLock::lock() {
+    while (!kp::platform::lockFirstByte(fd_)) {
+        if (errno != EDEADLK) {
+            KP_Log::debug("my_lockf: can't F_LOCK, %s", KP_Log::sys_err_str());
+            isHeld_ = false;
+            return 0;
+        }
+        KP_Log::debug("my_lockf: recovering from deadlock detection");
+        KP_Tools::sleep(1);
+    }
+    isHeld_ = true;
+    return 0;
+}
+
+int KP_FileLock::unlock() {
+    // Asked for a lock that is not there, the system would be content.
+    errno = EACCES;
+    if (!isHeld_ || !kp::platform::unlockFirstByte(fd_)) {
+        KP_Log::debug("my_unlockf: can't F_LOCK, %s", KP_Log::sys_err_str());
+    }
+    isHeld_ = false;
+    return 0;
+}
