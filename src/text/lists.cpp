@@ -92,6 +92,7 @@ int KP_NamedStringList::writeFile(const char* path, char separator) {
         std::fprintf(file.get(), "%s%c%s\n", getCurrentName(), separator,
                      static_cast<const char*>(*value));
     }
-    file.reset();  // Before the lock is given up: whoever takes it next finds the file whole.
-    return 0;
+    const bool isBad = std::ferror(file.get()) != 0;
+    // Closed before the lock is given up: whoever takes it next finds the file whole.
+    return std::fclose(file.release()) != 0 || isBad ? -1 : 0;
 }

@@ -65,6 +65,8 @@ char* allocate(std::size_t characters) {
 
 KP_String::KP_String(NoText) : buffer_(emptyText()) {
     element_ = this;
+    // In the copy of a derived object the base was copied, neighbours and all.
+    next_ = previous_ = nullptr;
     KP_Key<unsigned long>::setKey(kNoKey);
 }
 

@@ -139,10 +139,15 @@ TEST(ListTest, AsksAndWritesItsElements) {
     EXPECT_THAT(results, testing::ElementsAre(0, 0, 0, 0, 7, 0));
     EXPECT_STREQ(written, "Count{2}\nabvalue\t\t: a\nvalue\t\t: b\nCount{2}\nx");
     EXPECT_EQ(sockets.unread(sockets.theirs()), std::string("\0\0\0\0\0\0\0\2a\nb\n", 12));
+    EXPECT_EQ(Text(texts[0]).getNext(), nullptr);  // In no list, unlike its source.
     sockets.closeTheirs();
     EXPECT_EQ(own.writeJ(sockets.ours()), -1);
     Texts owner;  // Does not release what is no text; this one would not survive it.
     owner.setOwner(1), owner.append(nullptr), owner.append(new Text('b'));
+    kp::test::SocketPair peers;
+    EXPECT_EQ(owner.writeJ(peers.ours()), 0);  // The count is that of what follows it.
+    EXPECT_EQ(peers.unread(peers.theirs()), std::string("\0\0\0\1b\n", 6));
+    EXPECT_EQ(owner.write(nullptr), -1);
     owner.getCurrentLink()->setElement(&aloof);
     EXPECT_EQ(shown(owner), "[?]b");
 }
@@ -155,6 +160,9 @@ struct Host : Names {
     int append(KP_String* e) override { return log('A').Names::append(e); }
     int removeCurrent() override { return log('R').Names::removeCurrent(); }
     KP_String* getCurrentElement() override { return log('E').Names::getCurrentElement(); }
+    int insert(KP_String* e) override { return refuses ? 0 : Names::insert(e); }
+    using Names::insert;
+    bool refuses = false;
     std::string calls;
 };
 
@@ -174,6 +182,8 @@ TEST(ListTest, NamesElementsReusesLinksAndCallsWhatAHostOverrides) {
     list.setSortByName(1), list.sort(), list.setSortByName(0), list.sort();
     EXPECT_EQ(list.first(), text + 2);
     EXPECT_EQ((list.setCurrent(text), list.getCurrent()), text);
+    list.refuses = true, list.insert(text, "y"), list.refuses = false;
+    EXPECT_EQ(list.countByName("y"), 0);
     list.calls.clear(), list.clear(), list.append(text);
     EXPECT_EQ(list.calls, "RRRRAL");
 }

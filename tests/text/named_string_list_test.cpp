@@ -39,6 +39,7 @@ TEST(NamedStringListTest, ReadsItsFileAndWritesItBack) {
     list.append(values, text.c_str()), list.append(values + 1, "b");
     EXPECT_EQ(list.writeFile(path.c_str(), ':'), 0);
     EXPECT_EQ(site.read("f"), text + ":" + text + "\nb:\n");
+    EXPECT_EQ(list.writeFile("/dev/full", ':'), -1);
     for (const std::string& nowhere : {path + "/f", site.path("none/f"), site.path()}) {
         EXPECT_EQ(list.writeFile(nowhere.c_str(), '='), -1);
         EXPECT_EQ(list.readFile(nowhere.c_str(), '=', nullptr), -1) << nowhere;

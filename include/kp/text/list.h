@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <memory>
 #include <mutex>
 
 #include "kp/core/no_more_memory_exception.h"
@@ -28,6 +29,10 @@ public:
 
 private:
     unsigned char bits_ = 0;
+};
+
+struct FreeMemory {
+    void operator()(void* memory) const { std::free(memory); }
 };
 
 }  // namespace kp::detail
@@ -132,10 +137,11 @@ public:
     }
     /// Has every link print itself: strings that are their own links do, other links are silent.
     int print(std::FILE* file) override;
-    /// Writes "Count{n}" and a line feed, then every element, back to back. Returns 0, or the first
-    /// non-zero result of an element.
+    /// Writes "Count{n}" and a line feed, then every element, back to back; links whose element is
+    /// null count nothing. Returns 0, the first non-zero result of an element, or -1 for no file.
     int write(std::FILE* file) override;
-    /// Sends the count as UInt16, so the low 16 bits of it, then every element; returns 0 or -1.
+    /// Sends the count as UInt16, so the low 16 bits of it, then every element that write() would
+    /// write; returns 0 or -1.
     int writeJ(int socket) override;
     static unsigned long getClassID() { return 0x2BE2BF9D; }
 
@@ -174,6 +180,7 @@ protected:
     void unchain(KP_Link<T>* link);
     void keepLink(KP_Link<T>* link);
     int findFrom(T* element, unsigned long id, void** out, T** found);
+    int countElements() const;
 
     KP_Link<T>* head_ = nullptr;
     KP_Link<T>* tail_ = nullptr;
@@ -432,7 +439,10 @@ int KP_List<T>::sort() {
         return 0;
     }
     const auto count = static_cast<std::size_t>(count_);
-    auto** objects = static_cast<KP_Object**>(std::malloc(count * sizeof(KP_Object*)));
+    // Freed also when the comparison of a host's class throws.
+    const std::unique_ptr<KP_Object*, kp::detail::FreeMemory> array(
+        static_cast<KP_Object**>(std::malloc(count * sizeof(KP_Object*))));
+    KP_Object** const objects = array.get();
     if (objects == nullptr) {
         return -1;
     }
@@ -456,7 +466,6 @@ int KP_List<T>::sort() {
     before->next_ = nullptr;
     tail_ = before;
     current_ = head_;
-    std::free(objects);
     options_.set(Options::kSorted);
     return 0;
 }
@@ -474,7 +483,14 @@ T* KP_List<T>::getAt(int position) {
 template <class T>
 int KP_List<T>::clear() {
     const Guard guard(*this);
-    options_.set(Options::kDraining);
+    // Ends the draining also when a host's own removal throws.
+    struct Draining {
+        explicit Draining(Options& options) : options_(options) {
+            options_.set(Options::kDraining);
+        }
+        ~Draining() { options_.clear(Options::kDraining); }
+        Options& options_;
+    } const draining(options_);
     while (head_ != nullptr) {
         const std::int32_t before = count_;
         current_ = head_;
@@ -483,7 +499,6 @@ int KP_List<T>::clear() {
             KP_List::removeCurrent();
         }
     }
-    options_.clear(Options::kDraining);
     return 0;
 }
 
@@ -557,9 +572,21 @@ int KP_List<T>::print(std::FILE* file) {
 }
 
 template <class T>
+int KP_List<T>::countElements() const {
+    int count = 0;
+    for (KP_Link<T>* link = head_; link != nullptr; link = link->next_) {
+        count += link->getElement() != nullptr ? 1 : 0;
+    }
+    return count;
+}
+
+template <class T>
 int KP_List<T>::write(std::FILE* file) {
+    if (file == nullptr) {
+        return -1;
+    }
     const Guard guard(*this);
-    std::fprintf(file, "Count{%d}\n", count_);
+    std::fprintf(file, "Count{%d}\n", countElements());
     for (KP_Link<T>* link = head_; link != nullptr; link = link->next_) {
         KP_Object* const element = link->getElement();
         const int result = element != nullptr ? element->write(file) : 0;
@@ -573,7 +600,7 @@ int KP_List<T>::write(std::FILE* file) {
 template <class T>
 int KP_List<T>::writeJ(int socket) {
     const Guard guard(*this);
-    if (writeJ_UInt16(socket, static_cast<unsigned short>(count_)) != 0) {
+    if (writeJ_UInt16(socket, static_cast<unsigned short>(countElements())) != 0) {
         return -1;
     }
     for (KP_Link<T>* link = head_; link != nullptr; link = link->next_) {

@@ -21,7 +21,8 @@ public:
     /// A new link with an empty name; null when memory runs out. An override returns named links, too.
     KP_Link<T>* createLink(T* element) override { return new KP_NamedLink<T>(element); }
 
-    /// Adds @p element at the end with an empty name; returns 0.
+    /// Adds @p element at the end with an empty name, also in a link that is kept from earlier;
+    /// returns 0.
     int append(T* element) override;
     using KP_List<T>::insert;
     /// Adds @p element at the end under @p name; returns 0.
@@ -116,9 +117,11 @@ template <class T>
 int KP_NamedList<T>::insert(T* element, const char* name) {
     const Guard guard(*this);
     KP_Link<T>* const before = this->current_;
+    const std::int32_t count = this->count_;
     insert(element);
-    const bool onItself = before == nullptr;
-    nameOrTakeBack(onItself ? this->tail_ : before->previous_, name);
+    if (this->count_ > count) {  // Else a host's own insert() did not take it.
+        nameOrTakeBack(before == nullptr ? this->tail_ : before->previous_, name);
+    }
     return 0;
 }
 

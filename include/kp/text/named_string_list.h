@@ -30,6 +30,7 @@ public:
     virtual int readFile(const char* path, char separator, const char* squeezeSet);
     /// Writes the list to the file at @p path, whose contents it replaces.
     /// Holds the list's lock and leaves the cursor on the last entry. Entries of any length are
-    /// written whole. Returns 0, or -1 when the file cannot be opened; nothing is written then.
+    /// written whole. Returns 0; -1 when the file cannot be opened, and nothing is written then, or
+    /// when not all of it could be written.
     virtual int writeFile(const char* path, char separator);
 };

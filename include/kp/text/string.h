@@ -78,13 +78,12 @@ public:
 
     /// A new empty string with room for 32 characters; null when there is no memory for the object.
     static KP_Object* create();
-    /// A new string with the same text; null when there is no memory for the object.
-    virtual KP_Object* copy();
-    using KP_Object::copy;
-
     /// The allocation step of the constructors: an empty text with room for @p n characters.
     /// Returns 0. It frees no earlier buffer, so on a finished string it loses that one.
     virtual int init2(unsigned int n);
+    /// A new string with the same text; null when there is no memory for the object.
+    virtual KP_Object* copy();
+    using KP_Object::copy;
     /// Makes room for @p n characters in all and keeps the text.
     void grow(unsigned int n);
 
