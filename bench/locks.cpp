@@ -95,7 +95,7 @@ BENCHMARK(readLock<std::shared_mutex>)->Name("read_lock/std::shared_mutex");
 // --- a ball between two threads: each round is two wake-ups ---
 
 // The event forgets a signal that nobody waits for, so the ball itself lies beside it under a lock,
-// as it does in every program that uses one.
+// and a signal that came just before the wait costs its limit, as in every program that uses one.
 class KpBall {
 public:
     void pass() {
@@ -107,7 +107,7 @@ public:
     void take() {
         for (mutex_.lock(); !ball_; mutex_.lock()) {
             mutex_.unlock();
-            event_.wait(nullptr, 0);
+            event_.wait(nullptr, 1);
         }
         ball_ = false;
         mutex_.unlock();

@@ -75,6 +75,7 @@ public:
         return 0;
     }
 
+    std::uint32_t address() const { return address_; }
     bool isDone() const { return isDone_; }
     bool isLate() const { return Clock::now().time_since_epoch().count() > deadline_; }
     // Ends whatever the session waits for on its socket.
@@ -130,15 +131,16 @@ private:
         if (wanted.readJ(socket_) != 0) {
             // Nobody knows where the next command begins.
             answer(false);
-            writeLine("the configuration could not be read");
             return false;
         }
-        const std::string reason = owner_.config_.change(wanted);
-        return answer(reason.empty()) && writeLine(reason);
+        refusal_ = owner_.config_.change(wanted);
+        return answer(refusal_.empty());
     }
 
     bool getStatus() {
-        const Status status = owner_.status_();
+        Status status = owner_.status_();
+        if (!refusal_.empty())
+            status.emplace_back("refusal", refusal_);
         bool isGood =
             answer(true) && writeJ_UInt16(socket_, static_cast<unsigned short>(status.size())) == 0;
         for (const auto& [name, value] : status)
@@ -172,6 +174,7 @@ private:
     FrontEnd& owner_;
     const int socket_;
     const std::uint32_t address_;
+    std::string refusal_;  // why the last configuration was not taken
     std::atomic<bool> isDone_{false};
     std::atomic<Clock::rep> deadline_{0};
 };
@@ -215,7 +218,11 @@ void FrontEnd::accept() {
         return;
     }
     const std::uint32_t address = ntohl(peer.sin_addr.s_addr);
-    if (sessions_.size() >= kMostClients || config_.current()->isValidSourceIP(address) == 0) {
+    const auto fromThere = static_cast<std::size_t>(
+        std::count_if(sessions_.begin(), sessions_.end(),
+                      [&](const Session* session) { return session->address() == address; }));
+    if (sessions_.size() >= kMostClients || fromThere >= kMostOfOneAddress ||
+        config_.current()->isValidSourceIP(address) == 0) {
         ++refusals_;
         ::close(socket);
         return;

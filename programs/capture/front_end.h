@@ -29,16 +29,18 @@ using Status = std::vector<std::pair<std::string, std::string>>;
 /// Command lines after that:
 ///   GET_CONFIG   UInt8 1 and the configuration
 ///   SET_CONFIG   followed by the configuration: UInt8 1 when it was taken, saved and is in force,
-///                else 0 and nothing has changed; then a line, the reason when it was refused
+///                else 0, nothing has changed, and the line "refusal" of the status says why
 ///   GET_STATUS   UInt8 1, a UInt16 count, and so many lines name=value
 ///   QUIT         ends the connection
 /// Anything else is answered with UInt8 0.
 ///
 /// A client may take @p clientLimit for its login, for a command and between two commands; then it
-/// is dropped. Nobody waits for anybody: more than kMostClients at once are dropped at once.
+/// is dropped. Nobody waits for anybody: more than kMostClients at once, or kMostOfOneAddress from
+/// one address, are dropped at once.
 class FrontEnd : public KP_Thread {
 public:
-    static constexpr std::size_t kMostClients = 128;
+    static constexpr std::size_t kMostClients = 256;
+    static constexpr std::size_t kMostOfOneAddress = 64;
     static constexpr std::chrono::milliseconds kMostDelay{8000};
 
     /// Listens on @p port of all addresses. Throws std::runtime_error when it cannot.

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "common/settings.h"
+
 namespace kp::configure {
 
 namespace fs = std::filesystem;
@@ -59,15 +61,15 @@ private:
     int descriptor_ = -1;
 };
 
-std::string installationText(const Settings& settings, const KP_Config& config) {
+std::string installationText(const Plan& plan, const KP_Config& config) {
     std::ostringstream text;
-    text << "# Installation of " << settings.name << "\n";
-    text << "port " << settings.port << "\n";
-    if (!settings.device.empty()) {
-        text << "device " << settings.device << "\n";
+    text << "# Installation of " << plan.name << "\n";
+    text << "port " << plan.port << "\n";
+    if (!plan.device.empty()) {
+        text << "device " << plan.device << "\n";
     }
-    if (!settings.databasePath.empty()) {
-        text << "dbpath " << settings.databasePath << "\n";
+    if (!plan.databasePath.empty()) {
+        text << "dbpath " << plan.databasePath << "\n";
     }
     for (int i = 0; i < config.numOfIPRanges; ++i) {
         char low[16];
@@ -103,22 +105,21 @@ void saveAs(KP_Config& config, const std::string& temporaryName, const Replaceme
 
 }  // namespace
 
-std::vector<std::string> writeInstallation(const Settings& settings, KP_Config& config) {
-    const fs::path directory(settings.directory);
+std::vector<std::string> writeInstallation(const Plan& plan, KP_Config& config) {
+    const fs::path directory(plan.directory);
     const fs::path admin = directory / "admin";
-    const std::string paths[] = {(admin / (settings.name + "_prvt.cfg")).string(),
-                                 (admin / (settings.name + "_prvtDef.cfg")).string(),
-                                 (admin / (settings.name + "Install.cfg")).string()};
+    const std::string paths[] = {(admin / (plan.name + "_prvt.cfg")).string(),
+                                 (admin / (plan.name + "_prvtDef.cfg")).string(),
+                                 (admin / (plan.name + "Install.cfg")).string()};
     for (const std::string& path : paths) {
-        if (fs::exists(path) && !settings.force) {
-            throw SettingError(path + " exists already; --force overwrites it");
+        if (fs::exists(path) && !plan.force) {
+            throw programs::SettingError(path + " exists already; --force overwrites it");
         }
     }
     makeDirectory(admin);
     makeDirectory(directory / "logs");
-    makeDirectory(settings.databasePath.empty() ? directory / "db"
-                                                : fs::path(settings.databasePath));
-    if (::setenv("KP_INSTALLDIR", settings.directory.c_str(), 1) != 0) {
+    makeDirectory(plan.databasePath.empty() ? directory / "db" : fs::path(plan.databasePath));
+    if (::setenv("KP_INSTALLDIR", plan.directory.c_str(), 1) != 0) {
         fail("cannot set KP_INSTALLDIR");
     }
 
@@ -127,7 +128,7 @@ std::vector<std::string> writeInstallation(const Settings& settings, KP_Config& 
     Replacement keyed(paths[2], admin / ".newInstall.cfg", kReadable);
     saveAs(config, ".new", general);
     saveAs(config, ".newDef", defaults);
-    keyed.write(installationText(settings, config));
+    keyed.write(installationText(plan, config));
     if (!keyed.complete(1)) {
         fail("cannot write " + paths[2]);
     }

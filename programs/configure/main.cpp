@@ -6,42 +6,42 @@
 
 #include "common/password.h"
 #include "installation.h"
-#include "settings.h"
+#include "plan.h"
 
 namespace {
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 
-void addOptions(CLI::App& app, kp::configure::Settings& settings, std::string& passwordFile) {
+void addOptions(CLI::App& app, kp::configure::Plan& plan, std::string& passwordFile) {
     if (const char* directory = std::getenv("KP_INSTALLDIR")) {
-        settings.directory = directory;
+        plan.directory = directory;
     }
-    app.add_option("--dir", settings.directory,
+    app.add_option("--dir", plan.directory,
                    "Installation directory; made when missing (default: KP_INSTALLDIR)");
-    app.add_option("--name", settings.name, "Name of the engine, prefix of its files")
+    app.add_option("--name", plan.name, "Name of the engine, prefix of its files")
         ->capture_default_str();
-    app.add_option("--port", settings.port, "TCP port for the front end, 255 to 65535")
+    app.add_option("--port", plan.port, "TCP port for the front end, 255 to 65535")
         ->capture_default_str();
-    app.add_option("--device", settings.device, "Network device to watch");
-    app.add_option("--dbpath", settings.databasePath,
+    app.add_option("--device", plan.device, "Network device to watch");
+    app.add_option("--dbpath", plan.databasePath,
                    "Database directory; made when missing (default: db in the installation)");
-    app.add_option("--range", settings.ranges,
+    app.add_option("--range", plan.ranges,
                    "Watched addresses, LOW-HIGH or A.B.C.D/BITS; repeatable, at most 64")
         ->allow_extra_args(false);
-    app.add_option("--filter", settings.filter, "Packet filter in BPF syntax");
-    app.add_option("--days", settings.days, "Days of data to keep")->capture_default_str();
-    app.add_option("--mime", settings.mimeTypes,
+    app.add_option("--filter", plan.filter, "Packet filter in BPF syntax");
+    app.add_option("--days", plan.days, "Days of data to keep")->capture_default_str();
+    app.add_option("--mime", plan.mimeTypes,
                    "File extensions of a MIME type, TYPE=EXT,EXT; repeatable")
         ->allow_extra_args(false);
     app.add_option(
-           "--network", settings.networks,
+           "--network", plan.networks,
            "Network that may administer, ADDRESS/MASK or ADDRESS/BITS; repeatable, at most 5 "
            "(none: administration from everywhere)")
         ->allow_extra_args(false);
     app.add_option("--password-file", passwordFile,
                    "File whose first line is the administrator's password (default: asked for)");
-    app.add_flag("--force", settings.force, "Overwrite an installation that is there");
+    app.add_flag("--force", plan.force, "Overwrite an installation that is there");
     app.set_version_flag("--version", std::string(KP_VERSION));
     app.footer("Exit status: 0 written, 1 refused or failed, 2 wrong usage.");
 }
@@ -56,22 +56,22 @@ void makeAbsolute(std::string& path) {
     }
 }
 
-int run(kp::configure::Settings& settings, const std::string& passwordFile) {
-    if (settings.directory.empty()) {
+int run(kp::configure::Plan& plan, const std::string& passwordFile) {
+    if (plan.directory.empty()) {
         std::cerr << "kp-configure: neither --dir nor KP_INSTALLDIR says where\n";
         return kUsage;
     }
-    makeAbsolute(settings.directory);
-    makeAbsolute(settings.databasePath);
-    settings.password = passwordFile.empty()
-                            ? kp::programs::askPassword("Password of the administrator", true)
-                            : kp::programs::passwordFromFile(passwordFile);
+    makeAbsolute(plan.directory);
+    makeAbsolute(plan.databasePath);
+    plan.password = passwordFile.empty()
+                        ? kp::programs::askPassword("Password of the administrator", true)
+                        : kp::programs::passwordFromFile(passwordFile);
     KP_Config config;
-    kp::configure::apply(settings, config);
-    for (const std::string& path : kp::configure::writeInstallation(settings, config)) {
+    kp::configure::apply(plan, config);
+    for (const std::string& path : kp::configure::writeInstallation(plan, config)) {
         std::cout << "wrote " << path << "\n";
     }
-    if (settings.ranges.empty()) {
+    if (plan.ranges.empty()) {
         std::cout << "note: no --range was given, so nothing will be watched\n";
     }
     return 0;
@@ -81,16 +81,16 @@ int run(kp::configure::Settings& settings, const std::string& passwordFile) {
 
 int main(int argc, char** argv) {
     CLI::App app{"Makes an installation for kp-capture: its configuration files, logs/ and db/."};
-    kp::configure::Settings settings;
+    kp::configure::Plan plan;
     std::string passwordFile;
-    addOptions(app, settings, passwordFile);
+    addOptions(app, plan, passwordFile);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsage;
     }
     try {
-        return run(settings, passwordFile);
+        return run(plan, passwordFile);
     } catch (const std::exception& error) {
         std::cerr << "kp-configure: " << error.what() << "\n";
         return kFailure;

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "support/installation.h"
 #include "support/program.h"
@@ -12,17 +10,10 @@
 namespace {
 
 namespace fs = std::filesystem;
+using kp::test::contentOf;
 using kp::test::Installation;
 using kp::test::Outcome;
 using Arguments = std::vector<std::string>;
-
-std::string contentOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
 
 // An installation that watches 10.0.0.0/24.
 class CaptureTest : public testing::Test {

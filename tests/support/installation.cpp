@@ -47,9 +47,7 @@ void Installation::write(const std::string& below, const std::string& content) c
 }
 
 std::string Installation::read(const std::string& below) const {
-    std::ostringstream content;
-    content << std::ifstream(path(below), std::ios::binary).rdbuf();
-    return content.str();
+    return contentOf(path(below));
 }
 
 std::FILE* Installation::file(const std::string& content) const {
@@ -66,6 +64,14 @@ std::string Installation::newLog() {
     const std::string added = read("logs/test.log").substr(seen_);
     seen_ += added.size();
     return std::regex_replace(added, stamp, "TIME - ");
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }
 
 void expectQuit(Installation& site, const std::function<void()>& body, const std::string& log) {

@@ -35,6 +35,9 @@ private:
     std::size_t seen_ = 0;
 };
 
+/// What is in the file at @p path; fails the test when there is none.
+std::string contentOf(const std::string& path);
+
 class InstallationTest : public ::testing::Test {
 protected:
     Installation site_;

@@ -1,0 +1,140 @@
+// kp-admin: shows and changes the configuration of a running engine, and shows its status.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "client.h"
+#include "common/password.h"
+#include "settings_text.h"
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+constexpr int kUnreachable = 3;
+
+struct Options {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 8189;
+    std::string user = "root";
+    std::string passwordFile;
+    int timeout = 10;
+    std::vector<std::string> changes;
+    unsigned long count = 0;
+};
+
+// The library writes to standard output when a peer vanishes, so what we print has a descriptor of
+// its own, and nobody's words get between the lines.
+std::FILE* ownOutput() {
+    const int descriptor = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (descriptor < 0 || nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0)
+        throw std::system_error(errno, std::generic_category(), "standard output");
+    ::close(nowhere);
+    return ::fdopen(descriptor, "w");
+}
+
+void print(std::FILE* output, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines)
+        std::fprintf(output, "%s\n", kp::admin::printable(line).c_str());
+    if (std::fflush(output) != 0)
+        throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
+}
+
+void watch(kp::admin::Client& client, std::FILE* output, unsigned long count) {
+    for (unsigned long i = 0; count == 0 || i < count; ++i) {
+        if (i != 0)
+            KP_Tools::sleep(1);
+        char time[32] = "";
+        const std::time_t now = std::time(nullptr);
+        std::strftime(time, sizeof time, "%Y-%m-%d %H:%M:%S", std::localtime(&now));
+        std::vector<std::string> lines = client.status();
+        lines.insert(lines.begin(), time);
+        lines.emplace_back();
+        print(output, lines);
+    }
+}
+
+void addOptions(CLI::App& app, Options& options) {
+    app.add_option("--host", options.host, "Host of the engine")->capture_default_str();
+    app.add_option("--port", options.port, "Its port")->capture_default_str();
+    app.add_option("--user", options.user, "User")->capture_default_str();
+    app.add_option("--password-file", options.passwordFile,
+                   "File whose first line is the password (default: asked for)");
+    app.add_option("--timeout", options.timeout, "Seconds that an answer may take")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
+    app.set_version_flag("--version", std::string(KP_VERSION));
+    app.footer(
+        "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 the engine cannot be reached,\n"
+        "did not answer in time or closed the connection.");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_subcommand("show", "Shows the configuration as KEY=VALUE lines, the password left out");
+    CLI::App* const set = app.add_subcommand("set", "Changes the configuration");
+    set->add_option("changes", options.changes,
+                    "KEY=VALUE; keys: filter, days, mime, network, password-file; device and port "
+                    "take a new installation. mime and network replace the whole list.")
+        ->required();
+    app.add_subcommand("status", "Shows the status");
+    CLI::App* const watch = app.add_subcommand("watch", "Shows the status every second");
+    watch->add_option("--count", options.count, "So many times (default: for ever)");
+}
+
+int run(const CLI::App& app, const Options& options) {
+    const kp::admin::Changes changes(options.changes);
+    const std::string password =
+        options.passwordFile.empty()
+            ? kp::programs::askPassword("Password of " + options.user + " on " + options.host,
+                                        false)
+            : kp::programs::passwordFromFile(options.passwordFile);
+    std::FILE* const output = ownOutput();
+    kp::admin::Client client(options.host, options.port, std::chrono::seconds(options.timeout));
+    client.logIn(options.user, password);
+    if (app.got_subcommand("status")) {
+        print(output, client.status());
+    } else if (app.got_subcommand("watch")) {
+        watch(client, output, options.count);
+    } else {
+        KP_Config config;
+        client.readConfig(config);
+        if (app.got_subcommand("set")) {
+            changes.apply(config);
+            client.writeConfig(config);
+        } else {
+            print(output, kp::admin::describe(config));
+        }
+    }
+    client.quit();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Administers a running kp-capture through its front end."};
+    Options options;
+    addOptions(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
+    try {
+        return run(app, options);
+    } catch (const kp::admin::UsageError& error) {
+        std::fprintf(stderr, "kp-admin: %s\n", error.what());
+        return kUsage;
+    } catch (const kp::admin::Unreachable& error) {
+        std::fprintf(stderr, "kp-admin: %s\n", error.what());
+        return kUnreachable;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kp-admin: %s\n", error.what());
+        return kFailure;
+    }
+}
