@@ -2,8 +2,8 @@
 #pragma once
 
 #include <memory>
-#include <string_view>
 
+#include "kp/kp.h"
 #include "traffic.h"
 
 namespace kp::capture {
@@ -23,10 +23,11 @@ class ConnectionSink {
 public:
     virtual ~ConnectionSink() = default;
 
-    /// Takes the next bytes that @p side sent; they are gone after the call.
+    /// Takes the next bytes that @p side sent, a stream of Pieces with its cursor at the front;
+    /// they are gone after the call.
     /// Returns false when it needs nothing more of this connection; the follower may then stop
     /// calling, and still calls closed().
-    virtual bool data(Side side, std::string_view bytes, Timestamp time) = 0;
+    virtual bool data(Side side, KP_BufferStream& bytes) = 0;
 
     /// Says that @p side has sent everything; told at most once a side, and only when no byte is
     /// missing before.

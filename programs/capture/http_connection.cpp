@@ -29,9 +29,9 @@ HttpConnection::HttpConnection(Endpoint first, Endpoint second, bool fromStart,
       first_(*this, fromStart),
       second_(*this, fromStart) {}
 
-bool HttpConnection::data(Side side, std::string_view bytes, Timestamp time) {
+bool HttpConnection::data(Side side, KP_BufferStream& bytes) {
     reading_ = side;
-    parser(side).data(bytes, time);
+    parser(side).data(bytes);
     return !(first_.stopped() && second_.stopped());
 }
 

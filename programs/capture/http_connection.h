@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <string_view>
 
 #include "connection_sink.h"
 #include "http_parser.h"
@@ -36,7 +35,7 @@ public:
     HttpConnection(Endpoint first, Endpoint second, bool fromStart, TransactionSink& sink,
                    std::uint64_t number = 0);
 
-    bool data(Side side, std::string_view bytes, Timestamp time) override;
+    bool data(Side side, KP_BufferStream& bytes) override;
     void ended(Side side) override;
     void closed() override;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "http_fields.h"
+#include "piece.h"
 
 namespace kp::capture {
 
@@ -32,10 +33,16 @@ void HttpParser::expect(MessageKind kind) {
     if (state_ == State::kStartLine)
         begun.swap(line_);
     state_ = State::kSeek;
-    data(begun, head_.time);
+    read(begun, head_.time);
 }
 
-void HttpParser::data(std::string_view bytes, Timestamp time) {
+void HttpParser::data(KP_BufferStream& stream) {
+    bool more = !stream.run().empty() || stream.nextRun();
+    for (; more && !stopped(); more = stream.nextRun())
+        read(stream.run(), Piece::at(stream).time());
+}
+
+void HttpParser::read(std::string_view bytes, Timestamp time) {
     now_ = time;
     while (!bytes.empty()) {
         switch (state_) {

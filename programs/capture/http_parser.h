@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "chunk_reader.h"
+#include "kp/kp.h"
 #include "traffic.h"
 
 namespace kp::capture {
@@ -79,8 +80,8 @@ public:
     /// Fixes the kind of an unknown direction, because the other one has shown its own.
     void expect(MessageKind kind);
 
-    /// Reads the next bytes; @p time is the time of their packet.
-    void data(std::string_view bytes, Timestamp time);
+    /// Reads the next bytes, a stream of Pieces, from its cursor on.
+    void data(KP_BufferStream& stream);
 
     /// The direction has ended: ends the message whose body is being read. May be repeated.
     void finish();
@@ -103,6 +104,7 @@ private:
 
     enum class Line { kPart, kWhole, kTooLong };
 
+    void read(std::string_view bytes, Timestamp time);
     // Each of these takes bytes from the front of its argument, or changes the state.
     void seek(std::string_view& bytes);
     void startLine(std::string_view& bytes);

@@ -88,6 +88,8 @@ int Parser::doTask() {
         work(*batch);
     } catch (const std::exception& error) {
         faults_.add(error.what());  // the round goes on, or nobody would ever be done
+    } catch (const KP_NoMoreMemoryException&) {
+        faults_.add("out of memory");
     }
     isClosing_ = false;
     rows_.connections = follower_.connections();

@@ -1,6 +1,7 @@
 #include "reassembly.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace kp::capture {
@@ -35,12 +36,20 @@ std::string_view Reassembly::add(std::uint32_t sequence, std::string_view bytes,
     return {};
 }
 
+Reassembly::Kept Reassembly::kept(std::string_view bytes, Timestamp time) {
+    Kept piece(new Piece);
+    if (!piece)
+        throw std::bad_alloc();
+    piece->keep(bytes, time);
+    return piece;
+}
+
 // Stores those of the bytes that are not held back yet.
 void Reassembly::holdBack(std::uint32_t sequence, std::string_view bytes, Timestamp time) {
-    const auto distance = [this](const Piece& piece) { return ahead(piece.sequence); };
+    const auto distance = [this](const Held& held) { return ahead(held.sequence); };
     // The first piece that ends behind the new bytes' beginning.
-    auto place = std::partition_point(pieces_.begin(), pieces_.end(), [&](const Piece& piece) {
-        return distance(piece) + static_cast<std::int32_t>(piece.bytes.size()) <= ahead(sequence);
+    auto place = std::partition_point(pieces_.begin(), pieces_.end(), [&](const Held& held) {
+        return distance(held) + static_cast<std::int32_t>(held.size()) <= ahead(sequence);
     });
     while (!bytes.empty()) {
         const std::int32_t room =
@@ -49,12 +58,12 @@ void Reassembly::holdBack(std::uint32_t sequence, std::string_view bytes, Timest
             const std::string_view part =
                 bytes.substr(0, std::min(bytes.size(), static_cast<std::size_t>(room)));
             held_ += part.size();
-            place = pieces_.insert(place, Piece{sequence, time, std::string(part)}) + 1;
+            place = pieces_.insert(place, Held{sequence, kept(part, time)}) + 1;
             sequence += static_cast<std::uint32_t>(part.size());
             bytes.remove_prefix(part.size());
         } else {
             const std::size_t covered =
-                std::min(bytes.size(), place->bytes.size() - static_cast<std::size_t>(-room));
+                std::min(bytes.size(), place->size() - static_cast<std::size_t>(-room));
             sequence += static_cast<std::uint32_t>(covered);
             bytes.remove_prefix(covered);
             ++place;
@@ -62,15 +71,15 @@ void Reassembly::holdBack(std::uint32_t sequence, std::string_view bytes, Timest
     }
 }
 
-std::string_view Reassembly::next(Timestamp& time) {
-    if (pieces_.empty() || ahead(pieces_.front().sequence) > 0)
-        return {};
-    due_ = std::move(pieces_.front().bytes);
-    time = pieces_.front().time;
-    pieces_.erase(pieces_.begin());
-    held_ -= due_.size();
-    next_ += static_cast<std::uint32_t>(due_.size());
-    return due_;
+void Reassembly::moveDue(KP_BufferStream& stream) {
+    auto held = pieces_.begin();
+    for (; held != pieces_.end() && ahead(held->sequence) <= 0; ++held) {
+        held_ -= held->size();
+        next_ += static_cast<std::uint32_t>(held->size());
+        stream.add(held->piece.get());
+        static_cast<void>(held->piece.release());  // the stream's now
+    }
+    pieces_.erase(pieces_.begin(), held);
 }
 
 void Reassembly::setEnd(std::uint32_t sequence) {
@@ -80,8 +89,7 @@ void Reassembly::setEnd(std::uint32_t sequence) {
 }
 
 void Reassembly::drop() {
-    pieces_ = {};
-    due_ = {};
+    std::vector<Held>().swap(pieces_);
     held_ = 0;
 }
 

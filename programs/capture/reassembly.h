@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <memory>
 #include <string_view>
 #include <vector>
 
-#include "traffic.h"
+#include "piece.h"
 
 namespace kp::capture {
 
@@ -26,11 +26,10 @@ public:
     bool isAt(std::uint32_t sequence) const { return hasBegun_ && next_ == sequence; }
 
     /// Takes the bytes at a sequence number. What is due now, and was not held back, is returned
-    /// and points into @p bytes; the caller then asks next() until it gives nothing.
+    /// and points into @p bytes; what follows it is then handed over by moveDue().
     std::string_view add(std::uint32_t sequence, std::string_view bytes, Timestamp time);
-    /// The next piece that was held back and is due; empty when there is none. It is valid until
-    /// the next call.
-    std::string_view next(Timestamp& time);
+    /// Adds to @p stream the pieces that were held back and are due.
+    void moveDue(KP_BufferStream& stream);
 
     /// Says that the direction ends with the byte before @p sequence.
     void setEnd(std::uint32_t sequence);
@@ -43,25 +42,30 @@ public:
     void drop();
 
 private:
-    struct Piece {
+    struct Release {
+        void operator()(Piece* piece) const { piece->release(); }
+    };
+    using Kept = std::unique_ptr<Piece, Release>;
+    struct Held {
         std::uint32_t sequence;
-        Timestamp time;
-        std::string bytes;
+        Kept piece;
+
+        std::size_t size() const { return piece->bytes().size(); }
     };
 
     // How far a sequence number lies behind what is expected next; negative when it has come.
     std::int32_t ahead(std::uint32_t sequence) const {
         return static_cast<std::int32_t>(sequence - next_);
     }
+    static Kept kept(std::string_view bytes, Timestamp time);
     void holdBack(std::uint32_t sequence, std::string_view bytes, Timestamp time);
 
     bool hasBegun_ = false;
     bool knowsEnd_ = false;
     std::uint32_t next_ = 0;
     std::uint32_t end_ = 0;
-    std::vector<Piece> pieces_;  // by sequence number, without overlap
-    std::size_t held_ = 0;       // bytes in them
-    std::string due_;
+    std::vector<Held> pieces_;  // by sequence number, without overlap
+    std::size_t held_ = 0;      // bytes in them
 };
 
 }  // namespace kp::capture

@@ -90,12 +90,16 @@ void StreamFollower::take(Connection& connection, Side side, const Segment& segm
     const std::uint32_t sequence = segment.sequence + (segment.has(Segment::kSyn) ? 1 : 0);
     if (direction.hasEnded())
         return;
-    std::string_view bytes = direction.add(sequence, segment.payload, segment.time);
-    Timestamp time = segment.time;
-    while (!bytes.empty()) {
+    const std::string_view bytes = direction.add(sequence, segment.payload, segment.time);
+    if (!bytes.empty()) {
+        due_.reset();  // what a fault may have left there
+        inPlace_.borrow(bytes, segment.time);
+        due_.add(&inPlace_);
+        direction.moveDue(due_);
+        due_.setFirst();
         if (connection.isWanted)
-            connection.isWanted = connection.sink->data(side, bytes, time);
-        bytes = direction.next(time);
+            connection.isWanted = connection.sink->data(side, due_);
+        due_.reset();
     }
     if (segment.has(Segment::kFin))
         direction.setEnd(sequence + static_cast<std::uint32_t>(segment.payload.size()));

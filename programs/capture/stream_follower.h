@@ -73,6 +73,12 @@ private:
     ConnectionListener& listener_;
     Connections connections_;
     std::uint64_t opened_ = 0;
+
+    // What a segment makes due: its own bytes, which stay where they are, and what was held back.
+    struct InPlace : Piece {
+        void release() override {}
+    } inPlace_;
+    KP_BufferStream due_;
 };
 
 }  // namespace kp::capture

@@ -56,6 +56,8 @@ TEST_F(CaptureTest, PrintsTheExpectedLinesOfEveryStoredCapture) {
         const Outcome outcome = capture(arguments);
         EXPECT_EQ(outcome.out, contentOf(entry.path())) << pcap << "\n" << outcome.err;
         EXPECT_NE(outcome.err.find("transactions"), std::string::npos) << pcap;
+        arguments.insert(arguments.end(), {"--threads", "3"});
+        EXPECT_EQ(capture(arguments).out, outcome.out) << pcap;
         ++captures;
     }
     EXPECT_GE(captures, 20);

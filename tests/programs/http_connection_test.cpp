@@ -1,5 +1,6 @@
 // Whole conversations through HttpConnection, in pieces of every size.
 #include "http_connection.h"
+#include "piece.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -53,8 +54,12 @@ Rows play(const Turns& turns, std::size_t size = std::string::npos, std::size_t 
         while (!rest.empty()) {
             const std::size_t now = std::min(rest.size(), first != 0 ? first : size);
             // A copy with an end of its own, so that the sanitizer sees a step beyond the piece.
-            const std::vector<char> piece(rest.begin(), rest.begin() + static_cast<long>(now));
-            connection.data(turns[i].side, {piece.data(), now}, {static_cast<long>(i), 0});
+            auto* const piece = new kp::capture::Piece;
+            piece->keep(rest.substr(0, now), {static_cast<long>(i), 0});
+            KP_BufferStream stream;
+            stream.add(piece);
+            stream.setFirst();
+            connection.data(turns[i].side, stream);
             rest.remove_prefix(now);
             first -= std::min(first, now);
         }
