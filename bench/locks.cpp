@@ -5,6 +5,7 @@
 #include <kp/threads/reader_writer_mutex.h>
 #include <semaphore.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <shared_mutex>
@@ -94,29 +95,20 @@ BENCHMARK(readLock<std::shared_mutex>)->Name("read_lock/std::shared_mutex");
 
 // --- a ball between two threads: each round is two wake-ups ---
 
-// The event forgets a signal that nobody waits for, so the ball itself lies beside it under a lock,
-// and a signal that came just before the wait costs its limit, as in every program that uses one.
+// The event forgets a signal that nobody waits for, so the ball itself lies beside it.
 class KpBall {
 public:
     void pass() {
-        mutex_.lock();
         ball_ = true;
-        mutex_.unlock();
         event_.signal();
     }
     void take() {
-        for (mutex_.lock(); !ball_; mutex_.lock()) {
-            mutex_.unlock();
-            event_.wait(nullptr, 1);
-        }
-        ball_ = false;
-        mutex_.unlock();
+        event_.waitUntil([this] { return ball_.exchange(false); });
     }
 
 private:
-    KP_Mutex mutex_;
     KP_Event event_;
-    bool ball_ = false;
+    std::atomic<bool> ball_{false};
 };
 
 class ConditionBall {

@@ -1,5 +1,9 @@
 #include "kp/threads/task.h"
 
+#include <cstdlib>
+
+#include "threads/task_memory.h"
+
 KP_Task::KP_Task(void (*function)(void*), void* arg, int id)
     : function_(function), arg_(arg), id_(id) {}
 
@@ -14,6 +18,28 @@ KP_Task& KP_Task::operator=(const KP_Task& other) {
 }
 
 KP_Task::~KP_Task() = default;
+
+void* KP_Task::operator new(std::size_t size) noexcept {
+    // A host's class that is larger, and inherits this, has memory of its own.
+    return size == sizeof(KP_Task) ? kp::detail::allocateTask() : std::malloc(size);
+}
+
+void* KP_Task::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return operator new(size);
+}
+
+void KP_Task::operator delete(void* memory, std::size_t size) noexcept {
+    if (size != sizeof(KP_Task)) {
+        std::free(memory);
+    } else if (memory != nullptr) {
+        kp::detail::freeTask(memory);
+    }
+}
+
+// For a constructor that throws, which ours do not.
+void KP_Task::operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
 
 int KP_Task::doTask() {
     if (function_ != nullptr) {

@@ -10,8 +10,9 @@ namespace {
 
 using ChainGuard = std::lock_guard<kp::detail::RecursiveLock>;
 
-constexpr int kIdleLimit = 100;   // milliseconds that an auto-stopping pool stays idle
-constexpr int kLooks = 50;        // looks for a task before a worker sleeps: a few microseconds
+constexpr int kIdleLimit = 100;  // milliseconds that an auto-stopping pool stays idle
+constexpr int kLooks = 4;
+constexpr int kPauses = 32;
 constexpr int kTaskSlice = 1000;  // milliseconds after which a task may have ended unnoticed
 
 }  // namespace
@@ -187,7 +188,9 @@ bool KP_ThreadPool::waitForTask() {
         const auto isAdded = [&] { return added != added_.load(std::memory_order_relaxed); };
         if (!looking_.exchange(true)) {
             for (int looks = 0; looks < kLooks && !isAdded(); ++looks) {
-                kp::platform::pauseBriefly();
+                for (int pauses = 0; pauses < kPauses; ++pauses) {
+                    kp::platform::pauseBriefly();
+                }
             }
             looking_ = false;
             if (isAdded() && isTask()) {

@@ -90,6 +90,24 @@ TEST(EventTest, NeitherKeepsNorInventsASignalWhenWaitsTimeOut) {
     EXPECT_EQ(event.numWaiting(), 0);
 }
 
+// A signal that is lost between the question and the sleep would end this in the test's time limit.
+TEST(EventTest, AWaitForAConditionMissesNoSignal) {
+    constexpr int kRounds = 20000;
+    KP_Event event;
+    std::atomic<int> turn{0};
+    together(2, [&](int i) {
+        for (int n = 0; n < kRounds; ++n) {
+            EXPECT_EQ(event.waitUntil([&] { return turn % 2 == i; }), 0);
+            ++turn;
+            event.signal();
+        }
+    });
+    EXPECT_EQ(turn, 2 * kRounds);
+    EXPECT_EQ(event.waitUntil([] { return false; }, 20), -1);
+    EXPECT_EQ(event.waitUntil([] { return true; }, 20), 0);
+    EXPECT_EQ(event.numWaiting(), 0);
+}
+
 TEST(CounterTest, CountsForManyThreadsAndWraps) {
     KP_Counter counter;
     together(4, [&](int) {

@@ -11,31 +11,10 @@
 #include "kp/core/no_more_memory_exception.h"
 #include "kp/core/object.h"
 #include "kp/text/link.h"
+#include "kp/text/list_options.h"
 #include "kp/threads/mutex.h"
 #include "kp/tools/tools.h"
 #include "kp/wire/primitives.h"
-
-namespace kp::detail {
-
-/// The options of a list.
-class ListOptions {
-public:
-    enum : unsigned char { kOwner = 1, kRecycle = 2, kDraining = 4, kSelfLinked = 8, kSorted = 32 };
-
-    void set(unsigned char bits) { bits_ = static_cast<unsigned char>(bits_ | bits); }
-    void clear(unsigned char bits) { bits_ = static_cast<unsigned char>(bits_ & ~bits); }
-    bool has(unsigned char bits) const { return (bits_ & bits) != 0; }
-    bool hasNone(unsigned char bits) const { return (bits_ & bits) == 0; }
-
-private:
-    unsigned char bits_ = 0;
-};
-
-struct FreeMemory {
-    void operator()(void* memory) const { std::free(memory); }
-};
-
-}  // namespace kp::detail
 
 /// A list of objects that are handed out as @p T, with one cursor that all its users share.
 ///
@@ -277,7 +256,7 @@ T* KP_List<T>::next() {
         return nullptr;
     }
     current_ = link;
-    return getCurrent();
+    return link->getElement();
 }
 
 template <class T>
@@ -288,7 +267,7 @@ T* KP_List<T>::previous() {
         return nullptr;
     }
     current_ = link;
-    return getCurrent();
+    return link->getElement();
 }
 
 template <class T>
@@ -361,7 +340,6 @@ void KP_List<T>::unchain(KP_Link<T>* link) {
 // Keeps an unchained link for a later append().
 template <class T>
 void KP_List<T>::keepLink(KP_Link<T>* link) {
-    link->setElement(nullptr);
     link->next_ = pool_;  // Not linkAfter(), which would cut off the links kept so far.
     pool_ = link;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "kp/core/object.h"
@@ -35,6 +36,37 @@ public:
     /// If the system refuses to wake it, "setEvent -1" goes to standard error and the process ends
     /// with status 1, since a thread would sleep for ever.
     virtual int signal();
+
+    /// Waits until @p condition() is true, however often it is signalled meanwhile, or until
+    /// @p milliseconds have passed (0: no limit). Whoever makes the condition true signals after it.
+    ///
+    /// The condition is asked again after this thread was counted as waiting, so a signal that comes
+    /// between the question and the sleep is not lost, as it would be in front of a plain wait().
+    /// It runs on this thread, without a lock of the event's, and does not throw.
+    /// Returns 0 when it was true, -1 when the time passed without.
+    template <class Condition>
+    int waitUntil(Condition condition, int milliseconds = 0) {
+        using Clock = std::chrono::steady_clock;
+        const Clock::time_point end =
+            milliseconds > 0 ? Clock::now() + std::chrono::milliseconds(milliseconds)
+                             : Clock::time_point();
+        while (!condition()) {
+            const std::uint32_t last = announce();
+            if (condition()) {
+                withdraw();
+                return 0;
+            }
+            int left = 0;
+            if (milliseconds > 0) {
+                const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+                left = rest.count() > 0 ? static_cast<int>(rest.count()) : 1;
+            }
+            if (waitAnnounced(last, left) != 0) {
+                return condition() ? 0 : -1;
+            }
+        }
+        return 0;
+    }
 
     char* getClassName() override;
     int queryInterface(unsigned long id, void** out) override;

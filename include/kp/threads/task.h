@@ -23,6 +23,14 @@ public:
     virtual int getID();
     virtual int setID(int id);
 
+    // Tasks come and go by the thousand, and most die in another thread than they were made in.
+    static void* operator new(std::size_t size) noexcept;
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* memory, std::size_t size) noexcept;
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept;
+    static void operator delete(void*, void*) noexcept {}
+
     /// A new task without a function, or null when memory runs out.
     static KP_Task* create();
 
