@@ -47,6 +47,28 @@ bool programFolder(char* folder, std::size_t size);
 /// The path of the configuration folder as seen from the program's folder, separators included.
 extern const char* const kConfigurationFolder;
 
+/// The bytes of a file, one at a time and for one thread while this lives: the lock of the file is
+/// taken once and not for each.
+class FileBytes {
+public:
+    explicit FileBytes(std::FILE* file);
+    ~FileBytes();
+    FileBytes(const FileBytes&) = delete;
+    FileBytes& operator=(const FileBytes&) = delete;
+
+    /// As std::getc().
+    int next() const {
+#if defined(_WIN32)
+        return ::_getc_nolock(file_);
+#else
+        return ::getc_unlocked(file_);
+#endif
+    }
+
+private:
+    std::FILE* file_;
+};
+
 /// Opens a file for reading and writing, or creates it for its owner alone, closed in programs that
 /// this process starts; a descriptor, or -1 with errno.
 int openLockFile(const char* path);

@@ -53,6 +53,14 @@ std::FILE* openFile(const char* path, const char* mode) {
     return std::fopen(path, closing);
 }
 
+FileBytes::FileBytes(std::FILE* file) : file_(file) {
+    ::flockfile(file);
+}
+
+FileBytes::~FileBytes() {
+    ::funlockfile(file_);
+}
+
 std::FILE* openConfigurationFile(const char* path, const char* mode) {
     if (mode[0] != 'w' && mode[0] != 'a') {
         return openFile(path, mode);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "kp/core/log.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -133,8 +134,9 @@ char* KP_Tools::squeeze(char* src, char* dst, int count, const char* set) {
 int KP_Tools::getline(std::FILE* f, char* const buf, int max) {
     int length = 0;
     bool ended = false;
+    const kp::platform::FileBytes bytes(f);
     while (length < max) {
-        const int c = std::getc(f);
+        const int c = bytes.next();
         if (c == EOF) {
             ended = true;
             break;

@@ -67,12 +67,24 @@ bool KP_BufferStream::enter(KP_Object* element) {
     return true;
 }
 
+// The chain's own next() and previous() would take its lock for every buffer, which guards nothing
+// here.
+bool KP_BufferStream::stepTo(Link* link) {
+    if (link == nullptr) {
+        return false;
+    }
+    chain_.setCurrentLink(link);
+    return enter(link->getElement());
+}
+
 bool KP_BufferStream::stepBuffer() {
-    return enter(chain_.next());
+    Link* const link = chain_.getCurrentLink();
+    return link != nullptr && stepTo(link->getNext());
 }
 
 bool KP_BufferStream::stepBufferBack() {
-    return enter(chain_.previous());
+    Link* const link = chain_.getCurrentLink();
+    return link != nullptr && stepTo(link->getPrevious());
 }
 
 // False after getLastPtr() and the copy of a block, which move the chain alone, when the cursor is
@@ -267,8 +279,7 @@ int KP_BufferStream::findPattern(const char* pattern) {
 
 unsigned char* KP_BufferStream::copy(unsigned long count) {
     const std::size_t wanted = count != 0 ? count : m_iTotal;
-    KP_Object* element = chain_.first();
-    if (element == nullptr || wanted > UINT32_MAX) {
+    if (chain_.first() == nullptr || wanted > UINT32_MAX) {
         return nullptr;
     }
     auto* const block = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(wanted, 1)));
@@ -276,18 +287,18 @@ unsigned char* KP_BufferStream::copy(unsigned long count) {
         return nullptr;
     }
     std::size_t done = 0;
-    for (; element != nullptr; element = chain_.next()) {
-        const Bytes bytes = bytesOf(element);
+    for (Link* link = chain_.getCurrentLink();; link = link->getNext()) {
+        const Bytes bytes = bytesOf(link->getElement());
         const std::size_t part = std::min(bytes.length, wanted - done);
         if (part != 0) {
             std::memcpy(block + done, bytes.start, part);
         }
         done += part;
-        if (done == wanted) {
-            break;
+        if (done == wanted || link->getNext() == nullptr) {
+            chain_.setCurrentLink(link);
+            return block;
         }
     }
-    return block;
 }
 
 int KP_BufferStream::copy(unsigned char* out, int count) {

@@ -10,17 +10,19 @@ namespace {
 
 constexpr int kEmptySendsAtMost = 1000;
 
-// Receives a value of N bytes, one byte a call, so that none beyond it is ever taken.
+// Receives a value of N bytes, and never a byte beyond it.
 template <int N>
 bool receiveValue(int socket, const char* reader, unsigned char (&bytes)[N]) {
-    for (unsigned char& byte : bytes) {
-        const long received = kp::platform::receiveBytes(socket, &byte, 1);
-        if (received != 1) {
-            if (received < 0) {
-                KP_Log::ret("%s: error reading from stream", reader);
-            }
+    for (int done = 0; done < N;) {
+        const long received =
+            kp::platform::receiveBytes(socket, bytes + done, static_cast<std::size_t>(N - done));
+        if (received < 0) {
+            KP_Log::ret("%s: error reading from stream", reader);
+        }
+        if (received <= 0) {
             return false;
         }
+        done += static_cast<int>(received);
     }
     return true;
 }

@@ -109,6 +109,7 @@ private:
     Position position();
     void setPosition(const Position& position);
     bool enter(KP_Object* element);
+    bool stepTo(Link* link);
     bool stepBuffer();
     bool stepBufferBack();
     bool isInCurrent();
