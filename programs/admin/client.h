@@ -44,7 +44,7 @@ public:
     void writeConfig(const KP_Config& config);
     /// The lines name=value of the engine's status.
     std::vector<std::string> status();
-    /// Ends the session.
+    /// Ends the session; an engine that has gone is no fault any more.
     void quit();
 
 private:

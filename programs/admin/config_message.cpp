@@ -13,9 +13,17 @@ namespace {
 
 using MimeType = KP_Config::MimeType;
 
+constexpr int kLine = 2048;
+
+// Receives a line, which has to fit into the field.
 template <std::size_t Size>
 bool receiveText(int socket, char (&field)[Size]) {
-    return readJ_line(socket, field, static_cast<int>(Size)) >= 0;
+    char line[kLine];
+    const int length = readJ_line(socket, line, kLine);
+    if (length < 0 || static_cast<std::size_t>(length) >= Size)
+        return false;
+    std::memcpy(field, line, static_cast<std::size_t>(length) + 1);
+    return true;
 }
 
 bool receiveNumber(int socket, std::uint32_t& number) {

@@ -36,13 +36,16 @@ std::FILE* ownOutput() {
     if (descriptor < 0 || nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0)
         throw std::system_error(errno, std::generic_category(), "standard output");
     ::close(nowhere);
-    return ::fdopen(descriptor, "w");
+    std::FILE* const output = ::fdopen(descriptor, "w");
+    if (output == nullptr)
+        throw std::system_error(errno, std::generic_category(), "standard output");
+    return output;
 }
 
 void print(std::FILE* output, const std::vector<std::string>& lines) {
     for (const std::string& line : lines)
         std::fprintf(output, "%s\n", kp::admin::printable(line).c_str());
-    if (std::fflush(output) != 0)
+    if (std::fflush(output) != 0 || std::ferror(output) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
 }
 

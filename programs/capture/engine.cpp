@@ -10,7 +10,9 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "front_end.h"
@@ -39,7 +41,9 @@ extern "C" void onStopSignal(int number) {
     const int kept = errno;
     if (loggingHandler[number] != nullptr)
         loggingHandler[number](number);
-    stopRequested = true;
+    // Whoever asks twice does not want to wait for a reader of our lines that stands still.
+    if (stopRequested.exchange(true))
+        _exit(1);
     if (PacketSource* source = stoppable)
         source->stop();
     errno = kept;
@@ -73,56 +77,42 @@ public:
     ~StoppedBySignals() { stoppable = nullptr; }
 };
 
-/// Calls a function for one of the engine's messages.
-class OnMessage : public KP_MessageHandler {
-public:
-    OnMessage(KP_EngineMgr& manager, const char* text, std::function<void()> function)
-        : manager_(manager), text_(text), function_(std::move(function)) {
-        manager_.addHandler(this);
-    }
-    ~OnMessage() override { manager_.removeHandler(this); }
-
-    int handleMessage(KP_Message* message) override {
-        if (std::strcmp(message->getMessage(), text_) == 0)
-            function_();
-        return 0;  // others want to know as well
-    }
-
-private:
-    KP_EngineMgr& manager_;
-    const char* text_;
-    std::function<void()> function_;
-};
-
-/// Tells the stages of a new day when the reset thread says so.
+/// Says that a new day has begun when the reset thread does.
 class Day : public KP_Object {
 public:
-    explicit Day(KP_EngineMgr& manager) : manager_(manager) {}
+    explicit Day(std::function<void()> began) : began_(std::move(began)) {}
     int reset() override {
-        KP_Message message(kDayBegan, this);
-        return manager_.sendMessage(&message);
+        began_();
+        return 0;
     }
 
 private:
-    KP_EngineMgr& manager_;
+    std::function<void()> began_;
 };
 
-class Engine {
+class Engine : private KP_MessageHandler {
 public:
     Engine(KP_EngineMgr& manager, const Options& options, int output)
         : manager_(manager),
           options_(options),
-          config_(configurationOf(manager), manager),
+          config_(configurationOf(manager), [this] { send(kConfigurationChanged); }),
           printer_(output),
-          rowsAreShown_(options.print && isatty(output) != 0) {}
+          rowsAreShown_(options.print && isatty(output) != 0) {
+        manager_.addHandler(this);
+    }
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
     // The stages use what stands here, so they go first.
-    ~Engine() { endStages(); }
+    ~Engine() override {
+        endStages();
+        manager_.removeHandler(this);
+    }
 
     int run();
 
 private:
+    int handleMessage(KP_Message* message) override;
+    void send(const char* text);
     std::unique_ptr<PacketSource> openSource();
     void startStages();
     void endStages();
@@ -140,7 +130,8 @@ private:
     TransactionPrinter printer_;
     const bool rowsAreShown_;  // on a terminal, where a progress display would disturb them
     Faults faults_;
-    Day day_{manager_};
+    Day day_{[this] { send(kDayBegan); }};
+    std::mutex sending_;            // messages are sent by one thread at a time
     std::vector<Parser*> parsers_;  // owned by the manager's list, as the next two are
     Output* output_ = nullptr;
     FrontEnd* frontEnd_ = nullptr;
@@ -149,12 +140,33 @@ private:
     std::atomic<bool> isPaced_{false};
     std::atomic<bool> filterChanged_{false};
     bool isGood_ = true;
+    bool isRunning_ = false;  // the stages are
 
     // Of the output's thread.
     std::shared_ptr<KP_ConfigAdmin> judging_ = config_.current();
     std::atomic<bool> judgingChanged_{false};
     Clock::time_point flushed_ = Clock::now();
 };
+
+int Engine::handleMessage(KP_Message* message) {
+    const std::string text = message->getMessage();
+    if (text == kConfigurationChanged) {
+        filterChanged_ = true;
+        judgingChanged_ = true;
+    } else if (text == kDayBegan) {
+        KP_Log::ret("kp-capture: a new day has begun");
+    } else if (text == kShutdown) {
+        if (PacketSource* source = stoppable)
+            source->stop();
+    }
+    return 0;  // others want to know as well
+}
+
+void Engine::send(const char* text) {
+    const std::lock_guard<std::mutex> lock(sending_);
+    KP_Message message(text, nullptr);
+    manager_.sendMessage(&message);
+}
 
 void Engine::complain(const std::string& text) {
     isGood_ = false;
@@ -205,20 +217,28 @@ void Engine::startStages() {
         add(frontEnd_);
     }
     dispatcher_ = std::make_unique<Dispatcher>(parsers_);
-    manager_.start();
+    isRunning_ = manager_.start() == 0;
+    if (!isRunning_)
+        throw std::runtime_error("cannot start the threads of the stages");
 }
 
 // Also after a fault in the middle; ending what has ended does nothing.
 void Engine::endStages() {
-    if (dispatcher_ && !output_->isFinished()) {
+    // Clients ask for the status of the stages, so they go first.
+    if (frontEnd_ != nullptr)
+        frontEnd_->end();
+    frontEnd_ = nullptr;
+    if (isRunning_ && !output_->isFinished()) {
         dispatcher_->finish();
         output_->waitUntilFinished();
     }
-    KP_Message message(kShutdown, nullptr);
-    manager_.sendMessage(&message);
+    isRunning_ = false;
+    send(kShutdown);
     manager_.stop();
     manager_.join(nullptr, 0);
     manager_.clear();
+    output_ = nullptr;
+    parsers_.clear();
 }
 
 void Engine::record(const Transaction& transaction) {
@@ -293,9 +313,6 @@ PacketSource::Result Engine::readPackets(PacketSource& source) {
 
 void Engine::readSource(PacketSource& source) {
     const StoppedBySignals scope(source);
-    const OnMessage onConfiguration(manager_, kConfigurationChanged,
-                                    [this] { filterChanged_ = true; });
-    const OnMessage onShutdown(manager_, kShutdown, [&source] { source.stop(); });
     if (!source.warning().empty())
         std::fprintf(stderr, "kp-capture: warning: %s\n", source.warning().c_str());
     state_ = source.isLive() ? "watching" : "reading";
@@ -310,10 +327,8 @@ void Engine::readSource(PacketSource& source) {
 int Engine::run() {
     catchSignals();
     const std::unique_ptr<PacketSource> source = openSource();
-    const OnMessage onConfiguration(manager_, kConfigurationChanged,
-                                    [this] { judgingChanged_ = true; });
-    const OnMessage onDay(manager_, kDayBegan,
-                          [] { KP_Log::ret("kp-capture: a new day has begun"); });
+    if (source)
+        config_.setLinkType(source->linkType());
     startStages();
     if (source)
         readSource(*source);

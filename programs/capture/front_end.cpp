@@ -22,7 +22,8 @@ constexpr int kTurn = 200;  // milliseconds between two looks at the clients
 constexpr std::chrono::milliseconds kFirstDelay{250};
 constexpr std::chrono::minutes kFailureMemory{10};
 constexpr std::size_t kMostFailures = 4096;
-constexpr std::size_t kLineSize = 512;  // of a user, a password or a command, terminator included
+constexpr int kMostUnread = 256;         // pieces that a client may still send when it is to go
+constexpr std::size_t kLineSize = 1024;  // of a user, a password or a command, terminator included
 
 int listenOn(std::uint16_t port) {
     const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -68,8 +69,10 @@ public:
             serve();
         } catch (const std::exception& error) {
             KP_Log::ret("kp-capture: a front end was dropped: %s", error.what());
+        } catch (const KP_NoMoreMemoryException&) {
+            KP_Log::ret("kp-capture: a front end was dropped: out of memory");
         }
-        ::shutdown(socket_, SHUT_RDWR);
+        sayGoodbye();
         setContinue(0);
         isDone_ = true;
         return 0;
@@ -84,6 +87,15 @@ public:
 private:
     void extend(std::chrono::milliseconds more = {}) {
         deadline_ = (Clock::now() + owner_.clientLimit_ + more).time_since_epoch().count();
+    }
+
+    // What was sent last arrives only if nothing unread is left when the socket is closed.
+    void sayGoodbye() {
+        ::shutdown(socket_, SHUT_WR);
+        char unread[4096];
+        for (int i = 0; i<kMostUnread&& ::recv(socket_, unread, sizeof unread, 0)> 0; ++i) {
+        }
+        ::shutdown(socket_, SHUT_RDWR);
     }
 
     // False when the peer has closed, or the line does not end where a line has to.
@@ -187,6 +199,11 @@ FrontEnd::FrontEnd(std::uint16_t port, LiveConfig& config, std::function<Status(
       clientLimit_(clientLimit) {}
 
 FrontEnd::~FrontEnd() {
+    end();
+    ::close(listener_);
+}
+
+void FrontEnd::end() {
     stop();
     join(nullptr, 0);
     {
@@ -195,7 +212,6 @@ FrontEnd::~FrontEnd() {
     }
     ended_.notify_all();
     lookAfterSessions(true);
-    ::close(listener_);
 }
 
 int FrontEnd::doTask() {

@@ -48,6 +48,10 @@ public:
              std::chrono::seconds clientLimit);
     ~FrontEnd() override;
 
+    /// Ends accepting and every session; whatever they use may go afterwards. Not for the front end's
+    /// own threads.
+    void end();
+
     /// One turn of accepting, and of looking after clients that take too long.
     int doTask() override;
 

@@ -1,5 +1,8 @@
 #include "live_config.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "packet_source.h"
 
@@ -37,8 +41,29 @@ std::string contentOf(const fs::path& path) {
 // The file ends with the block of the networks; one that does not was cut off.
 bool isWhole(const fs::path& path) {
     const std::string content = contentOf(path);
-    const std::size_t last = content.rfind("maskAddress{");
+    const std::size_t last = content.rfind("\nmaskAddress{");
     return last != std::string::npos && content.find('}', last) != std::string::npos;
+}
+
+// Writes the configuration beside the file that it is to replace, where only its owner can read it:
+// it holds the password. Returns why it could not.
+std::string writeBeside(const KP_ConfigAdmin& config, const fs::path& path,
+                        const std::string& name) {
+    // save() ends the process when it cannot open its file, so ours is opened first.
+    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0)
+        return "the configuration file cannot be written: " + std::string(std::strerror(errno));
+    KP_ConfigAdmin copy = config;
+    std::string fault;
+    if (copy.setName(name.c_str()) != 0) {
+        fault = "the name of the engine is too long for a second configuration file";
+    } else {
+        copy.save();
+        if (::fsync(descriptor) != 0 || !isWhole(path))
+            fault = "the configuration file could not be written to its end; is the disk full?";
+    }
+    ::close(descriptor);
+    return fault;
 }
 
 }  // namespace
@@ -51,8 +76,11 @@ std::string keptFile(const std::string& name) {
     return generalFile(name) + ".last";
 }
 
-LiveConfig::LiveConfig(KP_ConfigAdmin& config, KP_MessageHandler& engine)
-    : config_(config), engine_(engine), current_(std::make_shared<KP_ConfigAdmin>(config)) {}
+LiveConfig::LiveConfig(KP_ConfigAdmin& config, std::function<void()> changed)
+    : config_(config),
+      changed_(std::move(changed)),
+      linkType_(PacketSource::kEthernet),
+      current_(std::make_shared<KP_ConfigAdmin>(config)) {}
 
 std::shared_ptr<KP_ConfigAdmin> LiveConfig::current() const {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -67,8 +95,8 @@ std::string LiveConfig::refusal(const KP_ConfigAdmin& wanted) const {
         return "the port is set in " + installFile + " and read at the start";
     if (wanted.configVersion != config_.configVersion)
         return "unknown version of the configuration";
-    if (wanted.daysOfDataToKeep == 0 || wanted.daysOfDataToKeep > 36500)
-        return "days must be 1 to 36500";
+    if (wanted.daysOfDataToKeep == 0 || wanted.daysOfDataToKeep > 0x7FFFFFFF)
+        return "days must be 1 to 2147483647";
     for (const std::string& fault : {textFault("the password", wanted.password, false),
                                      textFault("the filter", wanted.filterProgram, true)}) {
         if (!fault.empty())
@@ -89,7 +117,7 @@ std::string LiveConfig::refusal(const KP_ConfigAdmin& wanted) const {
         if (!fault.empty())
             return fault;
     }
-    return PacketSource::filterFault(wanted.filterProgram);
+    return PacketSource::filterFault(wanted.filterProgram, linkType_);
 }
 
 std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
@@ -101,31 +129,37 @@ std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
     for (int i = 0; i < next->numOfNets; ++i)
         next->netAddress[i] = next->exampleAddress[i] & next->maskAddress[i];
 
-    // save() rewrites the file in place and ends the process when it cannot open it.
     const fs::path file = generalFile(config_.name);
     const fs::path kept = keptFile(config_.name);
+    const std::string besideName = "." + std::string(config_.name) + ".new";
+    const fs::path beside = generalFile(besideName);
     std::error_code error;
-    if (!std::ofstream(file, std::ios::app))
-        return "the configuration file cannot be written: " + std::string(std::strerror(errno));
-    const fs::path part = kept.string() + ".part";
-    fs::remove(part, error);
-    fs::copy_file(file, part, error);  // with the permissions: it holds the password
-    if (!error)
-        fs::rename(part, kept, error);
-    if (error)
-        return "the last configuration file cannot be kept: " + error.message();
-    next->save();
-    if (!isWhole(file)) {
-        fs::copy_file(kept, file, fs::copy_options::overwrite_existing, error);
-        return "the configuration file could not be written to its end; is the disk full?";
+    fs::remove(beside, error);
+    std::string fault = writeBeside(*next, beside, besideName);
+    if (fault.empty() && isWhole(file)) {
+        const fs::path part = kept.string() + ".part";
+        fs::remove(part, error);
+        fs::copy_file(file, part, error);  // with the permissions: it holds the password
+        if (!error)
+            fs::rename(part, kept, error);
+        if (error)
+            fault = "the last configuration file cannot be kept: " + error.message();
+    }
+    if (fault.empty()) {
+        fs::rename(beside, file, error);
+        if (error)
+            fault = "the configuration file cannot be replaced: " + error.message();
+    }
+    if (!fault.empty()) {
+        fs::remove(beside, error);
+        return fault;
     }
     config_ = *next;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         current_ = next;
     }
-    KP_Message message(kConfigurationChanged, nullptr);
-    engine_.sendMessage(&message);
+    changed_();
     KP_Log::ret("kp-capture: the front end has changed the configuration");
     return "";
 }

@@ -1,6 +1,8 @@
 // kp-capture: the configuration while the engine runs and the front end changes it.
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -22,13 +24,19 @@ std::string keptFile(const std::string& name);
 
 /// Gives every stage the configuration in force, and takes changed ones from the front end.
 ///
-/// What current() gave never changes: a change makes a new object and tells the handlers of the
-/// engine, one change at a time.
+/// What current() gave never changes: a change makes a new object, one change at a time.
+/// The file is replaced by one that is whole, so that a process that is killed leaves the old or the
+/// new one.
 /// Threads: any.
 class LiveConfig {
 public:
-    /// @p engine holds the configuration and the handlers, and must outlive this.
-    LiveConfig(KP_ConfigAdmin& config, KP_MessageHandler& engine);
+    /// @p config is the engine's and must outlive this; @p changed is called after each change, on
+    /// the thread that made it.
+    LiveConfig(KP_ConfigAdmin& config, std::function<void()> changed);
+
+    /// Filters have to be ones for links of this type (libpcap's DLT_ number) from now on; Ethernet
+    /// before.
+    void setLinkType(int linkType) { linkType_ = linkType; }
 
     std::shared_ptr<KP_ConfigAdmin> current() const;
 
@@ -40,7 +48,8 @@ private:
     std::string refusal(const KP_ConfigAdmin& wanted) const;
 
     KP_ConfigAdmin& config_;  // the engine's; what the next start would read
-    KP_MessageHandler& engine_;
+    const std::function<void()> changed_;
+    std::atomic<int> linkType_;
     std::mutex changing_;
     mutable std::mutex mutex_;
     std::shared_ptr<KP_ConfigAdmin> current_;

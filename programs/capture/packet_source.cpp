@@ -141,10 +141,16 @@ std::unique_ptr<PacketSource> PacketSource::openDevice(const std::string& device
     return std::unique_ptr<PacketSource>(new PacketSource(std::move(handle)));
 }
 
-std::string PacketSource::filterFault(const std::string& filter) {
+const int PacketSource::kEthernet = DLT_EN10MB;
+
+int PacketSource::linkType() const {
+    return handle_->linkType;
+}
+
+std::string PacketSource::filterFault(const std::string& filter, int linkType) {
     if (filter.empty())
         return "";
-    pcap_t* const dead = pcap_open_dead(DLT_EN10MB, kSnapLength);
+    pcap_t* const dead = pcap_open_dead(linkType, kSnapLength);
     if (dead == nullptr)
         return "out of memory";
     bpf_program program{};

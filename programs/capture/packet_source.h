@@ -50,8 +50,11 @@ public:
     PacketSource& operator=(const PacketSource&) = delete;
     ~PacketSource();
 
-    /// Why a filter is refused; empty when it is taken by Ethernet at least.
-    static std::string filterFault(const std::string& filter);
+    static const int kEthernet;  ///< libpcap's DLT_ number
+    /// Why a filter is refused for links of a type; empty when it is not.
+    static std::string filterFault(const std::string& filter, int linkType = kEthernet);
+    /// The type of the source's links.
+    int linkType() const;
 
     /// Replaces the filter from the next packet on. Returns why it was refused, and then the old
     /// one holds; empty when it was taken.

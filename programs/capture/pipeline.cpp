@@ -218,6 +218,8 @@ int Output::doTask() {
             idle_(false);
     } catch (const std::exception& error) {
         faults_.add(error.what());
+    } catch (const KP_NoMoreMemoryException&) {
+        faults_.add("out of memory");
     }
     if (sawLast_)
         finish();

@@ -18,10 +18,11 @@ constexpr std::size_t kFirstRecords = 16;
 
 using MimeType = KP_Config::MimeType;
 
-// Sends a text and a line feed in one piece; 0 or -1.
-int sendText(int socket, const char* text) {
+// Sends the text of a field, whether it has an end or not, and a line feed in one piece; 0 or -1.
+template <std::size_t Size>
+int sendText(int socket, const char (&field)[Size]) {
     char line[kLine];
-    const int length = std::snprintf(line, sizeof line, "%s\n", text);
+    const int length = std::snprintf(line, sizeof line, "%.*s\n", static_cast<int>(Size), field);
     return length < kLine && writeJ_n_chars(socket, line, length) == length ? 0 : -1;
 }
 
@@ -45,11 +46,27 @@ int sendMimeType(int socket, const MimeType& mime) {
     return 0;
 }
 
+// Receives a line, a byte at a time since what follows it belongs to others. False when the
+// connection fails or ends before the line does: half an address can be an address.
+bool receiveLine(int socket, char (&line)[kLine]) {
+    for (int length = 0; length < kLine; ++length) {
+        if (kp::platform::receiveBytes(socket, line + length, 1) != 1) {
+            return false;
+        }
+        if (line[length] == '\n') {
+            line[length] = '\0';
+            return true;
+        }
+    }
+    KP_Log::ret("hcommand_SET_CONFIG: a line has more than %d characters", kLine - 1);
+    return false;
+}
+
 // Receives a line into a field and keeps what fits.
 template <std::size_t Size>
 int receiveCut(int socket, char (&field)[Size]) {
     char line[kLine] = {};
-    if (readJ_line(socket, line, kLine) < 0) {
+    if (!receiveLine(socket, line)) {
         return -1;
     }
     line[Size - 1] = '\0';
@@ -57,10 +74,20 @@ int receiveCut(int socket, char (&field)[Size]) {
     return 0;
 }
 
-// Receives a line into a field that takes no more than fits off the connection.
+// Receives a line into a field that would mean something else if it were cut.
 template <std::size_t Size>
 int receiveField(int socket, char (&field)[Size]) {
-    return readJ_line(socket, field, Size) < 0 ? -1 : 0;
+    char line[kLine] = {};
+    if (!receiveLine(socket, line)) {
+        return -1;
+    }
+    if (std::strlen(line) >= Size) {
+        KP_Log::ret("hcommand_SET_CONFIG: a field has more than %d characters",
+                    static_cast<int>(Size - 1));
+        return -1;
+    }
+    std::memcpy(field, line, Size);
+    return 0;
 }
 
 int receiveNumber(int socket, std::uint32_t* number) {
@@ -93,14 +120,15 @@ int receiveMimeType(int socket, MimeType& mime) {
 // @p allOnes says whether 255.255.255.255 is one.
 int receiveAddress(int socket, int which, bool allOnes, std::uint32_t* address) {
     char line[kLine];
-    if (readJ_line(socket, line, kLine) < 0) {
+    if (!receiveLine(socket, line)) {
         return -1;
     }
-    *address = kp::platform::parseAddress(line);
-    if (*address == kNoAddress && !(allOnes && std::strcmp(line, "255.255.255.255") == 0)) {
+    const std::uint32_t parsed = kp::platform::parseAddress(line);
+    if (parsed == kNoAddress && !(allOnes && std::strcmp(line, "255.255.255.255") == 0)) {
         KP_Log::ret("hcommand_SET_CONFIG: Malformed IP Address(%d): %s", which, line);
         return -1;
     }
+    *address = parsed;
     return 0;
 }
 
@@ -116,6 +144,21 @@ bool makeRoom(MimeType** records, std::size_t used, std::size_t* room, std::size
     }
     *records = larger;
     *room = wanted;
+    return true;
+}
+
+// Receives the mappings into an array of their own. False when not all came; what came is there.
+bool receiveMimeTypes(int socket, std::size_t wanted, MimeType** records, std::size_t* count) {
+    std::size_t room = 0;
+    for (*count = 0; *count < wanted; ++*count) {
+        if (!makeRoom(records, *count, &room, wanted)) {
+            KP_Log::ret("hcommand_SET_CONFIG: Not enough memory.");
+            return false;
+        }
+        if (receiveMimeType(socket, (*records)[*count]) != 0) {
+            return false;
+        }
+    }
     return true;
 }
 
@@ -155,26 +198,25 @@ int KP_Config::readJ(int socket) {
         receiveNumber(socket, &daysOfDataToKeep) != 0 || readJ_UInt16(socket, &mappings) != 0) {
         return -1;
     }
+    MimeType* received = nullptr;
+    std::size_t count = 0;
+    const bool isWhole = receiveMimeTypes(socket, mappings, &received, &count);
     KP_Config::reset();
-    std::size_t room = 0;
-    for (std::size_t i = 0; i < mappings; ++i) {
-        if (!makeRoom(&mimeTypes, i, &room, mappings)) {
-            KP_Log::ret("hcommand_SET_CONFIG: Not enough memory.");
-            return -1;
-        }
-        if (receiveMimeType(socket, mimeTypes[i]) != 0) {
-            return -1;
-        }
-        numOfMimeTypes = static_cast<std::uint16_t>(i + 1);
+    mimeTypes = received;
+    numOfMimeTypes = static_cast<std::uint16_t>(count);
+    if (!isWhole) {
+        return -1;
     }
 
     int apply = 0;
     unsigned short nets = 0;
-    if (receiveField(socket, password) != 0 || readJ_Boolean(socket, &apply) != 0 ||
-        readJ_UInt16(socket, &nets) != 0) {
+    if (receiveField(socket, password) != 0 || readJ_Boolean(socket, &apply) != 0) {
         return -1;
     }
     applyNetAddress = apply;
+    if (readJ_UInt16(socket, &nets) != 0) {
+        return -1;
+    }
     if (nets > kMaxNets) {
         KP_Log::ret("hcommand_SET_CONFIG: more than %d networks", kMaxNets);
         return -1;

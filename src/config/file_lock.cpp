@@ -25,9 +25,9 @@ void KP_FileLock::use(int descriptor, bool owns) {
     if (ownsFD_ != 0 && fd_ != 0 && fd_ != descriptor) {
         kp::platform::closeFile(fd_);
     }
+    isHeld_ = isHeld_ && fd_ == descriptor;
     fd_ = descriptor;
     ownsFD_ = owns ? 1 : 0;
-    isHeld_ = false;
 }
 
 int KP_FileLock::open(const char* path) {
@@ -39,6 +39,7 @@ int KP_FileLock::open(const char* path) {
     if (descriptor < 0) {
         std::perror("archiving_openReader");
         KP_Log::ret("archiving_openReader: error opening %s", path);
+        use(-1, true);
         return -1;
     }
     use(descriptor, true);
@@ -73,9 +74,13 @@ int KP_FileLock::lock() {
 }
 
 int KP_FileLock::unlock() {
-    // Asked for a lock that is not there, the system would be content.
-    errno = EACCES;
-    if (!isHeld_ || !kp::platform::unlockFirstByte(fd_)) {
+    bool isGood = kp::platform::unlockFirstByte(fd_);
+    if (isGood && !isHeld_) {
+        // Asked for a lock that is not there, the system is content.
+        isGood = false;
+        errno = EACCES;
+    }
+    if (!isGood) {
         KP_Log::debug("my_unlockf: can't F_LOCK, %s", KP_Log::sys_err_str());
     }
     isHeld_ = false;

@@ -61,7 +61,7 @@ void deriveLogName(const char* program, char* name) {
 
 int debugLevel(KP_NamedStringList* options, int verbose) {
     KP_String* value = options != nullptr ? options->findByName("Debug") : nullptr;
-    const bool isZero = value != nullptr && std::atoi(static_cast<char*>(*value)) == 0;
+    const bool isZero = value != nullptr && std::atoi(static_cast<const char*>(*value)) == 0;
     return isZero ? 1 : verbose;
 }
 

@@ -14,13 +14,19 @@ int KP_ResetThread::secondsToMidnight(const std::tm& local) {
     return ((24 - local.tm_hour) * 60 - local.tm_min) * 60 - local.tm_sec;
 }
 
+int KP_ResetThread::stop() {
+    ++stops_;
+    return KP_Thread::stop();
+}
+
 int KP_ResetThread::doTask() {
+    const unsigned stops = stops_;
     const std::time_t begun = std::time(nullptr);
     std::tm local = {};
     // A time that the system cannot convert is looked at again in a day.
     kp::platform::localTime(begun, &local);
     sleep(secondsToMidnight(local));
-    if (isRunning() == 0) {
+    if (isRunning() == 0 || stops != stops_) {
         return 0;
     }
     char text[32];

@@ -42,6 +42,16 @@ bool KP_Event::take(std::uint64_t* state, std::uint32_t last) {
     return false;
 }
 
+// Takes this thread out of the waiting ones; false when the state was another one meanwhile.
+bool KP_Event::leave(std::uint64_t* state) {
+    std::uint64_t next = *state - kWaiter;
+    // A signal that was meant for this thread goes with it when nobody else is there to take it.
+    if (signalsIn(next) > waitersIn(next)) {
+        next -= kSignal;
+    }
+    return state_.compare_exchange_weak(*state, next, std::memory_order_relaxed);
+}
+
 int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
     kp::platform::Deadline deadline;
     if (milliseconds > 0) {
@@ -56,7 +66,7 @@ int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
             return 0;
         }
         if (!inTime) {
-            if (state_.compare_exchange_weak(state, state - kWaiter, std::memory_order_relaxed)) {
+            if (leave(&state)) {
                 return -1;
             }
             continue;
@@ -73,14 +83,8 @@ int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
 
 void KP_Event::withdraw() {
     std::uint64_t state = state_.load(std::memory_order_relaxed);
-    // A signal that was meant for this thread goes with it when nobody else is there to take it.
-    std::uint64_t next = 0;
-    do {
-        next = state - kWaiter;
-        if (signalsIn(next) > waitersIn(next)) {
-            next -= kSignal;
-        }
-    } while (!state_.compare_exchange_weak(state, next, std::memory_order_relaxed));
+    while (!leave(&state)) {
+    }
 }
 
 int KP_Event::wait(KP_Mutex*, int milliseconds) {

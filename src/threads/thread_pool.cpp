@@ -166,9 +166,10 @@ KP_Task* KP_ThreadPool::take(KP_Thread* worker) {
             if (out_.first == nullptr) {
                 out_.last = nullptr;
             }
-            more = out_.first != nullptr && work_.numWaiting() > 0;
             worker->task_ = task->getID();
             worker->taskObject_ = task;
+            // What was added meanwhile gave no signal if this worker was on its way.
+            more = fetch() && work_.numWaiting() > 0;
         }
     }
     if (more) {

@@ -30,13 +30,19 @@ KP_Buffer::~KP_Buffer() {
     replaceBlock(nullptr, 0, false);
 }
 
-// Takes another block for the one that is held, which is freed if that is left to the buffer.
+// Takes another block for the one that is held, which is freed if that is left to the buffer. An own
+// block, or a part of it, that is set anew is still what has to be freed.
 void KP_Buffer::replaceBlock(unsigned char* block, std::uint32_t size, bool allocated) {
-    if (owner_ && allocated_ && block != buffer_) {
-        std::free(buffer_);
+    const auto offset =
+        reinterpret_cast<std::uintptr_t>(block) - reinterpret_cast<std::uintptr_t>(allocated_);
+    const bool isWithin = allocated_ != nullptr && block != nullptr && offset <= allocatedSize_;
+    if (allocated || !isWithin) {
+        if (owner_) {
+            std::free(allocated_);
+        }
+        allocated_ = allocated ? block : nullptr;
+        allocatedSize_ = allocated ? size : 0;
     }
-    // The own block, set anew, is still one that has to be freed.
-    allocated_ = allocated || (allocated_ && block != nullptr && block == buffer_);
     buffer_ = block;
     size_ = size;
 }
@@ -54,10 +60,9 @@ unsigned char* KP_Buffer::getBuffer() {
 }
 
 int KP_Buffer::resetBuffer() {
-    if (allocated_) {
-        std::free(buffer_);
-    }
-    allocated_ = false;
+    std::free(allocated_);
+    allocated_ = nullptr;
+    allocatedSize_ = 0;
     buffer_ = nullptr;
     size_ = 0;
     return 0;
@@ -113,9 +118,9 @@ int KP_Buffer::reset() {
 }
 
 int KP_Buffer::print(std::FILE* file) {
-    KP_Log::flog(file, "length: %4d\n", static_cast<int>(length_));
-    const auto* place = reinterpret_cast<const char*>(buffer_);
-    std::size_t left = place != nullptr ? std::min(length_, size_) : 0;
+    KP_Log::flog(file, "length: %4d\n", static_cast<int>(getLength()));
+    const auto* place = reinterpret_cast<const char*>(getBuffer());
+    std::size_t left = place != nullptr ? std::min(getLength(), getSize()) : 0;
     while (left != 0) {
         // All at once up to a zero byte, where a text would end.
         const std::size_t most = std::min<std::size_t>(left, INT_MAX);

@@ -91,7 +91,28 @@ bool KP_BufferStream::stepBufferBack() {
 // nowhere, and when it is on a byte of nobody.
 bool KP_BufferStream::isInCurrent() {
     const Bytes bytes = bytesOf(chain_.getCurrent());
-    return bytes.start == start_ && bytes.end() == end_;
+    return bytes.start == start_ && end_ <= bytes.end();
+}
+
+// Puts the cursor where it was; the chain follows if it was elsewhere, as after getLastPtr().
+void KP_BufferStream::restore(const Position& position) {
+    setPosition(position);
+    if (next_ == nullptr || isInCurrent()) {
+        return;
+    }
+    chain_.first();
+    for (Link* link = chain_.getCurrentLink(); link != nullptr; link = link->getNext()) {
+        if (bytesOf(link->getElement()).holds(next_)) {
+            chain_.setCurrentLink(link);
+            return;
+        }
+    }
+    setPosition(position);
+}
+
+// Nothing has put the cursor on a buffer yet.
+bool KP_BufferStream::isNowhere() {
+    return next_ == nullptr && bytesOf(chain_.getCurrent()).start != nullptr;
 }
 
 int KP_BufferStream::add(KP_Buffer* buffer) {
@@ -157,8 +178,8 @@ int KP_BufferStream::bumpToNext(long count) {
     }
     markNext(0);
     const Position before = position();
-    if (next_ == nullptr && bytesOf(chain_.getCurrent()).start != nullptr) {
-        return 0;  // nowhere: nothing has put it on a byte yet
+    if (isNowhere()) {
+        return 0;
     }
     bool isInside = true;
     if (count >= 0) {
@@ -187,7 +208,7 @@ int KP_BufferStream::bumpToNext(long count) {
             return 1;
         }
     }
-    setPosition(before);
+    restore(before);
     return 0;
 }
 
@@ -223,7 +244,7 @@ void KP_BufferStream::relNext() {}
 unsigned char* KP_BufferStream::lookNextIndex(int distance) {
     const Position before = position();
     unsigned char* const place = bumpToNext(distance) != 0 ? next_ : nullptr;
-    setPosition(before);
+    restore(before);
     return place;
 }
 
@@ -259,27 +280,35 @@ int KP_BufferStream::find(unsigned char* place) {
 
 int KP_BufferStream::findPattern(const char* pattern) {
     constexpr std::size_t kLength = 5;
-    if (pattern == nullptr || !isInCurrent()) {
+    if (pattern == nullptr) {
         return 0;
     }
     char wanted[kLength] = {};
     for (std::size_t i = 0; i < kLength && pattern[i] != '\0'; ++i) {
         wanted[i] = pattern[i];
     }
+    return findBytes({wanted, kLength}) ? 1 : 0;
+}
+
+bool KP_BufferStream::findBytes(std::string_view pattern) {
+    if (!isInCurrent()) {
+        return false;
+    }
     do {
         const std::string_view here = run();
-        const char* const found = kp::detail::findBytes(here.data(), here.size(), wanted, kLength);
+        const char* const found =
+            kp::detail::findBytes(here.data(), here.size(), pattern.data(), pattern.size());
         if (found != nullptr) {
             bumpToNext(found - here.data());
-            return 1;
+            return true;
         }
     } while (stepBuffer());
-    return 0;
+    return false;
 }
 
 unsigned char* KP_BufferStream::copy(unsigned long count) {
     const std::size_t wanted = count != 0 ? count : m_iTotal;
-    if (chain_.first() == nullptr || wanted > UINT32_MAX) {
+    if (chain_.getCount() == 0 || wanted > UINT32_MAX) {
         return nullptr;
     }
     auto* const block = static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(wanted, 1)));
@@ -287,6 +316,7 @@ unsigned char* KP_BufferStream::copy(unsigned long count) {
         return nullptr;
     }
     std::size_t done = 0;
+    chain_.first();
     for (Link* link = chain_.getCurrentLink();; link = link->getNext()) {
         const Bytes bytes = bytesOf(link->getElement());
         const std::size_t part = std::min(bytes.length, wanted - done);
@@ -322,8 +352,21 @@ int KP_BufferStream::copy(unsigned char* out, int count) {
     return 0;
 }
 
+bool KP_BufferStream::firstRun() {
+    const Position before = position();
+    enter(chain_.first());
+    if (next_ != end_ || nextRun()) {
+        return true;
+    }
+    setPosition(before);
+    return false;
+}
+
 bool KP_BufferStream::nextRun() {
     const Position before = position();
+    if (isNowhere()) {
+        return false;
+    }
     while (stepBuffer()) {
         if (next_ != end_) {
             return true;

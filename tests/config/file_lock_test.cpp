@@ -81,7 +81,12 @@ TEST_F(FileLockTest, ClosesWhatItOpenedAndNothingElse) {
     EXPECT_TRUE(other.isHeld());
 
     std::FILE* const file = std::tmpfile();
-    KP_FileLock copy;
+    KP_FileLock copy(other);
+    copy.unlock();  // the descriptor's lock, whoever has locked it
+    KP_FileLock fourth;
+    fourth.open(path_.c_str());
+    fourth.lock();
+    EXPECT_TRUE(fourth.isHeld());
     copy.setFD(file);
     copy.lock();
     EXPECT_TRUE(copy.isHeld());

@@ -107,6 +107,8 @@ TEST(ResetThreadTest, AStopEndsTheSleepWithoutAReset) {
     days->append(&a);
     days->start();
     days->stop();
+    days->start();  // the cycle that was told to end is not resumed as if it were midnight
+    days->stop();
     days->join(nullptr, 0);
     EXPECT_EQ(order, "");
     days->release();

@@ -102,8 +102,13 @@ TEST_F(FrontEndTest, ASessionIsTheseBytes) {
     const std::string count = dialog.receive(4);
     EXPECT_EQ(count.substr(0, 3), "\0\0\0"s);
     EXPECT_EQ(dialog.receive(6), "state=");
-    dialog.send("QUIT\n");
+    // A client that asks for the status all the time while the engine ends.
+    std::thread poller([&] {
+        while (dialog.send("GET_STATUS\n") && !dialog.isClosed()) {
+        }
+    });
     EXPECT_EQ(engine_->end(SIGTERM), 0);
+    poller.join();
 }
 
 TEST_F(FrontEndTest, WrongPasswordsAndHalfMessagesEndTheConnection) {
@@ -152,6 +157,10 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
     const Dialog ready(port_.number());
     const std::string port = "port=" + std::to_string(port_.number()) + "\n";
     EXPECT_EQ(admin({"show"}).out, "device=\n" + port + "filter=\ndays=7\n");
+    // As long as its field: 15 and 63 characters.
+    const std::string longest = "mime=" + std::string(63, 't') + "=" + std::string(15, 'e');
+    EXPECT_EQ(admin({"set", longest}).status, 0);
+    EXPECT_NE(admin({"show"}).out.find(longest), std::string::npos);
     const Outcome set = admin({"set", "days=30", "mime=image/png=png", "mime=text/html=htm,html",
                                "network=127.0.0.0/8", "filter=tcp"});
     EXPECT_EQ(set.status, 0) << set.err;
@@ -170,6 +179,7 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
         {{"set", "days=x"}, 1, "is not a number"},
         {{"set", "port=4000"}, 1, "the port is set in"},
         {{"set", "filter=tcp prt"}, 1, "refused: the filter"},
+        {{"set", "filter=" + std::string(512, 'x')}, 1, "more than 511 characters"},
         {{"set", "range=10.0.0.0/8"}, 2, "kp-configure"},
         {{"set", "days"}, 2, "KEY=VALUE"},
         {{"set", "days=1", "days=2"}, 2, "twice"},

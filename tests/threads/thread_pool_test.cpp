@@ -272,4 +272,28 @@ TEST_F(ThreadPoolLogTest, ATaskThatThrowsIsLoggedAndOneWithoutAFunctionIsNotRun)
     EXPECT_EQ(site_.newLog(), "TIME - KP_ThreadPool: task 5 ended with an exception\n");
 }
 
+// Three tasks that wait for each other need three workers at once, however they came to the queue.
+TEST(ThreadPoolTest, NoWorkerSleepsWhileATaskWaits) {
+    struct Meeting {
+        std::atomic<int> come{0};
+        std::atomic<int> gone{0};
+    };
+    KP_ThreadPool pool(3);
+    pool.start();
+    for (int round = 0; round < 20000; ++round) {
+        Meeting meeting;
+        for (int i = 0; i < 3; ++i) {
+            pool.addTask(
+                [](void* arg) {
+                    auto* const all = static_cast<Meeting*>(arg);
+                    ++all->come;
+                    until([all] { return all->come == 3; });
+                    ++all->gone;
+                },
+                &meeting, i);
+        }
+        ASSERT_TRUE(until([&] { return meeting.gone == 3; })) << round;
+    }
+}
+
 }  // namespace

@@ -86,8 +86,9 @@ TEST(BufferTest, ABlockOfItsOwnEndsWithTheBufferOnlyWhenAskedTo) {
     owner.initBuffer(8);
     owner.initBuffer(9);
     const KP_Buffer shared(owner);
-    owner.setBuffer(owner.getBuffer(), 4);  // the same block, shorter
+    owner.setBuffer(owner.getBuffer() + 2, 4);  // a part of the same block
     EXPECT_EQ(owner.getSize(), 4U);
+    owner.getBuffer()[3] = 'x';
 }
 
 TEST(BufferTest, PrintTellsTheLengthAndTheBytes) {
@@ -134,6 +135,11 @@ TEST_F(StreamTest, StepsAcrossBuffers) {
     EXPECT_EQ(stream_.incNext(), 0);
     EXPECT_EQ(stream_.ontoNext(), 'd');
     EXPECT_EQ(stream_.getLastPtr(), bytes(texts_[1]) + 2);
+    stream_.setFirst();
+    stream_.getLastPtr();  // moves the chain alone; looking ahead puts it right
+    EXPECT_EQ(stream_.lookNextIndex(1), bytes(texts_[0]) + 1);
+    stream_.incNext();
+    EXPECT_EQ(stream_.ontoNext(), 'c');
 
     build({"ab", "", "c"});
     stream_.incNext();
@@ -168,6 +174,12 @@ TEST_F(StreamTest, PatternsAreFiveBytesInOneBuffer) {
     EXPECT_EQ(stream_.findPattern("x"), 0);  // and four zero bytes
     EXPECT_EQ(stream_.getNextPtr(), bytes(texts_[2]));
     EXPECT_EQ(stream_.findPattern(nullptr), 0);
+
+    build({std::string("ab\0cd", 5), std::string("x\0y", 3)});
+    EXPECT_FALSE(stream_.findBytes("cdx"));
+    stream_.setFirst();
+    EXPECT_TRUE(stream_.findBytes({"\0y", 2}));
+    EXPECT_EQ(stream_.getNextPtr(), bytes(texts_[1]) + 1);
 }
 
 TEST_F(StreamTest, AnAddressOfNobodyIsReportedAndLeadsNowhereElse) {
@@ -292,7 +304,7 @@ TEST_F(StreamTest, AgreesWithAFlatTextInRandomWalks) {
         const Block head(stream_.copy(1));
         EXPECT_EQ(*head, static_cast<unsigned char>(model.all[0]));
         std::string runs;
-        for (bool more = stream_.setFirst() == 0; more; more = stream_.nextRun()) {
+        for (bool more = stream_.firstRun(); more; more = stream_.nextRun()) {
             runs += stream_.run();
         }
         EXPECT_EQ(runs, model.all);

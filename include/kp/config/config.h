@@ -89,8 +89,9 @@ public:
     int writeJ(int socket) override;
     /// Receives the same from the front end, which sends applyNetAddress as one byte.
     /// Mappings held before are given back. Of a mapping the first 63 characters of the type and the
-    /// first 16 extensions, 15 characters each, are kept. More than 5 networks and addresses that are
-    /// none are refused, with a log line. Returns 0; -1 at the first failure: what came before it is
+    /// first 16 extensions, 15 characters each, are kept. More than 5 networks, addresses that are
+    /// none, a device, filter or password that is too long, and a message that ends within a line are
+    /// refused. Returns 0; -1 at the first failure: what came before it is
     /// changed then, and the rest is still unread, so a host receives into a copy and gives such a
     /// connection up. netAddress follows when the configuration was saved and read again.
     int readJ(int socket) override;

@@ -22,7 +22,8 @@
 /// Threads: one at a time.
 class KP_API KP_FileLock : public virtual KP_Object {
 public:
-    /// A lock without a file.
+    /// A lock without a file; its descriptor is 0, which is also that of standard input: lock() asks
+    /// for it.
     KP_FileLock() = default;
     KP_FileLock(const KP_FileLock& other);
     KP_FileLock& operator=(const KP_FileLock& other);
@@ -31,7 +32,7 @@ public:
 
     /// Opens @p path for reading and writing, or creates it, gives it to its owner alone, and closes
     /// a file that it had opened before. A system that is short of something for a moment is asked
-    /// again after a second. Returns 0, or -1 with the lock as it was, a line in the log and one on
+    /// again after a second. Returns 0, or -1 without a file, with a line in the log and one on
     /// standard error. Ends the process with status 1 when the permissions cannot be set.
     virtual int open(const char* path);
     /// Uses the descriptor underneath @p file, which stays the caller's; returns 0.
@@ -41,8 +42,8 @@ public:
     /// Asks for the lock and does not wait for it: when somebody else has it, the lock is not held.
     /// Puts the descriptor's position at the start of the file. Returns 0 always.
     virtual int lock();
-    /// Gives the lock back; one that is not held is reported. Moves the position as lock() does.
-    /// Returns 0 always.
+    /// Gives the lock of the descriptor back, whoever has locked it; one that this object has not is
+    /// reported. Moves the position as lock() does. Returns 0 always.
     virtual int unlock();
 
     /// Whether the last lock() of this object got it, and it was not given back since.

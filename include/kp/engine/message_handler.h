@@ -36,6 +36,7 @@ public:
     /// Offers @p message to the handlers; returns the first non-zero answer, or 0.
     virtual int sendMessage(KP_Message* message);
     /// Adds @p handler at the end, also if it is there already, and is asked twice then; returns 0.
+    /// Throws KP_NoMoreMemoryException when there is no memory for the entry.
     virtual int addHandler(KP_MessageHandler* handler);
     /// Removes one entry of @p handler, if there is one; returns 0.
     virtual int removeHandler(KP_MessageHandler* handler);

@@ -42,14 +42,15 @@ public:
     ///
     /// The condition is asked again after this thread was counted as waiting, so a signal that comes
     /// between the question and the sleep is not lost, as it would be in front of a plain wait().
-    /// It runs on this thread, without a lock of the event's, and does not throw.
+    /// It runs on this thread, without a lock of the event's, and does not throw. All who wait on one
+    /// event wait for the same: a signal may release one whose condition is still false.
     /// Returns 0 when it was true, -1 when the time passed without.
     template <class Condition>
     int waitUntil(Condition condition, int milliseconds = 0) {
         using Clock = std::chrono::steady_clock;
-        const Clock::time_point end =
-            milliseconds > 0 ? Clock::now() + std::chrono::milliseconds(milliseconds)
-                             : Clock::time_point();
+        const Clock::time_point end = milliseconds > 0
+                                          ? Clock::now() + std::chrono::milliseconds(milliseconds)
+                                          : Clock::time_point();
         while (!condition()) {
             const std::uint32_t last = announce();
             if (condition()) {
@@ -59,7 +60,11 @@ public:
             int left = 0;
             if (milliseconds > 0) {
                 const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-                left = rest.count() > 0 ? static_cast<int>(rest.count()) : 1;
+                left = static_cast<int>(rest.count());
+                if (left <= 0) {
+                    withdraw();
+                    return condition() ? 0 : -1;
+                }
             }
             if (waitAnnounced(last, left) != 0) {
                 return condition() ? 0 : -1;
@@ -89,6 +94,7 @@ private:
 
     void ring();
     bool take(std::uint64_t* state, std::uint32_t last);
+    bool leave(std::uint64_t* state);
 
     // From the low end: 16 bits of signals given and not yet taken, 16 bits of waiting threads, at
     // least as many, and the number of the last signal.

@@ -75,6 +75,7 @@ protected:
 private:
     void replaceBlock(unsigned char* block, std::uint32_t size, bool allocated);
 
-    bool allocated_ = false;  // by initBuffer(), not borrowed
+    unsigned char* allocated_ = nullptr;  // by initBuffer(); what is in use may be a part of it
+    std::uint32_t allocatedSize_ = 0;
     bool owner_ = false;
 };

@@ -23,14 +23,15 @@
 /// Cost: a step within a buffer is one virtual call by incNext() or ontoNext() and none by step();
 /// a parser is fastest when it takes what stands in one buffer at once:
 ///
-///     for (bool more = stream.setFirst() == 0; more; more = stream.nextRun()) {
+///     for (bool more = stream.firstRun(); more; more = stream.nextRun()) {
 ///         const std::string_view run = stream.run();
 ///         ...
 ///     }
 ///
-/// A class that overrides incNext() overrides ontoNext() as well, which does not call it.
+/// A class that overrides incNext() overrides ontoNext() and the copy() of text as well, which do not
+/// call it.
 ///
-/// Threads: one at a time; a stream that several threads use needs a lock of theirs.
+/// Threads: one at a time, add() included; a stream that several threads use needs a lock of theirs.
 class KP_API KP_BufferStream : public virtual KP_Stream {
 public:
     KP_BufferStream();
@@ -77,9 +78,13 @@ public:
     std::string_view run() const {
         return {reinterpret_cast<const char*>(next_), static_cast<std::size_t>(end_ - next_)};
     }
+    /// Puts the cursor on the first byte of all; false when there is none, and it then stays.
+    bool firstRun();
     /// Moves the cursor to the first byte of the next buffer that has one.
     /// Returns false when there is none; the cursor then stays.
     bool nextRun();
+    /// findPattern() for bytes of any number and value: zero bytes count as any other.
+    bool findBytes(std::string_view pattern);
     /// The buffer that the cursor is in; null when the cursor is nowhere.
     KP_Buffer* getCurrentBuffer();
 
@@ -109,6 +114,8 @@ private:
     Position position();
     void setPosition(const Position& position);
     bool enter(KP_Object* element);
+    void restore(const Position& position);
+    bool isNowhere();
     bool stepTo(Link* link);
     bool stepBuffer();
     bool stepBufferBack();

@@ -54,11 +54,11 @@ public:
     /// The cursor stays.
     virtual unsigned char* lookNextIndex(int distance) = 0;
     /// Puts the cursor at @p place, in the piece that holds it; searches back first, then ahead.
-    /// When no piece does, the log says so and the piece stays; getNextPtr() and getNext() then go
-    /// by the address as it is, and nothing else does. Returns 1.
+    /// When no piece does, the log says so, the piece stays, and the cursor is on that one byte,
+    /// whoever it belongs to, in front of the piece that follows. Returns 1.
     virtual int find(unsigned char* place) = 0;
     /// Moves the cursor to the next place, its own first, where the first five bytes of @p pattern
-    /// stand within one piece. A shorter text counts as filled up with zero bytes. Returns 1, or 0
+    /// stand within one piece. A text that ends before counts as filled up with zero bytes. Returns 1, or 0
     /// with the cursor at the start of the last piece, unless it was in that one already.
     virtual int findPattern(const char* pattern) = 0;
     /// A new block with the first @p count bytes of the stream, or with all for 0; the caller frees
