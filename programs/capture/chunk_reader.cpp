@@ -47,6 +47,15 @@ ChunkReader::Result ChunkReader::read(std::string_view& bytes, std::uint64_t& bo
     return Result::kMore;
 }
 
+bool ChunkReader::skip(std::uint64_t count) {
+    if (part_ != Part::kData || count > length_)
+        return false;
+    length_ -= count;
+    if (length_ == 0)
+        part_ = Part::kDataEnd;
+    return true;
+}
+
 bool ChunkReader::size(std::string_view& bytes) {
     const int digit = hexDigit(bytes[0]);
     if (digit < 0) {

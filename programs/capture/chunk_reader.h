@@ -24,6 +24,10 @@ public:
     /// Takes bytes from the front of @p bytes and adds to @p bodyBytes what was data.
     Result read(std::string_view& bytes, std::uint64_t& bodyBytes);
 
+    /// Steps over lost bytes; false when they are not within the data of one chunk, and nobody can
+    /// tell where the body goes on.
+    bool skip(std::uint64_t count);
+
     /// Begins a new body.
     void restart() { *this = ChunkReader(); }
 

@@ -1,6 +1,8 @@
 // kp-capture: what a stream follower calls while it puts TCP connections together.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "kp/kp.h"
@@ -29,23 +31,29 @@ public:
     /// calling, and still calls closed().
     virtual bool data(Side side, KP_BufferStream& bytes) = 0;
 
-    /// Says that @p side has sent everything; told at most once a side, and only when no byte is
-    /// missing before.
+    /// Says that so many bytes that @p side sent were lost before those that come next.
+    virtual void missing(Side side, std::uint64_t count) = 0;
+
+    /// Bytes of memory that it uses, about.
+    virtual std::size_t memory() const = 0;
+
+    /// Says that @p side has sent everything; told at most once a side, after the last byte.
     virtual void ended(Side side) = 0;
 
     /// Says that the connection is over, or that nothing more of it will be seen; the last call.
     virtual void closed() = 0;
 };
 
-/// Hears of every new connection.
+/// Hears of every new connection that carries data.
 class ConnectionListener {
 public:
     virtual ~ConnectionListener() = default;
 
     /// Makes the sink of a new connection; the follower owns it and destroys it after closed().
-    /// @p fromStart tells whether the very first byte of both directions is going to be seen.
-    virtual std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second,
-                                                   bool fromStart) = 0;
+    /// @p fromStart tells whether the very first byte of both directions is going to be seen;
+    /// @p number is that of the packet with which it began.
+    virtual std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second, bool fromStart,
+                                                   std::uint64_t number) = 0;
 };
 
 }  // namespace kp::capture

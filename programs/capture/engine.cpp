@@ -30,6 +30,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::size_t kConnectionMemory = std::size_t{128} * 1024 * 1024;
+
 std::atomic<bool> stopRequested{false};
 std::atomic<PacketSource*> stoppable{nullptr};
 static_assert(std::atomic<PacketSource*>::is_always_lock_free);
@@ -135,6 +137,7 @@ private:
     std::vector<Parser*> parsers_;  // owned by the manager's list, as the next two are
     Output* output_ = nullptr;
     FrontEnd* frontEnd_ = nullptr;
+    SegmentReader segments_;
     std::unique_ptr<Dispatcher> dispatcher_;
     std::atomic<const char*> state_{"starting"};
     std::atomic<bool> isPaced_{false};
@@ -203,7 +206,8 @@ void Engine::startStages() {
         [this](bool isLast) { idle(isLast); }, faults_);
     add(output_);
     for (unsigned i = 0; i < options_.threads; ++i) {
-        auto* parser = new Parser(i, output_->input(), faults_);
+        auto* parser =
+            new Parser(i, kConnectionMemory / options_.threads, output_->input(), faults_);
         add(parser);
         parsers_.push_back(parser);
     }
@@ -263,6 +267,8 @@ Status Engine::status() const {
     Status result = summary_.status();
     result.insert(result.begin(), {"state", state_.load()});
     result.emplace_back("connections_kept", std::to_string(output_->openConnections()));
+    result.emplace_back("connections_given_up", std::to_string(output_->givenUp()));
+    result.emplace_back("bytes_missing", std::to_string(output_->missingBytes()));
     result.emplace_back("clients", std::to_string(frontEnd_->clients()));
     result.emplace_back("clients_refused", std::to_string(frontEnd_->refused()));
     return result;
@@ -283,10 +289,8 @@ PacketSource::Result Engine::readPackets(PacketSource& source) {
         const PacketSource::Result result = source.next(packet);
         if (result == PacketSource::Result::kPacket) {
             summary_.addPacket(packet.bytes.size());
-            if (readSegment(packet.linkType, packet.bytes, segment)) {
-                segment.time = packet.time;
+            if (segments_.read(packet.linkType, packet.bytes, packet.time, segment))
                 dispatcher_->segment(segment);
-            }
         } else if (result != PacketSource::Result::kNothing) {
             return result;
         } else if (source.isLive() && dispatcher_->hasCollected()) {
@@ -335,6 +339,7 @@ int Engine::run() {
     dispatcher_->finish();
     output_->waitUntilFinished();
     summary_.setConnections(output_->connections());
+    summary_.setLosses(output_->givenUp(), output_->missingBytes());
     if (faults_.any())
         complain(faults_.first());
     if (printer_.isFailed())

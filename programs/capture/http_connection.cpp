@@ -35,6 +35,17 @@ bool HttpConnection::data(Side side, KP_BufferStream& bytes) {
     return !(first_.stopped() && second_.stopped());
 }
 
+void HttpConnection::missing(Side side, std::uint64_t count) {
+    reading_ = side;
+    if (parser(side).missing(count) && side != client_)
+        mayHaveLostAnswers_ = true;
+}
+
+std::size_t HttpConnection::memory() const {
+    return sizeof *this + first_.memory() + second_.memory() + waitingText_ +
+           (waiting_ ? waiting_->size() * sizeof(Request) : 0);
+}
+
 void HttpConnection::ended(Side side) {
     parser(side).finish();
 }
@@ -44,8 +55,8 @@ void HttpConnection::closed() {
     second_.finish();
     if (!waiting_)
         return;
-    for (const Transaction& transaction : *waiting_)
-        sink_.transaction(transaction);
+    for (const Request& request : *waiting_)
+        sink_.transaction(request.transaction);
     waiting_.reset();
 }
 
@@ -74,7 +85,7 @@ BodyRule HttpConnection::head(MessageHead& head) {
 void HttpConnection::request(MessageHead& head) {
     Transaction transaction;
     transaction.connection = number_;
-    transaction.time = head.time;
+    transaction.time = head.arrival.time;
     transaction.client = client_ == Side::kFirst ? firstEnd_ : secondEnd_;
     transaction.server = client_ == Side::kFirst ? secondEnd_ : firstEnd_;
     transaction.method = std::move(head.method);
@@ -85,7 +96,7 @@ void HttpConnection::request(MessageHead& head) {
     if (!waiting_)
         waiting_ = std::make_unique<Waiting>();
     waitingText_ += textSize(transaction);
-    waiting_->push_back(std::move(transaction));
+    waiting_->push_back({std::move(transaction), head.arrival});
     while (waiting_->size() > kMostWaiting || waitingText_ > kMostWaitingText)
         giveUpOldest();
 }
@@ -93,10 +104,31 @@ void HttpConnection::request(MessageHead& head) {
 void HttpConnection::giveUpOldest() {
     // One whose answer is being read is about to leave by itself.
     const auto oldest = waiting_->begin() + (answering_ ? 1 : 0);
-    waitingText_ -= textSize(*oldest);
-    sink_.transaction(*oldest);
+    waitingText_ -= textSize(oldest->transaction);
+    sink_.transaction(oldest->transaction);
     waiting_->erase(oldest);
     ++givenUp_;
+}
+
+// Finds out whether an answer is that of the first request that waits, and hands out the requests
+// before its own, whose answers were lost.
+bool HttpConnection::isAnswerOfFront(const Arrival& answer) {
+    const auto knew = [](const Request& request, std::uint32_t sequence) {
+        return request.arrival.hasAcknowledged &&
+               static_cast<std::int32_t>(request.arrival.acknowledged - sequence) > 0;
+    };
+    while (mayHaveLostAnswers_ && waiting_->size() > 1) {
+        const Request& front = (*waiting_)[0];
+        const Request& next = (*waiting_)[1];
+        if (!front.arrival.hasAcknowledged || !knew(next, front.arrival.acknowledged) ||
+            knew(next, answer.sequence))
+            break;
+        waitingText_ -= textSize(front.transaction);
+        sink_.transaction(front.transaction);
+        waiting_->pop_front();
+    }
+    mayHaveLostAnswers_ = false;
+    return !knew(waiting_->front(), answer.sequence);
 }
 
 BodyRule HttpConnection::answer(MessageHead& head) {
@@ -108,8 +140,8 @@ BodyRule HttpConnection::answer(MessageHead& head) {
     bool isTunnel = isSwitch;
     if (givenUp_ > 0) {
         --givenUp_;
-    } else if (waiting_ && !waiting_->empty()) {
-        Transaction& transaction = waiting_->front();
+    } else if (waiting_ && !waiting_->empty() && isAnswerOfFront(head.arrival)) {
+        Transaction& transaction = waiting_->front().transaction;
         answering_ = true;
         transaction.status = head.status;
         transaction.contentType = withoutParameters(head.contentType);
@@ -132,7 +164,7 @@ void HttpConnection::end(MessageKind kind, std::uint64_t bodyBytes) {
     if (kind == MessageKind::kRequest || !answering_)
         return;
     answering_ = false;
-    Transaction& transaction = waiting_->front();
+    Transaction& transaction = waiting_->front().transaction;
     transaction.bodyBytes = bodyBytes;
     waitingText_ -= textSize(transaction);
     sink_.transaction(transaction);

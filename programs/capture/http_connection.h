@@ -17,7 +17,10 @@ namespace kp::capture {
 /// Which end is the client is found by the bytes: the one that sends a request line, or the one
 /// that does not send a status line, whichever comes first. A connection that begins otherwise is
 /// not HTTP and is left alone.
-/// Pairing: answers belong to the requests in their order. Interim answers (1xx) are stepped over;
+/// Pairing: answers belong to the requests in their order. Where bytes were lost, acknowledgements
+/// tell which: an answer that begins before what the client had when it sent a request is not that
+/// request's, and a request that was sent after more of the answers had come than the one before it
+/// was sent in the knowledge of that one's answer, which was lost then. Interim answers (1xx) are stepped over;
 /// an answer that no request waits for makes no transaction. After the answer 101, and after a 2xx
 /// to CONNECT, the connection is not read any more, and what looked like requests behind it was
 /// not.
@@ -36,13 +39,19 @@ public:
                    std::uint64_t number = 0);
 
     bool data(Side side, KP_BufferStream& bytes) override;
+    void missing(Side side, std::uint64_t count) override;
+    std::size_t memory() const override;
     void ended(Side side) override;
     void closed() override;
 
 private:
     /// Requests in the order sent. Made when the first one comes: most connections of a network
     /// carry no HTTP that can be read.
-    using Waiting = std::deque<Transaction>;
+    struct Request {
+        Transaction transaction;
+        Arrival arrival;
+    };
+    using Waiting = std::deque<Request>;
 
     void kindFound(MessageKind kind) override;
     void notHttp() override;
@@ -53,6 +62,7 @@ private:
     void request(MessageHead& head);
     BodyRule answer(MessageHead& head);
     void giveUpOldest();
+    bool isAnswerOfFront(const Arrival& answer);
     void leaveHttp();
 
     TransactionSink& sink_;
@@ -63,7 +73,8 @@ private:
     HttpParser second_;
     Side reading_ = Side::kFirst;  // whose bytes are being read
     Side client_ = Side::kFirst;   // valid once a kind was found
-    bool answering_ = false;       // the front of waiting_ is getting its answer
+    bool mayHaveLostAnswers_ = false;
+    bool answering_ = false;  // the front of waiting_ is getting its answer
     std::unique_ptr<Waiting> waiting_;
     std::size_t waitingText_ = 0;  // bytes of all texts in waiting_
     std::uint64_t givenUp_ = 0;    // requests handed out early, whose answers may still come

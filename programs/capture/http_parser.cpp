@@ -33,17 +33,26 @@ void HttpParser::expect(MessageKind kind) {
     if (state_ == State::kStartLine)
         begun.swap(line_);
     state_ = State::kSeek;
-    read(begun, head_.time);
+    const Arrival arrival = head_.arrival;
+    read(begun, arrival);
 }
 
 void HttpParser::data(KP_BufferStream& stream) {
     bool more = !stream.run().empty() || stream.nextRun();
     for (; more && !stopped(); more = stream.nextRun())
-        read(stream.run(), Piece::at(stream).time());
+        read(stream.run(), Piece::at(stream).arrival());
 }
 
-void HttpParser::read(std::string_view bytes, Timestamp time) {
-    now_ = time;
+// The arrival of the byte that stands so far before the end of what is being read.
+Arrival HttpParser::arrivalAt(std::size_t toEnd) const {
+    Arrival arrival = now_;
+    arrival.sequence = nowEnd_ - static_cast<std::uint32_t>(toEnd);
+    return arrival;
+}
+
+void HttpParser::read(std::string_view bytes, const Arrival& arrival) {
+    now_ = arrival;
+    nowEnd_ = arrival.sequence + static_cast<std::uint32_t>(bytes.size());
     while (!bytes.empty()) {
         switch (state_) {
             case State::kSeek:
@@ -73,6 +82,37 @@ void HttpParser::read(std::string_view bytes, Timestamp time) {
     }
 }
 
+bool HttpParser::missing(std::uint64_t count) {
+    switch (state_) {
+        case State::kBody:
+            if (count > remaining_)
+                break;
+            remaining_ -= count;
+            if (remaining_ == 0)
+                messageEnded(State::kSeek);
+            return false;
+        case State::kChunked:
+            if (chunks_.skip(count))
+                return false;
+            break;
+        case State::kUntilClose:
+        case State::kStopped:
+            return false;
+        default:
+            break;
+    }
+    // A message may begin with the next packet; what is no start line is skipped.
+    line_.clear();
+    lineHandedOut_ = false;
+    fromStart_ = false;
+    if (state_ == State::kBody || state_ == State::kChunked) {
+        messageEnded(State::kSeek);
+    } else {
+        state_ = State::kSeek;
+    }
+    return true;
+}
+
 void HttpParser::finish() {
     switch (state_) {
         case State::kBody:
@@ -85,13 +125,23 @@ void HttpParser::finish() {
     }
 }
 
+std::size_t HttpParser::memory() const {
+    std::size_t bytes = line_.capacity();
+    for (const std::string* text :
+         {&head_.method, &head_.target, &head_.host, &head_.referer, &head_.contentType,
+          &head_.contentLength, &head_.transferEncoding}) {
+        bytes += text->capacity();
+    }
+    return bytes;
+}
+
 void HttpParser::seek(std::string_view& bytes) {
     if (lineHandedOut_)
         line_.clear();
     lineHandedOut_ = false;
     used_ = 0;
     if (kind_ != MessageKind::kResponse) {
-        head_.time = now_;
+        head_.arrival = arrivalAt(bytes.size());
         state_ = State::kStartLine;
         return;
     }
@@ -103,7 +153,7 @@ void HttpParser::seek(std::string_view& bytes) {
         if (!line_.empty()) {
             line_ += c;
             if (parseStatusLine(line_)) {
-                head_.time = now_;
+                head_.arrival = arrivalAt(bytes.size() - taken + line_.size());
                 state_ = State::kStartLine;
             } else if (canBeginStatusLine(line_)) {
                 continue;

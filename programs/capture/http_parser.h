@@ -7,8 +7,7 @@
 #include <string_view>
 
 #include "chunk_reader.h"
-#include "kp/kp.h"
-#include "traffic.h"
+#include "piece.h"
 
 namespace kp::capture {
 
@@ -21,7 +20,7 @@ enum class MessageKind { kUnknown, kRequest, kResponse };
 /// the others the first one counts.
 struct MessageHead {
     MessageKind kind = MessageKind::kUnknown;
-    Timestamp time;      ///< of the first byte of the start line
+    Arrival arrival;     ///< of the first byte of the start line
     std::string method;  ///< requests
     std::string target;  ///< requests
     int status = 0;      ///< answers: 100 to 999
@@ -83,11 +82,19 @@ public:
     /// Reads the next bytes, a stream of Pieces, from its cursor on.
     void data(KP_BufferStream& stream);
 
+    /// So many bytes of the direction were lost between those before and those that come next. What
+    /// they were is known within a body of known length, or within one chunk; a header block that
+    /// misses some is dropped, and the reading goes on at what looks like the next message. Returns
+    /// whether messages may have been lost.
+    bool missing(std::uint64_t count);
+
     /// The direction has ended: ends the message whose body is being read. May be repeated.
     void finish();
 
     /// Reads nothing more and tells nothing more.
     void stop() { state_ = State::kStopped; }
+    /// Bytes of memory beside the object itself, about.
+    std::size_t memory() const;
     bool stopped() const { return state_ == State::kStopped; }
 
 private:
@@ -104,7 +111,8 @@ private:
 
     enum class Line { kPart, kWhole, kTooLong };
 
-    void read(std::string_view bytes, Timestamp time);
+    void read(std::string_view bytes, const Arrival& arrival);
+    Arrival arrivalAt(std::size_t toEnd) const;
     // Each of these takes bytes from the front of its argument, or changes the state.
     void seek(std::string_view& bytes);
     void startLine(std::string_view& bytes);
@@ -129,7 +137,8 @@ private:
     std::uint64_t remaining_ = 0;  // of a body
     ChunkReader chunks_;
     std::uint64_t bodyBytes_ = 0;
-    Timestamp now_;
+    Arrival now_;               // of the bytes that are being read
+    std::uint32_t nowEnd_ = 0;  // the sequence number behind them
     std::string line_;  // the part of a line, or of a status line searched for, that came earlier
     MessageHead head_;
     std::string* field_ = nullptr;  // of head_: where a folded line continues

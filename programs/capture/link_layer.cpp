@@ -4,19 +4,13 @@
 
 #include <cstddef>
 
+#include "bytes.h"
+
 namespace kp::capture {
 
 namespace {
 
 constexpr unsigned kTypeIPv4 = 0x0800;
-
-unsigned byteAt(std::string_view frame, std::size_t at) {
-    return static_cast<unsigned char>(frame[at]);
-}
-
-unsigned read16(std::string_view frame, std::size_t at) {
-    return byteAt(frame, at) << 8 | byteAt(frame, at + 1);
-}
 
 // Steps over VLAN tags: the protocol number stands at @p typeAt, the payload begins at @p
 // payloadAt.
@@ -24,7 +18,7 @@ std::string_view behindTags(std::string_view frame, std::size_t typeAt, std::siz
     if (frame.size() < payloadAt)
         return {};
     unsigned type = read16(frame, typeAt);
-    while (type == 0x8100 || type == 0x88a8 || type == 0x9100) {
+    while (isTag(type)) {
         if (frame.size() < payloadAt + 4)
             return {};
         type = read16(frame, payloadAt + 2);

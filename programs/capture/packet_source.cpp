@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "link_layer.h"
 
@@ -23,7 +24,10 @@ struct PacketSource::Handle {
             pcap_close(pcap);
     }
 
+    bool passes(const pcap_pkthdr& header, const u_char* bytes);
+
     pcap_t* pcap = nullptr;
+    std::vector<u_char> untagged;
     bpf_program program{};
     bool hasProgram = false;
     bool live = false;
@@ -79,6 +83,28 @@ Timestamp timestamp(const timeval& time) {
 }
 
 }  // namespace
+
+// A filter that says nothing of tags means tagged frames as well: they are shown to it without. A
+// device takes the tags off by itself.
+bool PacketSource::Handle::passes(const pcap_pkthdr& header, const u_char* bytes) {
+    if (pcap_offline_filter(&program, &header, bytes) != 0)
+        return true;
+    constexpr std::size_t kAddresses = 12;
+    constexpr std::size_t kTag = 4;
+    std::size_t at = kAddresses;
+    while (linkType == DLT_EN10MB && at + kTag + 2 <= header.caplen &&
+           isTag(std::uint32_t{bytes[at]} << 8 | bytes[at + 1])) {
+        at += kTag;
+    }
+    if (at == kAddresses)
+        return false;
+    untagged.assign(bytes, bytes + kAddresses);
+    untagged.insert(untagged.end(), bytes + at, bytes + header.caplen);
+    pcap_pkthdr shorter = header;
+    shorter.caplen = static_cast<bpf_u_int32>(untagged.size());
+    shorter.len -= static_cast<bpf_u_int32>(at - kAddresses);
+    return pcap_offline_filter(&program, &shorter, untagged.data()) != 0;
+}
 
 PacketSource::PacketSource(std::unique_ptr<Handle> handle) : handle_(std::move(handle)) {}
 
@@ -203,8 +229,7 @@ PacketSource::Result PacketSource::next(Packet& packet) {
         handle_->fault = handle_->name + ": " + pcap_geterr(handle_->pcap);
         return Result::kFault;
     }
-    if (handle_->hasProgram && !handle_->live &&
-        pcap_offline_filter(&handle_->program, header, bytes) == 0) {
+    if (handle_->hasProgram && !handle_->live && !handle_->passes(*header, bytes)) {
         ++handle_->filteredOut;
         return Result::kNothing;
     }

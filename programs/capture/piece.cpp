@@ -4,19 +4,19 @@
 
 namespace kp::capture {
 
-void Piece::borrow(std::string_view bytes, Timestamp time) {
+void Piece::borrow(std::string_view bytes, const Arrival& arrival) {
     auto* const block = reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.data()));
     KP_Buffer::setBuffer(block, bytes.size());
     KP_Buffer::copyBuffer(block, bytes.size());
-    time_ = time;
+    arrival_ = arrival;
 }
 
-void Piece::keep(std::string_view bytes, Timestamp time) {
+void Piece::keep(std::string_view bytes, const Arrival& arrival) {
     setOwner(1);
     if (KP_Buffer::initBuffer(bytes.size()) != 0)
         throw std::bad_alloc();
     KP_Buffer::copyBuffer(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
-    time_ = time;
+    arrival_ = arrival;
 }
 
 }  // namespace kp::capture

@@ -47,8 +47,12 @@ std::string Faults::first() const {
     return first_;
 }
 
-Parser::Parser(std::size_t place, RowsQueue& output, Faults& faults)
-    : input_(kRounds), emptied_(2 * kRounds), output_(output), faults_(faults), follower_(*this) {
+Parser::Parser(std::size_t place, std::size_t memoryLimit, RowsQueue& output, Faults& faults)
+    : input_(kRounds),
+      emptied_(2 * kRounds),
+      output_(output),
+      faults_(faults),
+      follower_(*this, memoryLimit) {
     rows_.parser = place;
 }
 
@@ -57,9 +61,10 @@ Parser::~Parser() {
     join(nullptr, 0);
 }
 
-std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, bool fromStart) {
+std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, bool fromStart,
+                                               std::uint64_t number) {
     TransactionSink& sink = *this;
-    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number_);
+    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number);
 }
 
 void Parser::transaction(const Transaction& transaction) {
@@ -94,6 +99,8 @@ int Parser::doTask() {
     isClosing_ = false;
     rows_.connections = follower_.connections();
     rows_.open = follower_.open();
+    rows_.givenUp = follower_.givenUp();
+    rows_.missing = follower_.missingBytes();
     rows_.isLast = batch->isLast;
     if (batch->isLast)
         setContinue(0);
@@ -176,11 +183,15 @@ void Output::writeRound() {
     std::vector<const Row*> round;
     std::uint64_t connections = 0;
     std::size_t open = 0;
+    std::uint64_t givenUp = 0;
+    std::uint64_t missing = 0;
     for (const Rows& rows : parts) {
         for (const Row& row : rows.rows)
             round.push_back(&row);
         connections += rows.connections;
         open += rows.open;
+        givenUp += rows.givenUp;
+        missing += rows.missing;
         sawLast_ = rows.isLast;
     }
     // A connection is one parser's, and its own rows stand in their order already.
@@ -195,6 +206,8 @@ void Output::writeRound() {
         row_(row->transaction);
     connections_ = connections;
     open_ = open;
+    givenUp_ = givenUp;
+    missing_ = missing;
     if (sawLast_)
         idle_(true);
 }

@@ -59,6 +59,8 @@ struct Rows {
     std::vector<Row> rows;
     std::uint64_t connections = 0;  // seen by this parser so far
     std::size_t open = 0;           // of them, kept now
+    std::uint64_t givenUp = 0;      // of them, because of the memory
+    std::uint64_t missing = 0;      // bytes that were never captured
     bool isLast = false;
 };
 
@@ -82,7 +84,8 @@ private:
 /// Follows the connections that fall to it, and reads their HTTP.
 class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
 public:
-    Parser(std::size_t place, RowsQueue& output, Faults& faults);
+    /// @p memoryLimit: bytes that its connections may use.
+    Parser(std::size_t place, std::size_t memoryLimit, RowsQueue& output, Faults& faults);
     ~Parser() override;
 
     BatchQueue& input() { return input_; }
@@ -92,8 +95,8 @@ public:
     int doTask() override;
 
 private:
-    std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second,
-                                           bool fromStart) override;
+    std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second, bool fromStart,
+                                           std::uint64_t number) override;
     void transaction(const Transaction& transaction) override;
     void work(const Batch& batch);
 
@@ -151,6 +154,8 @@ public:
     bool isFinished() const { return isFinished_; }
     std::uint64_t connections() const { return connections_; }
     std::size_t openConnections() const { return open_; }
+    std::uint64_t givenUp() const { return givenUp_; }
+    std::uint64_t missingBytes() const { return missing_; }
     /// Waits until everything was written.
     void waitUntilFinished();
 
@@ -169,6 +174,8 @@ private:
     bool sawLast_ = false;
     std::atomic<std::uint64_t> connections_{0};
     std::atomic<std::size_t> open_{0};
+    std::atomic<std::uint64_t> givenUp_{0};
+    std::atomic<std::uint64_t> missing_{0};
     std::atomic<bool> isFinished_{false};
     std::mutex mutex_;
     std::condition_variable finished_;

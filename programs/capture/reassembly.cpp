@@ -6,85 +6,128 @@
 
 namespace kp::capture {
 
+namespace {
+
+void dropFront(std::string_view& bytes, Arrival& arrival, std::size_t count) {
+    bytes.remove_prefix(count);
+    arrival.sequence += static_cast<std::uint32_t>(count);
+}
+
+}  // namespace
+
 void Reassembly::begin(std::uint32_t sequence) {
     if (!hasBegun_)
         next_ = sequence;
     hasBegun_ = true;
 }
 
-std::string_view Reassembly::add(std::uint32_t sequence, std::string_view bytes, Timestamp time) {
-    begin(sequence);
-    const std::int32_t distance = ahead(sequence);
-    if (distance <= 0) {
-        const std::size_t known = std::size_t{0} - static_cast<std::size_t>(distance);
-        if (known >= bytes.size())
-            return {};
-        bytes.remove_prefix(known);
-        // What is held back came first.
-        if (!pieces_.empty()) {
-            const std::int32_t room = ahead(pieces_.front().sequence);
-            if (room >= 0 && bytes.size() > static_cast<std::size_t>(room)) {
-                const std::string_view rest = bytes.substr(static_cast<std::size_t>(room));
-                bytes = bytes.substr(0, static_cast<std::size_t>(room));
-                holdBack(next_ + static_cast<std::uint32_t>(room), rest, time);
-            }
-        }
-        next_ += static_cast<std::uint32_t>(bytes.size());
-        return bytes;
+std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
+    begin(arrival.sequence);
+    const std::int32_t distance = ahead(arrival.sequence);
+    if (distance > 0) {
+        holdBack(bytes, arrival);
+        return {};
     }
-    holdBack(sequence, bytes, time);
-    return {};
+    const std::size_t known = std::size_t{0} - static_cast<std::size_t>(distance);
+    if (known >= bytes.size())
+        return {};
+    dropFront(bytes, arrival, known);
+    // What is held back came first.
+    if (!pieces_.empty()) {
+        const auto room = static_cast<std::size_t>(ahead(pieces_.front().sequence));
+        if (bytes.size() > room) {
+            std::string_view rest = bytes;
+            Arrival later = arrival;
+            dropFront(rest, later, room);
+            holdBack(rest, later);
+            bytes = bytes.substr(0, room);
+        }
+    }
+    next_ += static_cast<std::uint32_t>(bytes.size());
+    return bytes;
 }
 
-Reassembly::Kept Reassembly::kept(std::string_view bytes, Timestamp time) {
+Reassembly::Kept Reassembly::kept(std::string_view bytes, const Arrival& arrival) {
     Kept piece(new Piece);
     if (!piece)
         throw std::bad_alloc();
-    piece->keep(bytes, time);
+    piece->keep(bytes, arrival);
     return piece;
 }
 
 // Stores those of the bytes that are not held back yet.
-void Reassembly::holdBack(std::uint32_t sequence, std::string_view bytes, Timestamp time) {
-    const auto distance = [this](const Held& held) { return ahead(held.sequence); };
+void Reassembly::holdBack(std::string_view bytes, Arrival arrival) {
+    if (ahead(arrival.sequence) > kWindow)
+        return;
     // The first piece that ends behind the new bytes' beginning.
     auto place = std::partition_point(pieces_.begin(), pieces_.end(), [&](const Held& held) {
-        return distance(held) + static_cast<std::int32_t>(held.size()) <= ahead(sequence);
+        return ahead(held.sequence + held.size()) <= ahead(arrival.sequence);
     });
     while (!bytes.empty()) {
         const std::int32_t room =
-            place == pieces_.end() ? INT32_MAX : distance(*place) - ahead(sequence);
+            place == pieces_.end() ? INT32_MAX
+                                   : static_cast<std::int32_t>(place->sequence - arrival.sequence);
+        std::size_t done = 0;
         if (room > 0) {
-            const std::string_view part =
-                bytes.substr(0, std::min(bytes.size(), static_cast<std::size_t>(room)));
-            held_ += part.size();
-            place = pieces_.insert(place, Held{sequence, kept(part, time)}) + 1;
-            sequence += static_cast<std::uint32_t>(part.size());
-            bytes.remove_prefix(part.size());
+            done = std::min(bytes.size(), static_cast<std::size_t>(room));
+            Kept piece = kept(bytes.substr(0, done), arrival);
+            held_ += done;
+            place = pieces_.insert(place, Held{arrival.sequence, std::move(piece)}) + 1;
         } else {
-            const std::size_t covered =
-                std::min(bytes.size(), place->size() - static_cast<std::size_t>(-room));
-            sequence += static_cast<std::uint32_t>(covered);
-            bytes.remove_prefix(covered);
+            done = std::min(bytes.size(), place->size() - static_cast<std::size_t>(-room));
             ++place;
         }
+        dropFront(bytes, arrival, done);
     }
 }
 
 void Reassembly::moveDue(KP_BufferStream& stream) {
-    auto held = pieces_.begin();
-    for (; held != pieces_.end() && ahead(held->sequence) <= 0; ++held) {
-        held_ -= held->size();
-        next_ += static_cast<std::uint32_t>(held->size());
-        stream.add(held->piece.get());
-        static_cast<void>(held->piece.release());  // the stream's now
+    while (!pieces_.empty() && ahead(pieces_.front().sequence) <= 0) {
+        Held& held = pieces_.front();
+        const std::uint32_t size = held.size();
+        stream.add(held.piece.get());
+        static_cast<void>(held.piece.release());  // the stream's now
+        held_ -= size;
+        next_ += size;
+        pieces_.erase(pieces_.begin());
     }
-    pieces_.erase(pieces_.begin(), held);
+}
+
+void Reassembly::acknowledge(std::uint32_t sequence) {
+    if (!knowsAcknowledged_ || static_cast<std::int32_t>(sequence - acknowledged_) > 0)
+        acknowledged_ = sequence;
+    knowsAcknowledged_ = true;
+}
+
+bool Reassembly::isGapDue(Timestamp now) const {
+    if (pieces_.empty())
+        return false;
+    if (pieces_.size() > kMostPieces || held_ > kMostBytes)
+        return true;
+    const std::int64_t waited = now.seconds - heldSince().seconds;
+    const bool isKnownToBeLost =
+        knowsAcknowledged_ && ahead(acknowledged_) >= ahead(pieces_.front().sequence);
+    return waited > (isKnownToBeLost ? kPatience : kLongPatience);
+}
+
+std::uint32_t Reassembly::skipGap() {
+    const std::uint32_t missing = pieces_.front().sequence - next_;
+    next_ = pieces_.front().sequence;
+    return missing;
+}
+
+std::uint32_t Reassembly::skipToEnd() {
+    if (!knowsEnd_ || ahead(end_) <= 0)
+        return 0;
+    const std::uint32_t missing = end_ - next_;
+    next_ = end_;
+    return missing;
 }
 
 void Reassembly::setEnd(std::uint32_t sequence) {
-    if (!knowsEnd_)
-        end_ = sequence;
+    if (knowsEnd_ || ahead(sequence) > kWindow)
+        return;
+    end_ = sequence;
     knowsEnd_ = true;
 }
 

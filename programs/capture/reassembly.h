@@ -13,35 +13,64 @@ namespace kp::capture {
 
 /// Orders the bytes of one direction: repetitions are dropped, what comes early is held back.
 ///
-/// Of bytes that come twice the first copy counts, held back or not. Sequence numbers wrap.
+/// Of bytes that come twice the first copy counts, held back or not. Sequence numbers wrap. Bytes
+/// that never come are stepped over by skipGap(), which is due when
+///   - the other side has acknowledged what is missing, and kPatience has passed since it was missed:
+///     packets may be captured in another order than they were sent;
+///   - kLongPatience has passed without that, since nobody else may have seen the other side either;
+///   - as much is held back as may be.
 class Reassembly {
 public:
     /// What may be held back behind a gap.
     static constexpr std::size_t kMostPieces = 512;
-    static constexpr std::size_t kMostBytes = 3 * 1024 * 1024;
+    static constexpr std::size_t kMostBytes = 1024 * 1024;
+    /// Seconds of capture time.
+    static constexpr std::int64_t kPatience = 1;
+    static constexpr std::int64_t kLongPatience = 5;
+    /// No window is larger, so what is farther away from what is expected belongs to nothing.
+    static constexpr std::int32_t kWindow = 1 << 30;
 
     /// Fixes the number of the first byte; only the first call counts.
     void begin(std::uint32_t sequence);
     /// Whether the byte that is due next has this number; false before begin().
     bool isAt(std::uint32_t sequence) const { return hasBegun_ && next_ == sequence; }
 
-    /// Takes the bytes at a sequence number. What is due now, and was not held back, is returned
-    /// and points into @p bytes; what follows it is then handed over by moveDue().
-    std::string_view add(std::uint32_t sequence, std::string_view bytes, Timestamp time);
+    /// Takes bytes. What is due now, and was not held back, is returned and points into @p bytes;
+    /// @p arrival is then that of its first byte, and what follows it is handed over by moveDue().
+    /// Throws std::bad_alloc.
+    std::string_view add(std::string_view bytes, Arrival& arrival);
     /// Adds to @p stream the pieces that were held back and are due.
     void moveDue(KP_BufferStream& stream);
+
+    /// The other side has everything before @p sequence.
+    void acknowledge(std::uint32_t sequence);
+    /// Whether some of what is held back is due.
+    bool isDue() const { return !pieces_.empty() && ahead(pieces_.front().sequence) <= 0; }
+    bool isHoldingBack() const { return !pieces_.empty(); }
+    /// When the first of what is held back came.
+    Timestamp heldSince() const { return pieces_.front().piece->arrival().time; }
+    /// Whether it is time to step over the gap in front of what is held back.
+    bool isGapDue(Timestamp now) const;
+    /// Steps over that gap; returns how many bytes are missing, 1 at least.
+    std::uint32_t skipGap();
+    /// Steps over bytes of which the packet that was added last has only told the number.
+    void skipCut(std::uint32_t count) { next_ += count; }
+    /// Steps to the end that was told; returns how many bytes are missing, or 0.
+    std::uint32_t skipToEnd();
 
     /// Says that the direction ends with the byte before @p sequence.
     void setEnd(std::uint32_t sequence);
     /// Whether its end was told, and everything before it has come.
     bool hasEnded() const { return knowsEnd_ && next_ == end_; }
-    /// Whether more is held back than may be.
-    bool isOverfull() const { return pieces_.size() > kMostPieces || held_ > kMostBytes; }
 
-    /// Gives back what is held back.
+    /// Bytes of memory in what is held back.
+    std::size_t memory() const { return held_ + pieces_.size() * kPieceSize; }
+    /// Gives that back.
     void drop();
 
 private:
+    static constexpr std::size_t kPieceSize = 160;  // of a piece and its place, about
+
     struct Release {
         void operator()(Piece* piece) const { piece->release(); }
     };
@@ -50,20 +79,22 @@ private:
         std::uint32_t sequence;
         Kept piece;
 
-        std::size_t size() const { return piece->bytes().size(); }
+        std::uint32_t size() const { return static_cast<std::uint32_t>(piece->bytes().size()); }
     };
 
     // How far a sequence number lies behind what is expected next; negative when it has come.
     std::int32_t ahead(std::uint32_t sequence) const {
         return static_cast<std::int32_t>(sequence - next_);
     }
-    static Kept kept(std::string_view bytes, Timestamp time);
-    void holdBack(std::uint32_t sequence, std::string_view bytes, Timestamp time);
+    static Kept kept(std::string_view bytes, const Arrival& arrival);
+    void holdBack(std::string_view bytes, Arrival arrival);
 
     bool hasBegun_ = false;
     bool knowsEnd_ = false;
+    bool knowsAcknowledged_ = false;
     std::uint32_t next_ = 0;
     std::uint32_t end_ = 0;
+    std::uint32_t acknowledged_ = 0;
     std::vector<Held> pieces_;  // by sequence number, without overlap
     std::size_t held_ = 0;      // bytes in them
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "bytes.h"
 #include "link_layer.h"
 
 namespace kp::capture {
@@ -12,34 +13,23 @@ namespace {
 constexpr unsigned kProtocolTcp = 6;
 constexpr std::size_t kSmallestHeader = 20;  // of IPv4 and of TCP
 
-std::uint32_t byteAt(std::string_view bytes, std::size_t at) {
-    return static_cast<unsigned char>(bytes[at]);
-}
-
-std::uint16_t read16(std::string_view bytes, std::size_t at) {
-    return static_cast<std::uint16_t>(byteAt(bytes, at) << 8 | byteAt(bytes, at + 1));
-}
-
-std::uint32_t read32(std::string_view bytes, std::size_t at) {
-    return std::uint32_t{read16(bytes, at)} << 16 | read16(bytes, at + 2);
-}
-
 std::uint64_t number(Endpoint end) {
     return std::uint64_t{end.address} << 16 | end.port;
 }
 
 }  // namespace
 
-bool readSegment(int linkType, std::string_view frame, Segment& segment) {
-    const std::string_view packet = ipv4Packet(linkType, frame);
+bool SegmentReader::read(int linkType, std::string_view frame, Timestamp time, Segment& segment) {
+    std::string_view packet = ipv4Packet(linkType, frame);
+    if (packet.size() < kSmallestHeader || byteAt(packet, 9) != kProtocolTcp)
+        return false;
+    if (Fragments::isFragment(packet))
+        packet = fragments_.add(packet, time);
     if (packet.size() < 2 * kSmallestHeader)
         return false;
     const std::size_t ipSize = std::size_t{byteAt(packet, 0) & 15} * 4;
-    const bool isFragment = (read16(packet, 6) & 0x3fff) != 0;
-    if (byteAt(packet, 9) != kProtocolTcp || isFragment || ipSize < kSmallestHeader ||
-        packet.size() < ipSize + kSmallestHeader) {
+    if (ipSize < kSmallestHeader || packet.size() < ipSize + kSmallestHeader)
         return false;
-    }
     const std::string_view tcp = packet.substr(ipSize);
     const std::size_t tcpSize = std::size_t{byteAt(tcp, 12) >> 4} * 4;
     // A length of 0 comes from network cards that cut large segments for the system.
@@ -47,12 +37,14 @@ bool readSegment(int linkType, std::string_view frame, Segment& segment) {
     const std::size_t size = total != 0 ? std::min(total, packet.size()) : packet.size();
     if (tcpSize < kSmallestHeader || size < ipSize + tcpSize)
         return false;
+    segment.time = time;
     segment.source = {read32(packet, 12), read16(tcp, 0)};
     segment.destination = {read32(packet, 16), read16(tcp, 2)};
     segment.sequence = read32(tcp, 4);
     segment.acknowledgement = read32(tcp, 8);
     segment.flags = static_cast<std::uint8_t>(byteAt(tcp, 13));
     segment.payload = packet.substr(ipSize + tcpSize, size - ipSize - tcpSize);
+    segment.cut = static_cast<std::uint32_t>(std::max(total, size) - size);
     return true;
 }
 

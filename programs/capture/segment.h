@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "fragments.h"
 #include "traffic.h"
 
 namespace kp::capture {
@@ -24,12 +25,21 @@ struct Segment {
     std::uint32_t sequence = 0;         ///< of the first byte of the payload, or of the SYN
     std::uint32_t acknowledgement = 0;  ///< with kAck
     std::uint8_t flags = 0;
-    std::string_view payload;  ///< points into the frame; may be cut at the snap length
+    std::string_view payload;  ///< points into the frame, or is valid until the next one is read
+    std::uint32_t cut = 0;     ///< bytes behind it that were cut off at the snap length
 };
 
-/// Finds the segment in a frame of libpcap's link type @p linkType; false when it is no whole IPv4
-/// and TCP header pair, or a fragment. Does not set the time.
-bool readSegment(int linkType, std::string_view frame, Segment& segment);
+/// Finds segments in frames.
+class SegmentReader {
+public:
+    /// Reads a frame of libpcap's link type @p linkType; false when it holds no whole IPv4 and TCP
+    /// header pair, or a fragment of a packet that is not whole yet. Of a packet in fragments the time
+    /// is that of the last one.
+    bool read(int linkType, std::string_view frame, Timestamp time, Segment& segment);
+
+private:
+    Fragments fragments_;
+};
 
 /// A number that both directions of a connection share, and that spreads well.
 std::uint64_t connectionHash(Endpoint a, Endpoint b);

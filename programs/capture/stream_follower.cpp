@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace kp::capture {
 
@@ -32,37 +33,44 @@ StreamFollower::Connection* StreamFollower::find(const Segment& segment) {
     if (found == connections_.end()) {
         if (isReset || (segment.payload.empty() && !isStart))
             return nullptr;
-        return &open(segment, connections_[key]);
+        return &open(segment, connections_.try_emplace(key).first);
     }
     Connection& connection = found->second;
     const bool isNew = isStart && !segment.has(Segment::kAck) && !isReset &&
                        !(connection.sawStart && connection.start == segment.sequence);
     // The SYN itself may come behind the answer to it, and then belongs to what has begun.
-    const bool isLate = isNew && !connection.sawStart && connection.sink &&
+    const bool isLate = isNew && !connection.sawStart && !connection.hasEnded &&
                         connection.directions[0].isAt(segment.sequence + 1);
     if (isNew && !isLate) {
-        close(connection);
-        return &open(segment, connection);
+        if (!connection.hasEnded)
+            close(connection);
+        unlink(connection);
+        memory_ -= connection.memory;
+        connection = Connection();
+        return &open(segment, found);
     }
     return &connection;
 }
 
-StreamFollower::Connection& StreamFollower::open(const Segment& segment, Connection& connection) {
+StreamFollower::Connection& StreamFollower::open(const Segment& segment,
+                                                 Connections::iterator place) {
     const bool isStart = segment.has(Segment::kSyn);
     const bool isAnswer = isStart && segment.has(Segment::kAck);
-    connection = Connection();
+    Connection& connection = place->second;
+    connection.key = &place->first;
     connection.opened = ++opened_;
+    connection.number = segment.number;
     connection.first = isAnswer ? segment.destination : segment.source;
-    const Endpoint second = isAnswer ? segment.source : segment.destination;
-    if (isStart && !isAnswer) {
-        connection.start = segment.sequence;
-        connection.sawStart = true;
-    }
+    connection.second = isAnswer ? segment.source : segment.destination;
+    // An answer to a start that was not captured is a start all the same.
+    connection.sawStart = isStart && !isAnswer;
+    connection.isFromStart = isStart;
+    connection.start = segment.sequence;
     const Side sender = isAnswer ? Side::kSecond : Side::kFirst;
-    connection.directions[static_cast<int>(sender)].begin(segment.sequence + (isStart ? 1 : 0));
+    connection.direction(sender).begin(segment.sequence + (isStart ? 1 : 0));
     if (segment.has(Segment::kAck))
-        connection.directions[static_cast<int>(otherSide(sender))].begin(segment.acknowledgement);
-    connection.sink = listener_.opened(connection.first, second, isStart);
+        connection.direction(otherSide(sender)).begin(segment.acknowledgement);
+    makeNewest(connection);
     return connection;
 }
 
@@ -71,46 +79,120 @@ void StreamFollower::segment(const Segment& segment) {
     if (connection == nullptr)
         return;
     connection->lastSeen = segment.time.seconds;
-    if (!connection->sink)
+    makeNewest(*connection);
+    if (connection->hasEnded)
         return;
     if (segment.has(Segment::kReset)) {
         close(*connection);
         return;
     }
     const bool isFirst = number(segment.source) == number(connection->first);
-    take(*connection, isFirst ? Side::kFirst : Side::kSecond, segment);
-    if (connection->directions[0].isOverfull() || connection->directions[1].isOverfull() ||
-        (connection->directions[0].hasEnded() && connection->directions[1].hasEnded())) {
-        close(*connection);
+    const Side side = isFirst ? Side::kFirst : Side::kSecond;
+    take(*connection, side, segment);
+    if (segment.has(Segment::kAck))
+        connection->direction(otherSide(side)).acknowledge(segment.acknowledgement);
+    for (const Side each : {Side::kFirst, Side::kSecond}) {
+        while (connection->direction(each).isGapDue(segment.time))
+            stepOver(*connection, each);
     }
+    tellEnds(*connection);
+    if (connection->directions[0].hasEnded() && connection->directions[1].hasEnded()) {
+        close(*connection);
+        return;
+    }
+    account(*connection);
+    keepToLimit(connection);
 }
 
 void StreamFollower::take(Connection& connection, Side side, const Segment& segment) {
-    Reassembly& direction = connection.directions[static_cast<int>(side)];
-    const std::uint32_t sequence = segment.sequence + (segment.has(Segment::kSyn) ? 1 : 0);
+    Reassembly& direction = connection.direction(side);
+    Arrival arrival;
+    arrival.time = segment.time;
+    arrival.sequence = segment.sequence + (segment.has(Segment::kSyn) ? 1 : 0);
+    arrival.acknowledged = segment.acknowledgement;
+    arrival.hasAcknowledged = segment.has(Segment::kAck);
+    const std::uint32_t end =
+        arrival.sequence + static_cast<std::uint32_t>(segment.payload.size()) + segment.cut;
     if (direction.hasEnded())
         return;
-    const std::string_view bytes = direction.add(sequence, segment.payload, segment.time);
+    const std::string_view bytes = direction.add(segment.payload, arrival);
     if (!bytes.empty()) {
         due_.reset();  // what a fault may have left there
-        inPlace_.borrow(bytes, segment.time);
+        inPlace_.borrow(bytes, arrival);
         due_.add(&inPlace_);
-        direction.moveDue(due_);
-        due_.setFirst();
-        if (connection.isWanted)
-            connection.isWanted = connection.sink->data(side, due_);
-        due_.reset();
+        deliver(connection, side);
+    }
+    if (segment.cut != 0 && direction.isAt(end - segment.cut)) {
+        direction.skipCut(segment.cut);
+        lose(connection, side, segment.cut);
     }
     if (segment.has(Segment::kFin))
-        direction.setEnd(sequence + static_cast<std::uint32_t>(segment.payload.size()));
-    if (direction.hasEnded())
-        connection.sink->ended(side);
+        direction.setEnd(end);
+}
+
+// Hands the sink what is in the stream, and what follows it.
+void StreamFollower::deliver(Connection& connection, Side side) {
+    connection.direction(side).moveDue(due_);
+    due_.setFirst();
+    if (connection.isWanted)
+        connection.isWanted = sinkOf(connection).data(side, due_);
+    due_.reset();
+}
+
+void StreamFollower::stepOver(Connection& connection, Side side) {
+    lose(connection, side, connection.direction(side).skipGap());
+}
+
+// Tells of missing bytes, and hands out what was held back behind them.
+void StreamFollower::lose(Connection& connection, Side side, std::uint32_t missing) {
+    missingBytes_ += missing;
+    if (connection.isWanted)
+        sinkOf(connection).missing(side, missing);
+    due_.reset();
+    if (connection.direction(side).isDue())
+        deliver(connection, side);
+}
+
+void StreamFollower::tellEnds(Connection& connection) {
+    for (const Side side : {Side::kFirst, Side::kSecond}) {
+        bool& wasTold = connection.wasToldEnd[static_cast<int>(side)];
+        if (wasTold || !connection.direction(side).hasEnded())
+            continue;
+        wasTold = true;
+        if (connection.sink)
+            connection.sink->ended(side);
+    }
+}
+
+ConnectionSink& StreamFollower::sinkOf(Connection& connection) {
+    if (!connection.sink)
+        connection.sink = listener_.opened(connection.first, connection.second,
+                                           connection.isFromStart, connection.number);
+    return *connection.sink;
 }
 
 void StreamFollower::close(Connection& connection) {
+    Reassembly* const directions = connection.directions;
+    while (directions[0].isHoldingBack() || directions[1].isHoldingBack()) {
+        const auto since = [&](int i) {
+            const Timestamp time = directions[i].heldSince();
+            return std::make_pair(time.seconds, time.microseconds);
+        };
+        const bool isFirst = !directions[1].isHoldingBack() ||
+                             (directions[0].isHoldingBack() && since(0) <= since(1));
+        stepOver(connection, isFirst ? Side::kFirst : Side::kSecond);
+    }
+    for (const Side side : {Side::kFirst, Side::kSecond}) {
+        const std::uint32_t missing = connection.direction(side).skipToEnd();
+        if (missing != 0)
+            lose(connection, side, missing);
+    }
+    tellEnds(connection);
+    connection.hasEnded = true;
     const std::unique_ptr<ConnectionSink> sink = std::move(connection.sink);
     for (Reassembly& direction : connection.directions)
         direction.drop();
+    account(connection);
     if (sink)
         sink->closed();
 }
@@ -120,7 +202,7 @@ std::vector<StreamFollower::Connections::iterator> StreamFollower::silentSince(
     std::int64_t before) {
     std::vector<Connections::iterator> result;
     for (auto it = connections_.begin(); it != connections_.end(); ++it) {
-        if (it->second.sink && it->second.lastSeen < before)
+        if (!it->second.hasEnded && it->second.lastSeen < before)
             result.push_back(it);
     }
     std::sort(result.begin(), result.end(),
@@ -129,12 +211,19 @@ std::vector<StreamFollower::Connections::iterator> StreamFollower::silentSince(
 }
 
 void StreamFollower::expire(Timestamp now) {
-    for (const auto& connection : silentSince(now.seconds - kIdleSeconds)) {
+    for (const auto& connection : silentSince(now.seconds - kIdleSeconds))
         close(connection->second);
+    for (auto& entry : connections_) {
+        Connection& connection = entry.second;
+        for (const Side side : {Side::kFirst, Side::kSecond}) {
+            while (connection.direction(side).isGapDue(now))
+                stepOver(connection, side);
+        }
     }
     for (auto it = connections_.begin(); it != connections_.end();) {
-        const bool isOver = !it->second.sink && it->second.lastSeen < now.seconds - kAfterSeconds;
-        it = isOver ? connections_.erase(it) : std::next(it);
+        const auto place = it++;
+        if (place->second.hasEnded && place->second.lastSeen < now.seconds - kAfterSeconds)
+            forget(place);
     }
 }
 
@@ -142,6 +231,53 @@ void StreamFollower::finish() {
     for (const auto& connection : silentSince(std::numeric_limits<std::int64_t>::max()))
         close(connection->second);
     connections_.clear();
+    oldest_ = newest_ = nullptr;
+    memory_ = 0;
+}
+
+void StreamFollower::makeNewest(Connection& connection) {
+    if (newest_ == &connection)
+        return;
+    unlink(connection);
+    connection.older = newest_;
+    (newest_ != nullptr ? newest_->newer : oldest_) = &connection;
+    newest_ = &connection;
+}
+
+// Does nothing to a connection that has no place yet.
+void StreamFollower::unlink(Connection& connection) {
+    if (connection.older == nullptr && oldest_ != &connection)
+        return;
+    (connection.older != nullptr ? connection.older->newer : oldest_) = connection.newer;
+    (connection.newer != nullptr ? connection.newer->older : newest_) = connection.older;
+    connection.older = connection.newer = nullptr;
+}
+
+// Brings what is known of a connection's memory up to date.
+void StreamFollower::account(Connection& connection) {
+    constexpr std::size_t kNode = sizeof(Connections::value_type) + 4 * sizeof(void*);
+    const std::size_t now = kNode + connection.directions[0].memory() +
+                            connection.directions[1].memory() +
+                            (connection.sink ? connection.sink->memory() : 0);
+    memory_ += now - connection.memory;
+    connection.memory = now;
+}
+
+void StreamFollower::forget(Connections::iterator place) {
+    memory_ -= place->second.memory;
+    unlink(place->second);
+    connections_.erase(place);
+}
+
+void StreamFollower::keepToLimit(const Connection* current) {
+    while (memory_ > memoryLimit_ && oldest_ != current) {
+        const auto place = connections_.find(*oldest_->key);
+        if (!place->second.hasEnded) {
+            ++givenUp_;
+            close(place->second);
+        }
+        forget(place);
+    }
 }
 
 }  // namespace kp::capture

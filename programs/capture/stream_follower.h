@@ -17,15 +17,22 @@ namespace kp::capture {
 ///
 /// A connection whose start was not seen is followed from its first segment with data on. It ends
 /// when both sides have finished, when one resets it, when another one begins between the same
-/// ends, when nothing came for kIdleSeconds, or when too much is held back behind a gap. For
-/// kAfterSeconds after its end late copies of its segments are known as such.
+/// ends, or when nothing came for kIdleSeconds. For kAfterSeconds after its end late copies of its
+/// segments are known as such. Bytes that never come are stepped over, see Reassembly, at the latest
+/// when the connection ends.
+///
+/// Memory: at most about the limit for everything. Beyond it the connections that were silent
+/// longest are given up: what is known of them is handed out.
 class StreamFollower {
 public:
     static constexpr std::int64_t kIdleSeconds = 600;
     static constexpr std::int64_t kAfterSeconds = 60;
 
-    /// @p listener must outlive the follower.
-    explicit StreamFollower(ConnectionListener& listener) : listener_(listener) {}
+    /// @p listener must outlive the follower; @p memoryLimit is in bytes.
+    StreamFollower(ConnectionListener& listener, std::size_t memoryLimit)
+        : listener_(listener), memoryLimit_(memoryLimit) {}
+    StreamFollower(const StreamFollower&) = delete;
+    StreamFollower& operator=(const StreamFollower&) = delete;
 
     /// Takes the next segment.
     void segment(const Segment& segment);
@@ -41,6 +48,10 @@ public:
     std::uint64_t connections() const { return opened_; }
     /// Connections kept now, those that ended a moment ago included.
     std::size_t open() const { return connections_.size(); }
+    /// Connections that were given up because of the limit.
+    std::uint64_t givenUp() const { return givenUp_; }
+    /// Bytes that were never captured.
+    std::uint64_t missingBytes() const { return missingBytes_; }
 
 private:
     struct Key {
@@ -53,26 +64,56 @@ private:
     };
     struct Connection {
         Endpoint first;
-        std::unique_ptr<ConnectionSink> sink;  // null when the connection has ended
+        Endpoint second;
+        std::unique_ptr<ConnectionSink> sink;  // null before the first data
         std::uint64_t opened = 0;              // counts up
+        std::uint64_t number = 0;              // of the packet that opened it
         std::int64_t lastSeen = 0;
         std::uint32_t start = 0;  // sequence number of the first side's SYN
         bool sawStart = false;
+        bool isFromStart = false;
+        bool hasEnded = false;
         bool isWanted = true;  // the sink wants more data
+        bool wasToldEnd[2] = {false, false};
         Reassembly directions[2];
+
+        // Its place among all, by the time of the last segment.
+        const Key* key = nullptr;
+        Connection* older = nullptr;
+        Connection* newer = nullptr;
+        std::size_t memory = 0;
+
+        Reassembly& direction(Side side) { return directions[static_cast<int>(side)]; }
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
 
     static Key keyOf(const Segment& segment);
     Connection* find(const Segment& segment);
-    Connection& open(const Segment& segment, Connection& connection);
+    Connection& open(const Segment& segment, Connections::iterator place);
     void take(Connection& connection, Side side, const Segment& segment);
-    static void close(Connection& connection);
+    void deliver(Connection& connection, Side side);
+    void stepOver(Connection& connection, Side side);
+    void lose(Connection& connection, Side side, std::uint32_t missing);
+    void tellEnds(Connection& connection);
+    ConnectionSink& sinkOf(Connection& connection);
+    void close(Connection& connection);
     std::vector<Connections::iterator> silentSince(std::int64_t before);
 
+    void makeNewest(Connection& connection);
+    void unlink(Connection& connection);
+    void account(Connection& connection);
+    void forget(Connections::iterator place);
+    void keepToLimit(const Connection* current);
+
     ConnectionListener& listener_;
+    const std::size_t memoryLimit_;
     Connections connections_;
+    Connection* oldest_ = nullptr;
+    Connection* newest_ = nullptr;
+    std::size_t memory_ = 0;
     std::uint64_t opened_ = 0;
+    std::uint64_t givenUp_ = 0;
+    std::uint64_t missingBytes_ = 0;
 
     // What a segment makes due: its own bytes, which stay where they are, and what was held back.
     struct InPlace : Piece {

@@ -84,7 +84,11 @@ std::string Summary::text() const {
     if (dropped_ != 0)
         text += " (" + std::to_string(dropped_) + " more dropped by the system)";
     text += "\nbytes        " + std::to_string(bytes_);
+    if (missingBytes_ != 0)
+        text += " (" + std::to_string(missingBytes_) + " bytes of connections are missing)";
     text += "\nconnections  " + std::to_string(connections_);
+    if (givenUp_ != 0)
+        text += " (" + std::to_string(givenUp_) + " given up for want of memory)";
     text += "\nseconds      " + fixed(elapsed, 3);
     text += "\nrate         " + fixed(static_cast<double>(packets_.load()) / divisor, 0) +
             " packets/s, " + fixed(static_cast<double>(bytes_.load()) / 1e6 / divisor, 1) +

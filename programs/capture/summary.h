@@ -31,6 +31,11 @@ public:
     }
     void addTransaction(const Transaction& transaction, const Judgement& judgement);
     void setConnections(std::uint64_t connections) { connections_ = connections; }
+    /// Connections that were given up for want of memory, and bytes that were never captured.
+    void setLosses(std::uint64_t givenUp, std::uint64_t missingBytes) {
+        givenUp_ = givenUp;
+        missingBytes_ = missingBytes;
+    }
     void setFilteredOut(std::uint64_t packets) { filteredOut_ = packets; }
     void setDropped(std::uint64_t packets) { dropped_ = packets; }
 
@@ -60,6 +65,8 @@ private:
     std::atomic<std::uint64_t> packets_{0};
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> connections_{0};
+    std::atomic<std::uint64_t> givenUp_{0};
+    std::atomic<std::uint64_t> missingBytes_{0};
     std::atomic<std::uint64_t> filteredOut_{0};
     std::atomic<std::uint64_t> dropped_{0};
     mutable std::mutex mutex_;  // guards the rest

@@ -55,7 +55,9 @@ Rows play(const Turns& turns, std::size_t size = std::string::npos, std::size_t 
             const std::size_t now = std::min(rest.size(), first != 0 ? first : size);
             // A copy with an end of its own, so that the sanitizer sees a step beyond the piece.
             auto* const piece = new kp::capture::Piece;
-            piece->keep(rest.substr(0, now), {static_cast<long>(i), 0});
+            kp::capture::Arrival arrival;
+            arrival.time = {static_cast<long>(i), 0};
+            piece->keep(rest.substr(0, now), arrival);
             KP_BufferStream stream;
             stream.add(piece);
             stream.setFirst();
