@@ -47,6 +47,18 @@ std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
     return bytes;
 }
 
+void Reassembly::hold(std::string_view bytes, Arrival arrival) {
+    begin(arrival.sequence);
+    const std::int32_t distance = ahead(arrival.sequence);
+    if (distance < 0) {
+        const std::size_t known = std::size_t{0} - static_cast<std::size_t>(distance);
+        if (known >= bytes.size())
+            return;
+        dropFront(bytes, arrival, known);
+    }
+    holdBack(bytes, arrival);
+}
+
 Reassembly::Kept Reassembly::kept(std::string_view bytes, const Arrival& arrival) {
     Kept piece(new Piece);
     if (!piece)
@@ -81,16 +93,14 @@ void Reassembly::holdBack(std::string_view bytes, Arrival arrival) {
     }
 }
 
-void Reassembly::moveDue(KP_BufferStream& stream) {
-    while (!pieces_.empty() && ahead(pieces_.front().sequence) <= 0) {
-        Held& held = pieces_.front();
-        const std::uint32_t size = held.size();
-        stream.add(held.piece.get());
-        static_cast<void>(held.piece.release());  // the stream's now
-        held_ -= size;
-        next_ += size;
-        pieces_.erase(pieces_.begin());
-    }
+void Reassembly::moveFirst(KP_BufferStream& stream) {
+    Held& held = pieces_.front();
+    const std::uint32_t size = held.size();
+    stream.add(held.piece.get());
+    static_cast<void>(held.piece.release());  // the stream's now
+    held_ -= size;
+    next_ += size;
+    pieces_.erase(pieces_.begin());
 }
 
 void Reassembly::acknowledge(std::uint32_t sequence) {
@@ -104,7 +114,7 @@ bool Reassembly::isGapDue(Timestamp now) const {
         return false;
     if (pieces_.size() > kMostPieces || held_ > kMostBytes)
         return true;
-    const std::int64_t waited = now.seconds - heldSince().seconds;
+    const std::int64_t waited = now.seconds - firstHeld().time.seconds;
     const bool isKnownToBeLost =
         knowsAcknowledged_ && ahead(acknowledged_) >= ahead(pieces_.front().sequence);
     return waited > (isKnownToBeLost ? kPatience : kLongPatience);

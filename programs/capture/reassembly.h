@@ -36,22 +36,26 @@ public:
     bool isAt(std::uint32_t sequence) const { return hasBegun_ && next_ == sequence; }
 
     /// Takes bytes. What is due now, and was not held back, is returned and points into @p bytes;
-    /// @p arrival is then that of its first byte, and what follows it is handed over by moveDue().
+    /// @p arrival is then that of its first byte, and what follows it is handed over by moveFirst().
     /// Throws std::bad_alloc.
     std::string_view add(std::string_view bytes, Arrival& arrival);
-    /// Adds to @p stream the pieces that were held back and are due.
-    void moveDue(KP_BufferStream& stream);
+    /// Takes bytes and holds them back, whether they are due or not. Throws std::bad_alloc.
+    void hold(std::string_view bytes, Arrival arrival);
+    /// Adds to @p stream the first piece that was held back; it must be due.
+    void moveFirst(KP_BufferStream& stream);
 
     /// The other side has everything before @p sequence.
     void acknowledge(std::uint32_t sequence);
     /// Whether some of what is held back is due.
     bool isDue() const { return !pieces_.empty() && ahead(pieces_.front().sequence) <= 0; }
     bool isHoldingBack() const { return !pieces_.empty(); }
-    /// When the first of what is held back came.
-    Timestamp heldSince() const { return pieces_.front().piece->arrival().time; }
+    /// Whether a byte before @p sequence has not come yet.
+    bool isMissing(std::uint32_t sequence) const { return hasBegun_ && ahead(sequence) > 0; }
+    /// How the first of what is held back came.
+    const Arrival& firstHeld() const { return pieces_.front().piece->arrival(); }
     /// Whether it is time to step over the gap in front of what is held back.
     bool isGapDue(Timestamp now) const;
-    /// Steps over that gap; returns how many bytes are missing, 1 at least.
+    /// Steps over that gap; returns how many bytes are missing, 0 when there is none.
     std::uint32_t skipGap();
     /// Steps over bytes of which the packet that was added last has only told the number.
     void skipCut(std::uint32_t count) { next_ += count; }
@@ -60,8 +64,19 @@ public:
 
     /// Says that the direction ends with the byte before @p sequence.
     void setEnd(std::uint32_t sequence);
+    /// Says that nothing of it is of interest any more.
+    void endHere() {
+        end_ = next_;
+        knowsEnd_ = true;
+    }
     /// Whether its end was told, and everything before it has come.
     bool hasEnded() const { return knowsEnd_ && next_ == end_; }
+
+    /// Whether the other side has everything up to its end, captured or not.
+    bool isComplete() const {
+        return hasEnded() || (knowsEnd_ && knowsAcknowledged_ &&
+                              static_cast<std::int32_t>(acknowledged_ - end_) > 0);
+    }
 
     /// Bytes of memory in what is held back.
     std::size_t memory() const { return held_ + pieces_.size() * kPieceSize; }

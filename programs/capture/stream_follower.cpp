@@ -91,12 +91,9 @@ void StreamFollower::segment(const Segment& segment) {
     take(*connection, side, segment);
     if (segment.has(Segment::kAck))
         connection->direction(otherSide(side)).acknowledge(segment.acknowledgement);
-    for (const Side each : {Side::kFirst, Side::kSecond}) {
-        while (connection->direction(each).isGapDue(segment.time))
-            stepOver(*connection, each);
-    }
+    stepOverDue(*connection, segment.time);
     tellEnds(*connection);
-    if (connection->directions[0].hasEnded() && connection->directions[1].hasEnded()) {
+    if (connection->directions[0].isComplete() && connection->directions[1].isComplete()) {
         close(*connection);
         return;
     }
@@ -115,42 +112,118 @@ void StreamFollower::take(Connection& connection, Side side, const Segment& segm
         arrival.sequence + static_cast<std::uint32_t>(segment.payload.size()) + segment.cut;
     if (direction.hasEnded())
         return;
-    const std::string_view bytes = direction.add(segment.payload, arrival);
-    if (!bytes.empty()) {
-        due_.reset();  // what a fault may have left there
-        inPlace_.borrow(bytes, arrival);
-        due_.add(&inPlace_);
-        deliver(connection, side);
+    if (!connection.isWanted) {
+        if (segment.has(Segment::kFin))
+            direction.endHere();
+        return;
     }
+    if (!segment.payload.empty() && isTooEarly(connection, side, arrival)) {
+        direction.hold(segment.payload, arrival);
+    } else {
+        const std::string_view bytes = direction.add(segment.payload, arrival);
+        if (!bytes.empty()) {
+            due_.reset();  // what a fault may have left there
+            inPlace_.borrow(bytes, arrival);
+            due_.add(&inPlace_);
+            deliver(connection, side);
+        }
+    }
+    drain(connection);
     if (segment.cut != 0 && direction.isAt(end - segment.cut)) {
         direction.skipCut(segment.cut);
         lose(connection, side, segment.cut);
+        drain(connection);
     }
     if (segment.has(Segment::kFin))
         direction.setEnd(end);
 }
 
-// Hands the sink what is in the stream, and what follows it.
+// Hands the sink what is in the stream.
 void StreamFollower::deliver(Connection& connection, Side side) {
-    connection.direction(side).moveDue(due_);
     due_.setFirst();
     if (connection.isWanted)
         connection.isWanted = sinkOf(connection).data(side, due_);
+    if (!connection.isWanted) {
+        for (Reassembly& direction : connection.directions)
+            direction.drop();
+    }
     due_.reset();
+}
+
+// Whoever sent something had what we still miss of the other side: first that, then this. A side that
+// is not in the capture at all is not waited for.
+bool StreamFollower::isTooEarly(Connection& connection, Side side, const Arrival& arrival) {
+    const Reassembly& other = connection.direction(otherSide(side));
+    return arrival.hasAcknowledged && other.isHoldingBack() &&
+           other.isMissing(arrival.acknowledged);
+}
+
+// The side whose first held back piece may be handed out, the older one; none: kNobody.
+int StreamFollower::nextDue(Connection& connection) {
+    int next = kNobody;
+    for (const Side side : {Side::kFirst, Side::kSecond}) {
+        const Reassembly& direction = connection.direction(side);
+        if (!direction.isDue() || isTooEarly(connection, side, direction.firstHeld()))
+            continue;
+        if (next == kNobody || isOlder(direction, connection.directions[next]))
+            next = static_cast<int>(side);
+    }
+    return next;
+}
+
+// Hands out what was held back and is due, in the order in which it came.
+void StreamFollower::drain(Connection& connection) {
+    for (int side = nextDue(connection); side != kNobody; side = nextDue(connection)) {
+        due_.reset();
+        int next = side;
+        for (; next == side; next = nextDue(connection))
+            connection.directions[side].moveFirst(due_);
+        deliver(connection, static_cast<Side>(side));
+    }
+}
+
+bool StreamFollower::isOlder(const Reassembly& a, const Reassembly& b) {
+    const auto since = [](const Reassembly& direction) {
+        const Timestamp& time = direction.firstHeld().time;
+        return std::make_pair(time.seconds, time.microseconds);
+    };
+    return since(a) < since(b);
+}
+
+// Steps over the gaps for which it is time, the older one first.
+void StreamFollower::stepOverDue(Connection& connection, Timestamp now) {
+    while (const Reassembly* const direction = oldestGap(connection)) {
+        if (!direction->isGapDue(now))
+            break;
+        stepOver(connection, direction == connection.directions ? Side::kFirst : Side::kSecond);
+    }
+}
+
+// The direction that has waited longest for what it misses; null when none does.
+const Reassembly* StreamFollower::oldestGap(const Connection& connection) {
+    const Reassembly& first = connection.directions[0];
+    const Reassembly& second = connection.directions[1];
+    if (!first.isHoldingBack())
+        return second.isHoldingBack() ? &second : nullptr;
+    return second.isHoldingBack() && isOlder(second, first) ? &second : &first;
 }
 
 void StreamFollower::stepOver(Connection& connection, Side side) {
     lose(connection, side, connection.direction(side).skipGap());
+    due_.reset();
+    if (connection.direction(side).isDue()) {
+        connection.direction(side).moveFirst(due_);
+        deliver(connection, side);
+    }
+    drain(connection);
 }
 
-// Tells of missing bytes, and hands out what was held back behind them.
 void StreamFollower::lose(Connection& connection, Side side, std::uint32_t missing) {
+    if (missing == 0)
+        return;
     missingBytes_ += missing;
     if (connection.isWanted)
         sinkOf(connection).missing(side, missing);
-    due_.reset();
-    if (connection.direction(side).isDue())
-        deliver(connection, side);
 }
 
 void StreamFollower::tellEnds(Connection& connection) {
@@ -172,16 +245,8 @@ ConnectionSink& StreamFollower::sinkOf(Connection& connection) {
 }
 
 void StreamFollower::close(Connection& connection) {
-    Reassembly* const directions = connection.directions;
-    while (directions[0].isHoldingBack() || directions[1].isHoldingBack()) {
-        const auto since = [&](int i) {
-            const Timestamp time = directions[i].heldSince();
-            return std::make_pair(time.seconds, time.microseconds);
-        };
-        const bool isFirst = !directions[1].isHoldingBack() ||
-                             (directions[0].isHoldingBack() && since(0) <= since(1));
-        stepOver(connection, isFirst ? Side::kFirst : Side::kSecond);
-    }
+    while (const Reassembly* const direction = oldestGap(connection))
+        stepOver(connection, direction == connection.directions ? Side::kFirst : Side::kSecond);
     for (const Side side : {Side::kFirst, Side::kSecond}) {
         const std::uint32_t missing = connection.direction(side).skipToEnd();
         if (missing != 0)
@@ -213,13 +278,8 @@ std::vector<StreamFollower::Connections::iterator> StreamFollower::silentSince(
 void StreamFollower::expire(Timestamp now) {
     for (const auto& connection : silentSince(now.seconds - kIdleSeconds))
         close(connection->second);
-    for (auto& entry : connections_) {
-        Connection& connection = entry.second;
-        for (const Side side : {Side::kFirst, Side::kSecond}) {
-            while (connection.direction(side).isGapDue(now))
-                stepOver(connection, side);
-        }
-    }
+    for (auto& entry : connections_)
+        stepOverDue(entry.second, now);
     for (auto it = connections_.begin(); it != connections_.end();) {
         const auto place = it++;
         if (place->second.hasEnded && place->second.lastSeen < now.seconds - kAfterSeconds)

@@ -87,11 +87,19 @@ private:
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
 
+    static constexpr int kNobody = -1;
+
     static Key keyOf(const Segment& segment);
     Connection* find(const Segment& segment);
     Connection& open(const Segment& segment, Connections::iterator place);
     void take(Connection& connection, Side side, const Segment& segment);
     void deliver(Connection& connection, Side side);
+    static bool isTooEarly(Connection& connection, Side side, const Arrival& arrival);
+    static bool isOlder(const Reassembly& a, const Reassembly& b);
+    static int nextDue(Connection& connection);
+    void drain(Connection& connection);
+    void stepOverDue(Connection& connection, Timestamp now);
+    static const Reassembly* oldestGap(const Connection& connection);
     void stepOver(Connection& connection, Side side);
     void lose(Connection& connection, Side side, std::uint32_t missing);
     void tellEnds(Connection& connection);

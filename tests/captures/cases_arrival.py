@@ -114,6 +114,141 @@ def broken_off(capture):
     connection.row(time, "GET www.example.test /file-ends 200 text/html 9  1 1 1 1")
 
 
+# ---- what the capture does not have ----------------------------------------------------------
+
+@case
+def lost_in_bodies(capture):
+    """A lost segment within a body is stepped over by the body's length."""
+    connection = capture.connect("10.0.0.5:40001")
+    body = b"0123456789" * 60
+    response = ok(body)
+    start = len(response) - len(body)
+    time = connection.client(head("GET /length HTTP/1.1", HOST))
+    connection.server(response[:start + 100])
+    connection.lose(SERVER, response[start + 100:start + 450])
+    connection.server(response[start + 450:])
+    after = connection.client(head("GET /after HTTP/1.1", HOST))
+    connection.server(ok(b"in step"))
+    connection.row(time, "GET www.example.test /length 200 text/html 250  1 1 1 1")
+    connection.row(after, "GET www.example.test /after 200 text/html 7  1 1 1 1")
+    connection.close()
+
+    # Within one chunk.
+    connection = capture.connect("10.0.0.5:40002")
+    time = connection.client(head("GET /chunk HTTP/1.1", HOST))
+    connection.server(head("HTTP/1.1 200 OK", HTML, "Transfer-Encoding: chunked") + b"40\r\n0123")
+    connection.lose(SERVER, b"4" * 0x30)
+    connection.server(b"x" * 12 + b"\r\n0\r\n\r\n")
+    after = connection.client(head("GET /next HTTP/1.1", HOST))
+    connection.server(ok(b"next"))
+    connection.row(time, "GET www.example.test /chunk 200 text/html 16  1 1 1 1")
+    connection.row(after, "GET www.example.test /next 200 text/html 4  1 1 1 1")
+    connection.close()
+
+    # The last segment before the end, and a request's body.
+    connection = capture.connect("10.0.0.5:40003")
+    time = connection.client(head("POST /form HTTP/1.1", HOST, "Content-Length: 20") + b"01234")
+    connection.lose(CLIENT, b"x" * 15)
+    connection.server(head("HTTP/1.1 200 OK", HTML, "Content-Length: 50") + b"0123456789")
+    connection.lose(SERVER, b"y" * 40)
+    connection.row(time, "POST www.example.test /form 200 text/html 10  1 1 1 1")
+    connection.close()
+
+
+@case
+def lost_heads(capture):
+    """A header block that misses a part is dropped; the connection is found again behind it."""
+    connection = capture.connect("10.0.0.5:40001")
+    first = connection.client(head("GET /broken HTTP/1.1", HOST))
+    response = ok(b"whole")
+    connection.server(response[:30])
+    connection.lose(SERVER, response[30:])
+    second = connection.client(head("GET /after HTTP/1.1", HOST))
+    connection.server(ok(b"after"))
+    connection.row(first, "GET www.example.test /broken - - 0  1 0 0 0")
+    connection.row(second, "GET www.example.test /after 200 text/html 5  1 1 1 1")
+    connection.close()
+
+    # The same for a request; its answer is nobody's.
+    connection = capture.connect("10.0.0.5:40002")
+    request = head("GET /lost HTTP/1.1", HOST, "X-Long: " + "x" * 50)
+    connection.client(request[:40])
+    connection.lose(CLIENT, request[40:])
+    connection.server(ok(b"lost"))
+    second = connection.client(head("GET /seen HTTP/1.1", HOST))
+    connection.server(ok(b"four"))
+    connection.row(second, "GET www.example.test /seen 200 text/html 4  1 1 1 1")
+    connection.close()
+
+
+@case
+def lost_messages(capture):
+    """Answers and requests that are missing as a whole do not shift those that come later."""
+    def exchange(connection, number):
+        time = connection.client(head("GET /%d HTTP/1.1" % number, HOST))
+        connection.server(ok(b"x" * number))
+        return time
+
+    connection = capture.connect("10.0.0.5:40001")
+    times = [exchange(connection, 1), connection.client(head("GET /2 HTTP/1.1", HOST))]
+    connection.row(times[0], "GET www.example.test /1 200 text/html 1  1 1 1 1")
+    connection.lose(SERVER, ok(b"lost"))
+    times += [exchange(connection, 3), exchange(connection, 4)]
+    connection.row(times[1], "GET www.example.test /2 - - 0  1 0 0 0")
+    connection.row(times[2], "GET www.example.test /3 200 text/html 3  1 1 1 1")
+    connection.row(times[3], "GET www.example.test /4 200 text/html 4  1 1 1 1")
+    connection.close()
+
+    connection = capture.connect("10.0.0.5:40002")
+    time = exchange(connection, 1)
+    connection.row(time, "GET www.example.test /1 200 text/html 1  1 1 1 1")
+    connection.lose(CLIENT, head("GET /2 HTTP/1.1", HOST))
+    connection.server(ok(b"nobody's"))
+    times = [exchange(connection, 3), exchange(connection, 4)]
+    connection.row(times[0], "GET www.example.test /3 200 text/html 3  1 1 1 1")
+    connection.row(times[1], "GET www.example.test /4 200 text/html 4  1 1 1 1")
+    connection.close()
+
+
+@case
+def lost_and_patient(capture):
+    """A gap that stays open is stepped over while the connection lasts; one side may be all."""
+    connection = capture.connect("10.0.0.5:40001")
+    time = connection.client(head("GET /live HTTP/1.1", HOST))
+    connection.server(head("HTTP/1.1 200 OK", HTML, "Content-Length: 30") + b"0123456789")
+    connection.lose(SERVER, b"x" * 10)
+    connection.server(b"0123456789")
+    capture.wait(3)
+    connection.row(time, "GET www.example.test /live 200 text/html 20  1 1 1 1")
+    time = connection.client(head("GET /later HTTP/1.1", HOST))
+    connection.server(ok(b"later"))
+    connection.row(time, "GET www.example.test /later 200 text/html 5  1 1 1 1")
+
+    # Nobody acknowledges what is missing: the other side is not in the capture.
+    alone = capture.connect("10.0.0.5:40002", handshake=False)
+    first = alone.client(head("GET /alone HTTP/1.1", HOST), acknowledged=False)
+    alone.lose(CLIENT, head("GET /missing HTTP/1.1", HOST), acknowledged=False)
+    second = alone.client(head("GET /behind HTTP/1.1", HOST), acknowledged=False)
+    capture.wait(7)
+    third = alone.client(head("GET /last HTTP/1.1", HOST), acknowledged=False)
+    for row, name in ((first, "alone"), (second, "behind"), (third, "last")):
+        alone.row(row, "GET www.example.test /%s - - 0  1 0 0 0" % name)
+
+
+@case
+def snapped(capture):
+    """Packets that are cut at the snap length: what was seen of a body counts."""
+    capture.snap_length = 54 + 120
+    connection = capture.connect()
+    short = head("HTTP/1.1 200 OK", HTML, "Content-Length: 300")
+    for number in (1, 2):
+        time = connection.client(head("GET /%d HTTP/1.1" % number, HOST))
+        connection.server(short + b"x" * 200, b"y" * 100)
+        connection.row(time, "GET www.example.test /%d 200 text/html %d  1 1 1 1"
+                       % (number, 120 - len(short) + 100))
+    connection.close()
+
+
 # ---- damage ------------------------------------------------------------------------------
 
 @case

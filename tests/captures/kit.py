@@ -75,6 +75,10 @@ class Capture:
         self.frames = []  # (time in nanoseconds, Ethernet frame)
         self.rows = []  # lists of 15 fields
         self.identification = 0
+        self.snap_length = 262144
+
+    def wait(self, seconds):
+        self.now += seconds * 10**9
 
     def add_frame(self, frame):
         """Adds a frame one step later than the last one and returns its time."""
@@ -140,6 +144,12 @@ class Connection:
     def server(self, *segments, **options):
         return self.send(SERVER, *segments, **options)
 
+    def lose(self, side, data, acknowledged=True):
+        """The side sends bytes that the capture does not have; the other end has them."""
+        self.next[side] += len(data)
+        if acknowledged:
+            self._packet(1 - side, ACK)
+
     def send_at(self, side, offset, data):
         """Sends bytes out of turn: lost and late packets, repetitions."""
         return self._packet(side, PSH | ACK, data, at=offset)
@@ -175,17 +185,19 @@ class Connection:
 
 # ---- files --------------------------------------------------------------------------------------
 
-def pcap_file(frames, order="<", nanoseconds=False, link=1):
+def pcap_file(frames, order="<", nanoseconds=False, link=1, snap_length=262144):
     magic = 0xa1b23c4d if nanoseconds else 0xa1b2c3d4
     parts = [struct.pack(order + "IHHiIII", magic, 2, 4, 0, 0, 262144, link)]
-    for time, frame in frames:
+    for time, whole in frames:
+        frame = whole[:snap_length]
         seconds, rest = divmod(time, 10**9)
         rest = rest if nanoseconds else rest // 1000
-        parts.append(struct.pack(order + "IIII", seconds, rest, len(frame), len(frame)) + frame)
+        parts.append(struct.pack(order + "IIII", seconds, rest, len(frame), len(whole)) + frame)
     return b"".join(parts)
 
 
-def pcapng_file(frames):
+def pcapng_file(frames, interfaces=1):
+    """The packets come from the interfaces in turn; the second one counts in nanoseconds."""
     def block(kind, body):
         body += b"\0" * (-len(body) % 4)
         size = struct.pack("<I", len(body) + 12)
@@ -194,10 +206,53 @@ def pcapng_file(frames):
     parts = [block(0x0a0d0d0a, struct.pack("<IHHq", 0x1a2b3c4d, 1, 0, -1)),
              block(1, struct.pack("<HHI", 1, 0, 262144)),
              block(0x0bad, b"a kind of block that nobody knows, to be skipped")]
-    for time, frame in frames:
-        high, low = divmod(time // 1000, 2**32)
-        parts.append(block(6, struct.pack("<IIIII", 0, high, low, len(frame), len(frame)) + frame))
+    if interfaces > 1:
+        resolution = struct.pack("<HHB3xHH", 9, 1, 9, 0, 0)
+        parts.append(block(1, struct.pack("<HHI", 1, 0, 262144) + resolution))
+    for number, (time, frame) in enumerate(frames):
+        interface = number % interfaces
+        high, low = divmod(time if interface else time // 1000, 2**32)
+        parts.append(block(6, struct.pack("<IIIII", interface, high, low, len(frame), len(frame))
+                           + frame))
     return b"".join(parts)
+
+
+def tagged(frames, *tags):
+    """Each frame with VLAN tags, (type, number) from the outer to the inner."""
+    inserted = b"".join(struct.pack("!HH", kind, number) for kind, number in tags)
+    return [(time, frame[:12] + inserted + frame[12:]) for time, frame in frames]
+
+
+def doubled(frames):
+    """Each packet captured twice, as on a mirror port."""
+    return [pair for time, frame in frames for pair in ((time, frame), (time, frame))]
+
+
+def fragmented(frames, size=24):
+    """Each IP packet in fragments, the last one first; all have the time of the packet."""
+    result = []
+    for time, frame in frames:
+        ethernet, packet = frame[:14], frame[14:]
+        payload = packet[20:]
+        pieces = [payload[at:at + size] for at in range(0, len(payload), size)]
+        for number, piece in reversed(list(enumerate(pieces))):
+            offset = number * size // 8 | (0x2000 if number + 1 < len(pieces) else 0)
+            header = packet[:2] + struct.pack("!H", 20 + len(piece)) + packet[4:6]
+            header += struct.pack("!H", offset) + packet[8:10] + b"\0\0" + packet[12:20]
+            header = header[:10] + struct.pack("!H", checksum(header)) + header[12:]
+            result.append((time, ethernet + header + piece))
+    return result
+
+
+def loopback(frames):
+    """As BSD captures its loopback device (link type 0)."""
+    return [(time, b"\2\0\0\0" + frame[14:]) for time, frame in frames]
+
+
+def cooked2(frames):
+    """As newer Linux captures the device "any" (link type 276)."""
+    return [(time, struct.pack("!HHIHBB8s", 0x0800, 0, 1, 1, 0, 6, frame[6:12]) + frame[14:])
+            for time, frame in frames]
 
 
 def without_ethernet(frames):

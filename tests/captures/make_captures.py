@@ -32,7 +32,8 @@ import sys
 import cases_arrival
 import cases_judgements
 import cases_messages
-from kit import HOST, Capture, cooked, head, pcap_file, pcapng_file, without_ethernet
+from kit import (HOST, Capture, cooked, cooked2, doubled, fragmented, head, loopback, pcap_file,
+                 pcapng_file, tagged, without_ethernet)
 
 MOST_BYTES = 10_000
 
@@ -45,7 +46,7 @@ def all_files():
         function(capture)
         times = [time for time, _ in capture.frames]
         assert times == sorted(times) and len(set(times)) == len(times)
-        files[name + ".pcap"] = pcap_file(capture.frames)
+        files[name + ".pcap"] = pcap_file(capture.frames, snap_length=capture.snap_length)
         files[name + ".expected"] = capture.expected()
         if name == "ranges":
             files[name + ".watched.expected"] = capture.expected(watched_only=True)
@@ -56,7 +57,14 @@ def all_files():
                     ("visit-big-endian.pcap", pcap_file(frames, order=">")),
                     ("visit-pcapng.pcapng", pcapng_file(frames)),
                     ("visit-raw-ip.pcap", pcap_file(without_ethernet(frames), link=101)),
-                    ("visit-cooked.pcap", pcap_file(cooked(frames), link=113))):
+                    ("visit-cooked.pcap", pcap_file(cooked(frames), link=113)),
+                    ("visit-cooked2.pcap", pcap_file(cooked2(frames), link=276)),
+                    ("visit-loopback.pcap", pcap_file(loopback(frames), link=0)),
+                    ("visit-two-interfaces.pcapng", pcapng_file(frames, interfaces=2)),
+                    ("visit-doubled.pcap", pcap_file(doubled(frames))),
+                    ("visit-fragments.pcap", pcap_file(fragmented(frames))),
+                    ("visit-tagged.pcap",
+                     pcap_file(tagged(frames, (0x88a8, 7), (0x8100, 9))))):
                 files[format_name] = data
                 files[format_name.split(".")[0] + ".expected"] = capture.expected()
 

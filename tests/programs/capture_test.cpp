@@ -96,6 +96,11 @@ TEST_F(CaptureTest, AppliesTheConfiguredFilterToReplays) {
         capture({"--print", "--all", "--replay", std::string(KP_CAPTURES) + "/pipelining.pcap"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.out, "");
+    // Traffic with VLAN tags passes a filter that does not speak of them.
+    configure({"--range", "10.0.0.0/24", "--filter", "tcp port 80"});
+    const std::string tagged = std::string(KP_CAPTURES) + "/visit-tagged";
+    EXPECT_EQ(capture({"--print", "--all", "--replay", tagged + ".pcap"}).out,
+              contentOf(tagged + ".expected"));
 }
 
 TEST_F(CaptureTest, TellsWhyItCouldNotStart) {
