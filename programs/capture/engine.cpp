@@ -30,7 +30,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kConnectionMemory = std::size_t{128} * 1024 * 1024;
+constexpr std::size_t kConnectionMemory = std::size_t{96} * 1024 * 1024;
 
 std::atomic<bool> stopRequested{false};
 std::atomic<PacketSource*> stoppable{nullptr};

@@ -44,7 +44,8 @@ StreamFollower::Connection* StreamFollower::find(const Segment& segment) {
     if (isNew && !isLate) {
         if (!connection.hasEnded)
             close(connection);
-        unlink(connection);
+        List::remove(connection);
+        holdingBack_.erase(&connection);
         memory_ -= connection.memory;
         connection = Connection();
         return &open(segment, found);
@@ -70,7 +71,7 @@ StreamFollower::Connection& StreamFollower::open(const Segment& segment,
     connection.direction(sender).begin(segment.sequence + (isStart ? 1 : 0));
     if (segment.has(Segment::kAck))
         connection.direction(otherSide(sender)).begin(segment.acknowledgement);
-    makeNewest(connection);
+    open_.append(connection);
     return connection;
 }
 
@@ -79,7 +80,7 @@ void StreamFollower::segment(const Segment& segment) {
     if (connection == nullptr)
         return;
     connection->lastSeen = segment.time.seconds;
-    makeNewest(*connection);
+    (connection->hasEnded ? ended_ : open_).append(*connection);
     if (connection->hasEnded)
         return;
     if (segment.has(Segment::kReset)) {
@@ -96,6 +97,11 @@ void StreamFollower::segment(const Segment& segment) {
     if (connection->directions[0].isComplete() && connection->directions[1].isComplete()) {
         close(*connection);
         return;
+    }
+    if (connection->directions[0].isHoldingBack() || connection->directions[1].isHoldingBack()) {
+        holdingBack_.insert(connection);
+    } else if (!holdingBack_.empty()) {
+        holdingBack_.erase(connection);
     }
     account(*connection);
     keepToLimit(connection);
@@ -257,60 +263,62 @@ void StreamFollower::close(Connection& connection) {
     const std::unique_ptr<ConnectionSink> sink = std::move(connection.sink);
     for (Reassembly& direction : connection.directions)
         direction.drop();
+    holdingBack_.erase(&connection);
+    ended_.append(connection);
     account(connection);
     if (sink)
         sink->closed();
 }
 
-// The open connections that were last seen before a time, in the order in which they were opened.
-std::vector<StreamFollower::Connections::iterator> StreamFollower::silentSince(
-    std::int64_t before) {
-    std::vector<Connections::iterator> result;
-    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
-        if (!it->second.hasEnded && it->second.lastSeen < before)
-            result.push_back(it);
+// Closes the open connections that were last seen before a time, in the order in which they were
+// opened.
+void StreamFollower::closeSilentSince(std::int64_t before) {
+    std::vector<Connection*> silent;
+    for (Connection* each = open_.oldest(); each != nullptr && each->lastSeen < before;
+         each = each->newer) {
+        silent.push_back(each);
     }
-    std::sort(result.begin(), result.end(),
-              [](const auto& a, const auto& b) { return a->second.opened < b->second.opened; });
-    return result;
+    std::sort(silent.begin(), silent.end(),
+              [](const Connection* a, const Connection* b) { return a->opened < b->opened; });
+    for (Connection* each : silent)
+        close(*each);
 }
 
 void StreamFollower::expire(Timestamp now) {
-    for (const auto& connection : silentSince(now.seconds - kIdleSeconds))
-        close(connection->second);
-    for (auto& entry : connections_)
-        stepOverDue(entry.second, now);
-    for (auto it = connections_.begin(); it != connections_.end();) {
-        const auto place = it++;
-        if (place->second.hasEnded && place->second.lastSeen < now.seconds - kAfterSeconds)
-            forget(place);
+    closeSilentSince(now.seconds - kIdleSeconds);
+    for (auto it = holdingBack_.begin(); it != holdingBack_.end();) {
+        Connection& connection = **it++;
+        stepOverDue(connection, now);
+        account(connection);
     }
+    while (ended_.oldest() != nullptr && ended_.oldest()->lastSeen < now.seconds - kAfterSeconds)
+        forget(*ended_.oldest());
 }
 
 void StreamFollower::finish() {
-    for (const auto& connection : silentSince(std::numeric_limits<std::int64_t>::max()))
-        close(connection->second);
-    connections_.clear();
-    oldest_ = newest_ = nullptr;
-    memory_ = 0;
+    closeSilentSince(std::numeric_limits<std::int64_t>::max());
+    while (ended_.oldest() != nullptr)
+        forget(*ended_.oldest());
 }
 
-void StreamFollower::makeNewest(Connection& connection) {
+void StreamFollower::List::append(Connection& connection) {
     if (newest_ == &connection)
         return;
-    unlink(connection);
+    remove(connection);
+    connection.list = this;
     connection.older = newest_;
     (newest_ != nullptr ? newest_->newer : oldest_) = &connection;
     newest_ = &connection;
 }
 
-// Does nothing to a connection that has no place yet.
-void StreamFollower::unlink(Connection& connection) {
-    if (connection.older == nullptr && oldest_ != &connection)
+void StreamFollower::List::remove(Connection& connection) {
+    List* const list = connection.list;
+    if (list == nullptr)
         return;
-    (connection.older != nullptr ? connection.older->newer : oldest_) = connection.newer;
-    (connection.newer != nullptr ? connection.newer->older : newest_) = connection.older;
+    (connection.older != nullptr ? connection.older->newer : list->oldest_) = connection.newer;
+    (connection.newer != nullptr ? connection.newer->older : list->newest_) = connection.older;
     connection.older = connection.newer = nullptr;
+    connection.list = nullptr;
 }
 
 // Brings what is known of a connection's memory up to date.
@@ -323,20 +331,23 @@ void StreamFollower::account(Connection& connection) {
     connection.memory = now;
 }
 
-void StreamFollower::forget(Connections::iterator place) {
-    memory_ -= place->second.memory;
-    unlink(place->second);
-    connections_.erase(place);
+void StreamFollower::forget(Connection& connection) {
+    memory_ -= connection.memory;
+    List::remove(connection);
+    connections_.erase(*connection.key);
 }
 
 void StreamFollower::keepToLimit(const Connection* current) {
-    while (memory_ > memoryLimit_ && oldest_ != current) {
-        const auto place = connections_.find(*oldest_->key);
-        if (!place->second.hasEnded) {
+    while (memory_ > memoryLimit_) {
+        Connection* oldest = ended_.oldest();
+        if (oldest == nullptr) {
+            oldest = open_.oldest();
+            if (oldest == current)
+                break;
             ++givenUp_;
-            close(place->second);
+            close(*oldest);
         }
-        forget(place);
+        forget(*oldest);
     }
 }
 

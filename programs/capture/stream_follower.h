@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "connection_sink.h"
@@ -62,6 +63,7 @@ private:
     struct KeyHash {
         std::size_t operator()(const Key& key) const;
     };
+    class List;
     struct Connection {
         Endpoint first;
         Endpoint second;
@@ -77,8 +79,9 @@ private:
         bool wasToldEnd[2] = {false, false};
         Reassembly directions[2];
 
-        // Its place among all, by the time of the last segment.
+        // Its place among the open or the ended ones, by the time of the last segment.
         const Key* key = nullptr;
+        List* list = nullptr;
         Connection* older = nullptr;
         Connection* newer = nullptr;
         std::size_t memory = 0;
@@ -86,6 +89,19 @@ private:
         Reassembly& direction(Side side) { return directions[static_cast<int>(side)]; }
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
+
+    /// Connections, the one that was silent longest first.
+    class List {
+    public:
+        Connection* oldest() const { return oldest_; }
+        /// Takes a connection out of the list that it is in, and adds it to this one.
+        void append(Connection& connection);
+        static void remove(Connection& connection);
+
+    private:
+        Connection* oldest_ = nullptr;
+        Connection* newest_ = nullptr;
+    };
 
     static constexpr int kNobody = -1;
 
@@ -105,19 +121,17 @@ private:
     void tellEnds(Connection& connection);
     ConnectionSink& sinkOf(Connection& connection);
     void close(Connection& connection);
-    std::vector<Connections::iterator> silentSince(std::int64_t before);
-
-    void makeNewest(Connection& connection);
-    void unlink(Connection& connection);
+    void closeSilentSince(std::int64_t before);
     void account(Connection& connection);
-    void forget(Connections::iterator place);
+    void forget(Connection& connection);
     void keepToLimit(const Connection* current);
 
     ConnectionListener& listener_;
     const std::size_t memoryLimit_;
     Connections connections_;
-    Connection* oldest_ = nullptr;
-    Connection* newest_ = nullptr;
+    List open_;
+    List ended_;
+    std::unordered_set<Connection*> holdingBack_;
     std::size_t memory_ = 0;
     std::uint64_t opened_ = 0;
     std::uint64_t givenUp_ = 0;
