@@ -21,8 +21,17 @@ void Reassembly::begin(std::uint32_t sequence) {
     hasBegun_ = true;
 }
 
+// Those of the bytes that stand before the end, if that was told.
+std::string_view Reassembly::upToEnd(std::string_view bytes, std::uint32_t sequence) const {
+    if (!knowsEnd_)
+        return bytes;
+    const auto room = static_cast<std::int32_t>(end_ - sequence);
+    return bytes.substr(0, room > 0 ? static_cast<std::size_t>(room) : 0);
+}
+
 std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
     begin(arrival.sequence);
+    bytes = upToEnd(bytes, arrival.sequence);
     const std::int32_t distance = ahead(arrival.sequence);
     if (distance > 0) {
         holdBack(bytes, arrival);
@@ -49,6 +58,7 @@ std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
 
 void Reassembly::hold(std::string_view bytes, Arrival arrival) {
     begin(arrival.sequence);
+    bytes = upToEnd(bytes, arrival.sequence);
     const std::int32_t distance = ahead(arrival.sequence);
     if (distance < 0) {
         const std::size_t known = std::size_t{0} - static_cast<std::size_t>(distance);
@@ -126,6 +136,16 @@ std::uint32_t Reassembly::skipGap() {
     return missing;
 }
 
+std::uint32_t Reassembly::skipCut(std::uint32_t end) {
+    if (knowsEnd_ && ahead(end_) < ahead(end))
+        end = end_;
+    if (!pieces_.empty() && ahead(pieces_.front().sequence) < ahead(end))
+        end = pieces_.front().sequence;
+    const std::uint32_t missing = ahead(end) > 0 ? end - next_ : 0;
+    next_ += missing;
+    return missing;
+}
+
 std::uint32_t Reassembly::skipToEnd() {
     if (!knowsEnd_ || ahead(end_) <= 0)
         return 0;
@@ -135,10 +155,22 @@ std::uint32_t Reassembly::skipToEnd() {
 }
 
 void Reassembly::setEnd(std::uint32_t sequence) {
-    if (knowsEnd_ || ahead(sequence) > kWindow)
+    if (knowsEnd_ || ahead(sequence) < 0 || ahead(sequence) > kWindow)
         return;
     end_ = sequence;
     knowsEnd_ = true;
+    // What is held back from behind the end was never sent.
+    while (!pieces_.empty()) {
+        Held& last = pieces_.back();
+        const std::size_t size = last.size();
+        const std::size_t good = upToEnd(last.piece->bytes(), last.sequence).size();
+        held_ -= size - good;
+        if (good != 0) {
+            last.piece->copyBuffer(last.piece->getBuffer(), good);
+            break;
+        }
+        pieces_.pop_back();
+    }
 }
 
 void Reassembly::drop() {

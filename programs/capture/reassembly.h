@@ -57,12 +57,13 @@ public:
     bool isGapDue(Timestamp now) const;
     /// Steps over that gap; returns how many bytes are missing, 0 when there is none.
     std::uint32_t skipGap();
-    /// Steps over bytes of which the packet that was added last has only told the number.
-    void skipCut(std::uint32_t count) { next_ += count; }
+    /// Steps over bytes before @p end of which a packet has only told the number, as far as none of them
+    /// is held back; returns how many.
+    std::uint32_t skipCut(std::uint32_t end);
     /// Steps to the end that was told; returns how many bytes are missing, or 0.
     std::uint32_t skipToEnd();
 
-    /// Says that the direction ends with the byte before @p sequence.
+    /// Says that the direction ends with the byte before @p sequence; only the first call counts.
     void setEnd(std::uint32_t sequence);
     /// Says that nothing of it is of interest any more.
     void endHere() {
@@ -101,6 +102,7 @@ private:
     std::int32_t ahead(std::uint32_t sequence) const {
         return static_cast<std::int32_t>(sequence - next_);
     }
+    std::string_view upToEnd(std::string_view bytes, std::uint32_t sequence) const;
     static Kept kept(std::string_view bytes, const Arrival& arrival);
     void holdBack(std::string_view bytes, Arrival arrival);
 

@@ -136,9 +136,10 @@ void StreamFollower::take(Connection& connection, Side side, const Segment& segm
     }
     drain(connection);
     if (segment.cut != 0 && direction.isAt(end - segment.cut)) {
-        direction.skipCut(segment.cut);
-        lose(connection, side, segment.cut);
-        drain(connection);
+        while (const std::uint32_t missing = direction.skipCut(end)) {
+            lose(connection, side, missing);
+            drain(connection);
+        }
     }
     if (segment.has(Segment::kFin))
         direction.setEnd(end);
