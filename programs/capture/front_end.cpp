@@ -156,7 +156,7 @@ private:
         bool isGood =
             answer(true) && writeJ_UInt16(socket_, static_cast<unsigned short>(status.size())) == 0;
         for (const auto& [name, value] : status)
-            isGood = isGood && writeLine(name + "=" + value);
+            isGood = isGood && writeLine(std::string(name).append("=").append(value));
         return isGood;
     }
 

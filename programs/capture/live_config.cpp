@@ -122,7 +122,7 @@ std::string LiveConfig::refusal(const KP_ConfigAdmin& wanted) const {
 
 std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
     const std::lock_guard<std::mutex> one(changing_);
-    const std::string reason = refusal(wanted);
+    std::string reason = refusal(wanted);
     if (!reason.empty())
         return reason;
     auto next = std::make_shared<KP_ConfigAdmin>(wanted);

@@ -28,7 +28,7 @@ namespace kp::capture {
 
 /// One parser's part of a round.
 struct Batch {
-    static constexpr std::size_t kMostBytes = 512 * 1024;
+    static constexpr std::size_t kMostBytes = std::size_t{512} * 1024;
     static constexpr std::size_t kMostSegments = 4096;
 
     bool hasRoomFor(const Segment& segment) const {

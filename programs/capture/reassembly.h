@@ -23,7 +23,7 @@ class Reassembly {
 public:
     /// What may be held back behind a gap.
     static constexpr std::size_t kMostPieces = 512;
-    static constexpr std::size_t kMostBytes = 1024 * 1024;
+    static constexpr std::size_t kMostBytes = std::size_t{1024} * 1024;
     /// Seconds of capture time.
     static constexpr std::int64_t kPatience = 1;
     static constexpr std::int64_t kLongPatience = 5;

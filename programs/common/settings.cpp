@@ -153,6 +153,7 @@ void setMimeTypes(KP_Config& config, const std::vector<std::string>& texts) {
         refuse("more than " + std::to_string(kMostMimeTypes) + " MIME types");
     }
     std::vector<KP_Config::MimeType> records;
+    records.reserve(texts.size());
     for (const std::string& text : texts) {
         records.push_back(parseMimeType(text));
     }

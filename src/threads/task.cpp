@@ -11,9 +11,11 @@ KP_Task::KP_Task(const KP_Task& other)
     : KP_Object(other), function_(other.function_), arg_(other.arg_), id_(other.id_) {}
 
 KP_Task& KP_Task::operator=(const KP_Task& other) {
-    function_ = other.function_;
-    arg_ = other.arg_;
-    id_ = other.id_;
+    if (this != &other) {
+        function_ = other.function_;
+        arg_ = other.arg_;
+        id_ = other.id_;
+    }
     return *this;
 }
 

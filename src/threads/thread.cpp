@@ -86,6 +86,9 @@ KP_Thread::KP_Thread(const KP_Thread& other)
 }
 
 KP_Thread& KP_Thread::operator=(const KP_Thread& other) {
+    if (this == &other) {
+        return *this;
+    }
     function_ = other.function_.load();
     arg_ = other.arg_.load();
     arg2_ = other.arg2_.load();

@@ -101,7 +101,8 @@ private:
     // Workers take from the one chain and, when it is empty, all of the other at once, so that
     // those who add and those who take rarely meet. Who needs both locks takes that of out_ first.
     Chain out_;
-    char apart_[64] = {};  // Those who add write to other cache lines than those who take.
+    [[maybe_unused]] char apart_[64] =
+        {};  // Those who add write to other cache lines than those who take.
     Chain in_;
     std::atomic<std::uint32_t> added_{0};  // Changed under the lock of in_.
 };
