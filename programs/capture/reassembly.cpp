@@ -173,6 +173,12 @@ void Reassembly::setEnd(std::uint32_t sequence) {
     }
 }
 
+bool Reassembly::isLate(std::uint32_t sequence) const {
+    constexpr std::int32_t kMuch = 1 << 24;  // more than is on its way at a time
+    const auto distance = static_cast<std::int32_t>(sequence - (knowsEnd_ ? end_ : next_));
+    return distance > -kMuch && distance <= (knowsEnd_ ? 0 : kMuch);
+}
+
 void Reassembly::drop() {
     std::vector<Held>().swap(pieces_);
     held_ = 0;

@@ -73,6 +73,9 @@ public:
     /// Whether its end was told, and everything before it has come.
     bool hasEnded() const { return knowsEnd_ && next_ == end_; }
 
+    /// Whether bytes with this number can be late copies of what was sent before it ended, or was
+    /// broken off; else they are another connection's.
+    bool isLate(std::uint32_t sequence) const;
     /// Whether the other side has everything up to its end, captured or not.
     bool isComplete() const {
         return hasEnded() || (knowsEnd_ && knowsAcknowledged_ &&

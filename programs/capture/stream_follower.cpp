@@ -41,7 +41,12 @@ StreamFollower::Connection* StreamFollower::find(const Segment& segment) {
     // The SYN itself may come behind the answer to it, and then belongs to what has begun.
     const bool isLate = isNew && !connection.sawStart && !connection.hasEnded &&
                         connection.directions[0].isAt(segment.sequence + 1);
-    if (isNew && !isLate) {
+    const Side side =
+        number(segment.source) == number(connection.first) ? Side::kFirst : Side::kSecond;
+    // Without its start in the capture, the next connection between the same ends shows in its numbers.
+    const bool isNext = connection.hasEnded && !segment.payload.empty() && !isReset &&
+                        !connection.direction(side).isLate(segment.sequence);
+    if ((isNew && !isLate) || isNext) {
         if (!connection.hasEnded)
             close(connection);
         List::remove(connection);
