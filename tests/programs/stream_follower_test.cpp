@@ -1,0 +1,108 @@
+// Connections beyond the memory limit, and times that decide.
+#include "stream_follower.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using kp::capture::ConnectionSink;
+using kp::capture::Endpoint;
+using kp::capture::Segment;
+using kp::capture::Side;
+using kp::capture::StreamFollower;
+
+/// Writes down what happens: the connection's port, then bytes, "(n)" for missing ones, "." at the end.
+class Sink : public ConnectionSink {
+public:
+    Sink(std::string& story, int port) : story_(story), name_(std::to_string(port)) {}
+    bool data(Side, KP_BufferStream& bytes) override {
+        story_ += name_ + ":";
+        for (bool more = bytes.firstRun(); more; more = bytes.nextRun())
+            story_ += bytes.run();
+        story_ += ' ';
+        return true;
+    }
+    void missing(Side, std::uint64_t count) override {
+        story_ += "(" + std::to_string(count) + ") ";
+    }
+    std::size_t memory() const override { return 1000; }
+    void ended(Side) override {}
+    void closed() override { story_ += name_ + ". "; }
+
+private:
+    std::string& story_;
+    std::string name_;
+};
+
+class FollowerTest : public testing::Test, public kp::capture::ConnectionListener {
+protected:
+    std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint, bool, std::uint64_t) override {
+        ++sinks_;
+        return std::make_unique<Sink>(story_, first.port);
+    }
+    void send(StreamFollower& follower, int port, std::uint32_t sequence, const std::string& bytes,
+              std::int64_t seconds, std::uint8_t flags = Segment::kAck) {
+        Segment segment;
+        segment.source = {1, static_cast<std::uint16_t>(port)};
+        segment.destination = {2, 80};
+        segment.sequence = sequence;
+        segment.flags = flags;
+        segment.payload = bytes;
+        segment.time = {seconds, 0};
+        follower.segment(segment);
+    }
+
+    std::string story_;
+    int sinks_ = 0;
+};
+
+TEST_F(FollowerTest, GivesUpTheConnectionsThatWereSilentLongest) {
+    StreamFollower follower(*this, 200000);
+    send(follower, 1, 100, "first", 0);
+    for (int port = 2; port < 5000; ++port) {
+        send(follower, port, 100, "x", 0);
+        send(follower, 1, 105, "", 0);  // never the most silent one
+    }
+    EXPECT_LT(follower.open(), 200U);
+    EXPECT_EQ(follower.givenUp() + follower.open(), 4999U);
+    EXPECT_NE(story_.find(" 2. "), std::string::npos);  // its end was told
+    EXPECT_EQ(story_.find(" 1. "), std::string::npos);
+    send(follower, 1, 105, "last", 0);
+    EXPECT_NE(story_.find("1:last "), std::string::npos);
+
+    // Starts without data cost little, and no sink at all.
+    const int sinks = sinks_;
+    for (int port = 5000; port < 9000; ++port)
+        send(follower, port, 100, "", 0, Segment::kSyn);
+    EXPECT_EQ(sinks_, sinks);
+    EXPECT_LT(follower.open(), 1000U);
+    // One connection alone cannot take everything.
+    StreamFollower small(*this, 3000000);
+    send(small, 1, 0, "a", 0);
+    for (std::uint32_t at = 2; at < 5000; ++at)
+        send(small, 1, at * 1000, std::string(900, 'b'), 0);
+    EXPECT_GT(small.missingBytes(), 0U);
+    EXPECT_EQ(small.givenUp(), 0U);
+}
+
+TEST_F(FollowerTest, StepsOverAGapInTimeAndClosesWhatIsSilent) {
+    StreamFollower follower(*this, 1000000);
+    send(follower, 1, 100, "ab", 0);
+    send(follower, 1, 104, "ef", 1);  // two are missing
+    send(follower, 1, 106, "gh", 4);
+    EXPECT_EQ(story_, "1:ab ");
+    send(follower, 1, 102, "c", 5);  // one came late
+    EXPECT_EQ(story_, "1:ab 1:c ");
+    follower.expire({9, 0});
+    EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh ") << "nobody has acknowledged it";
+    follower.expire({5 + StreamFollower::kIdleSeconds, 0});
+    EXPECT_EQ(follower.open(), 1U);
+    follower.expire({6 + StreamFollower::kIdleSeconds, 0});
+    EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh 1. ");
+    EXPECT_EQ(follower.open(), 0U);
+}
+
+}  // namespace
