@@ -5,11 +5,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "link_layer.h"
+#include "pcapng_reader.h"
 
 namespace kp::capture {
 
@@ -22,9 +26,21 @@ struct PacketSource::Handle {
             pcap_freecode(&program);
         if (pcap != nullptr)
             pcap_close(pcap);
+        if (ownFile != nullptr)
+            std::fclose(ownFile);
     }
+    std::FILE* file() const { return pcapng ? ownFile : pcap_file(pcap); }
 
     bool passes(const pcap_pkthdr& header, const u_char* bytes);
+    bool useLink(int type);
+
+    // Of a pcapng file libpcap reads only those whose interfaces are all alike, so we read them; its
+    // own handle is then for the links of the packet at hand, to compile filters for.
+    std::FILE* ownFile = nullptr;
+    std::unique_ptr<PcapngReader> pcapng;
+    PcapngReader::Record record;
+    bool hasRecord = false;  // read in advance
+    std::string filter;
 
     pcap_t* pcap = nullptr;
     std::vector<u_char> untagged;
@@ -74,6 +90,17 @@ void prepare(pcap_t* pcap, const std::string& name, const std::string& filter, b
     hasProgram = true;
 }
 
+// Looks at the first bytes, and gives them back.
+bool isPcapng(std::FILE* file) {
+    unsigned char bytes[4];
+    const std::size_t count = std::fread(bytes, 1, sizeof bytes, file);
+    for (std::size_t i = count; i > 0; --i)
+        std::ungetc(bytes[i - 1], file);
+    // The same in either byte order.
+    return count == sizeof bytes && bytes[0] == 0x0A && bytes[1] == 0x0D && bytes[2] == 0x0D &&
+           bytes[3] == 0x0A;
+}
+
 // A damaged record can carry any number; ours stay within what others can compute with.
 Timestamp timestamp(const timeval& time) {
     constexpr std::int64_t kLatest = 253402300799;  // the end of the year 9999
@@ -106,6 +133,25 @@ bool PacketSource::Handle::passes(const pcap_pkthdr& header, const u_char* bytes
     return pcap_offline_filter(&program, &shorter, untagged.data()) != 0;
 }
 
+// Makes the filter one for links of this type; false when it cannot be, and pcap says why.
+bool PacketSource::Handle::useLink(int type) {
+    if (pcap != nullptr && type == linkType && (hasProgram || filter.empty()))
+        return true;
+    if (pcap != nullptr)
+        pcap_close(pcap);
+    if (hasProgram)
+        pcap_freecode(&program);
+    hasProgram = false;
+    linkType = type;
+    pcap = pcap_open_dead(type, kSnapLength);
+    if (pcap == nullptr)
+        throw std::bad_alloc();
+    if (filter.empty())
+        return true;
+    hasProgram = pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+    return hasProgram;
+}
+
 PacketSource::PacketSource(std::unique_ptr<Handle> handle) : handle_(std::move(handle)) {}
 
 PacketSource::~PacketSource() = default;
@@ -120,20 +166,82 @@ std::unique_ptr<PacketSource> PacketSource::openFile(const std::string& path,
     if (path != "-" && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
         throw PacketSourceError(path + ": is a directory, not a capture");
     }
-    handle->pcap = pcap_open_offline(path.c_str(), error);
+    handle->filter = filter;
+    std::FILE* const file = path == "-" ? stdin : std::fopen(path.c_str(), "rbe");
+    if (file == nullptr)
+        throw PacketSourceError(path + ": " + std::strerror(errno));
+    if (isPcapng(file)) {
+        handle->ownFile = file;
+        openPcapng(*handle);
+        return std::unique_ptr<PacketSource>(new PacketSource(std::move(handle)));
+    }
+    handle->pcap = pcap_fopen_offline(file, error);
     if (handle->pcap == nullptr) {
-        // libpcap begins with the name when the file cannot be opened, else it tells what is wrong.
-        const std::string text = error;
-        throw PacketSourceError(text.compare(0, path.size() + 1, path + ":") == 0
-                                    ? text
-                                    : name + ": not a readable capture: " + text);
+        std::fclose(file);
+        throw PacketSourceError(name + ": not a readable capture: " + error);
     }
-    if (fstat(fileno(pcap_file(handle->pcap)), &status) == 0 && S_ISREG(status.st_mode)) {
+    if (fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode))
         handle->fileSize = static_cast<std::uint64_t>(status.st_size);
-    }
     handle->linkType = pcap_datalink(handle->pcap);
     prepare(handle->pcap, name, filter, handle->program, handle->hasProgram);
     return std::unique_ptr<PacketSource>(new PacketSource(std::move(handle)));
+}
+
+// Reads up to the first packet, so that a file that cannot be used is refused at once.
+void PacketSource::openPcapng(Handle& handle) {
+    struct stat status {};
+    if (fstat(fileno(handle.ownFile), &status) == 0 && S_ISREG(status.st_mode))
+        handle.fileSize = static_cast<std::uint64_t>(status.st_size);
+    handle.pcapng = std::make_unique<PcapngReader>(handle.ownFile);
+    const PcapngReader::Result result = handle.pcapng->next(handle.record);
+    const std::vector<int> types = handle.pcapng->linkTypes();
+    if (result == PcapngReader::Result::kFault && types.empty())
+        throw PacketSourceError(handle.name +
+                                ": not a readable capture: " + handle.pcapng->fault());
+    if (!types.empty() && std::none_of(types.begin(), types.end(), isKnownLink)) {
+        const char* text = pcap_datalink_val_to_name(types.front());
+        throw PacketSourceError(handle.name + ": links of type " +
+                                (text != nullptr ? text : std::to_string(types.front())) +
+                                " are not supported");
+    }
+    handle.hasRecord = result == PcapngReader::Result::kPacket;
+    if (result == PcapngReader::Result::kFault)
+        handle.fault = handle.name + ": " + handle.pcapng->fault();
+    const int type =
+        handle.hasRecord ? handle.record.linkType : (types.empty() ? kEthernet : types.front());
+    if (!handle.useLink(type))
+        throw PacketSourceError("the configured filter \"" + handle.filter +
+                                "\" is refused: " + pcap_geterr(handle.pcap));
+}
+
+PacketSource::Result PacketSource::nextOfPcapng(Packet& packet) {
+    Handle& handle = *handle_;
+    if (!handle.fault.empty())
+        return Result::kFault;
+    if (!std::exchange(handle.hasRecord, false)) {
+        const PcapngReader::Result result = handle.pcapng->next(handle.record);
+        if (result != PcapngReader::Result::kPacket) {
+            // A signal that arrives while a pipe is read looks like a fault of the file.
+            if (result == PcapngReader::Result::kEnd || stopped_.load(std::memory_order_relaxed))
+                return Result::kEnd;
+            handle.fault = handle.name + ": " + handle.pcapng->fault();
+            return Result::kFault;
+        }
+    }
+    const PcapngReader::Record& record = handle.record;
+    pcap_pkthdr header{};
+    header.caplen = static_cast<bpf_u_int32>(record.bytes.size());
+    header.len = std::max(record.size, header.caplen);
+    const auto* const bytes = reinterpret_cast<const u_char*>(record.bytes.data());
+    // Whether a filter can be meant for a kind of link is told for the first one only.
+    if (!handle.useLink(record.linkType) || (handle.hasProgram && !handle.passes(header, bytes))) {
+        ++handle.filteredOut;
+        return Result::kNothing;
+    }
+    packet.time = record.time;
+    packet.linkType = record.linkType;
+    packet.bytes = record.bytes;
+    return Result::kPacket;
 }
 
 std::unique_ptr<PacketSource> PacketSource::openDevice(const std::string& device,
@@ -206,12 +314,15 @@ std::string PacketSource::setFilter(const std::string& filter) {
         pcap_freecode(&handle_->program);
     handle_->program = program;
     handle_->hasProgram = isNeeded;
+    handle_->filter = filter;
     return "";
 }
 
 PacketSource::Result PacketSource::next(Packet& packet) {
     if (stopped_.load(std::memory_order_relaxed))
         return Result::kEnd;
+    if (handle_->pcapng)
+        return nextOfPcapng(packet);
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
     const int result = pcap_next_ex(handle_->pcap, &header, &bytes);
@@ -241,7 +352,8 @@ PacketSource::Result PacketSource::next(Packet& packet) {
 
 void PacketSource::stop() {
     stopped_.store(true, std::memory_order_relaxed);
-    pcap_breakloop(handle_->pcap);
+    if (!handle_->pcapng)
+        pcap_breakloop(handle_->pcap);
 }
 
 bool PacketSource::isLive() const {
@@ -274,14 +386,14 @@ std::uint64_t PacketSource::dropped() const {
 bool PacketSource::mayWait() const {
     if (handle_->live || handle_->fileSize != 0)
         return false;
-    pollfd pipe{fileno(pcap_file(handle_->pcap)), POLLIN, 0};
+    pollfd pipe{fileno(handle_->file()), POLLIN, 0};
     return poll(&pipe, 1, 0) == 0;
 }
 
 double PacketSource::progress() const {
     if (handle_->fileSize == 0)
         return -1;
-    const off_t position = ftello(pcap_file(handle_->pcap));
+    const off_t position = ftello(handle_->file());
     if (position < 0)
         return -1;
     return static_cast<double>(position) / static_cast<double>(handle_->fileSize);

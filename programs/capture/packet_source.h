@@ -25,7 +25,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Reads packets through libpcap, one at a time, that pass a filter. One that does not name `vlan` is
+/// Reads packets through libpcap, of pcapng files by our own reader, one at a time, that pass a filter. One that does not name `vlan` is
 /// asked about the packets in tagged Ethernet frames, too.
 ///
 /// Threads: one thread uses a source; stop() and filterFault() may be called from anywhere at any time, signal
@@ -84,6 +84,8 @@ public:
 private:
     struct Handle;
     explicit PacketSource(std::unique_ptr<Handle> handle);
+    static void openPcapng(Handle& handle);
+    Result nextOfPcapng(Packet& packet);
 
     std::unique_ptr<Handle> handle_;
     std::atomic<bool> stopped_{false};

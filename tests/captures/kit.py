@@ -197,7 +197,8 @@ def pcap_file(frames, order="<", nanoseconds=False, link=1, snap_length=262144):
 
 
 def pcapng_file(frames, interfaces=1):
-    """The packets come from the interfaces in turn; the second one counts in nanoseconds."""
+    """The packets come from the interfaces in turn; the second one has IP packets alone, another snap
+    length, and counts in nanoseconds; the last packet is in a section of the other byte order."""
     def block(kind, body):
         body += b"\0" * (-len(body) % 4)
         size = struct.pack("<I", len(body) + 12)
@@ -208,13 +209,31 @@ def pcapng_file(frames, interfaces=1):
              block(0x0bad, b"a kind of block that nobody knows, to be skipped")]
     if interfaces > 1:
         resolution = struct.pack("<HHB3xHH", 9, 1, 9, 0, 0)
-        parts.append(block(1, struct.pack("<HHI", 1, 0, 262144) + resolution))
+        parts.append(block(1, struct.pack("<HHI", 101, 0, 65535) + resolution))
     for number, (time, frame) in enumerate(frames):
         interface = number % interfaces
+        if interfaces > 1 and number + 1 == len(frames):
+            parts.append(other_section(time, frame))
+            break
+        if interface:
+            frame = frame[14:]
         high, low = divmod(time if interface else time // 1000, 2**32)
         parts.append(block(6, struct.pack("<IIIII", interface, high, low, len(frame), len(frame))
                            + frame))
     return b"".join(parts)
+
+
+def other_section(time, frame):
+    """A section of big-endian numbers with one interface and one packet."""
+    def block(kind, body):
+        body += b"\0" * (-len(body) % 4)
+        size = struct.pack(">I", len(body) + 12)
+        return struct.pack(">I", kind) + size + body + size
+
+    high, low = divmod(time // 1000, 2**32)
+    return (block(0x0a0d0d0a, struct.pack(">IHHq", 0x1a2b3c4d, 1, 0, -1))
+            + block(1, struct.pack(">HHI", 1, 0, 0))
+            + block(6, struct.pack(">IIIII", 0, high, low, len(frame), len(frame)) + frame))
 
 
 def tagged(frames, *tags):
