@@ -9,15 +9,18 @@
 
 #include "kp/config/config_admin.h"
 #include "kp/config/config_def.h"
+#include "kp/config/file_lock.h"
 #include "kp/core/calc_hash.h"
 #include "kp/core/compare.h"
 #include "kp/core/processor.h"
 #include "kp/core/reference_counter.h"
 #include "kp/engine/message_handler.h"
+#include "kp/engine/reset_thread.h"
 #include "kp/text/named_string_list.h"
 #include "kp/threads/counter.h"
 #include "kp/threads/reader_writer_mutex.h"
 #include "kp/threads/thread_pool.h"
+#include "kp/wire/buffer_stream.h"
 
 namespace {
 
@@ -78,6 +81,11 @@ TEST(IdentityTest, EveryClassHasItsNameAndAnswersToExactlyItsIdentifiers) {
         is<KP_Task, KP_Object>(0x2BE2BF78, "KP_Object"),
         is<KP_Message, KP_Object>(0x2BE2BF78, "KP_Object"),
         is<KP_MessageHandler, KP_MessageHandler>(0x07DBE6C3, "KP_MessageHandler"),
+        is<KP_ResetThread, KP_ResetThread, KP_Thread, KP_Runnable, KP_ReferenceCounter,
+           KP_List<KP_Object>, KP_Object>(0x2BE2BF84, "KP_ResetThread"),
+        is<KP_Buffer, KP_Buffer>(0x411CDB01, "KP_Buffer"),
+        is<KP_BufferStream, KP_BufferStream, KP_Stream>(0x411CDB04, "KP_BufferStream"),
+        is<KP_FileLock, KP_Object>(0x2BE2BF78, "KP_Object"),
     };
     for (const Identity& each : classes) {
         SCOPED_TRACE(each.name);
