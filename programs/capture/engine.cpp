@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -31,6 +32,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kConnectionMemory = std::size_t{96} * 1024 * 1024;
+constexpr std::size_t kLeastMemory = std::size_t{8} * 1024 * 1024;  // of one parser
 
 std::atomic<bool> stopRequested{false};
 std::atomic<PacketSource*> stoppable{nullptr};
@@ -206,8 +208,8 @@ void Engine::startStages() {
         [this](bool isLast) { idle(isLast); }, faults_);
     add(output_);
     for (unsigned i = 0; i < options_.threads; ++i) {
-        auto* parser =
-            new Parser(i, kConnectionMemory / options_.threads, output_->input(), faults_);
+        auto* parser = new Parser(i, std::max(kConnectionMemory / options_.threads, kLeastMemory),
+                                  output_->input(), faults_);
         add(parser);
         parsers_.push_back(parser);
     }

@@ -1,5 +1,6 @@
 #include "http_connection.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -113,22 +114,23 @@ void HttpConnection::giveUpOldest() {
 // Finds out whether an answer is that of the first request that waits, and hands out the requests
 // before its own, whose answers were lost.
 bool HttpConnection::isAnswerOfFront(const Arrival& answer) {
-    const auto knew = [](const Request& request, std::uint32_t sequence) {
-        return request.arrival.hasAcknowledged &&
-               static_cast<std::int32_t>(request.arrival.acknowledged - sequence) > 0;
-    };
-    while (mayHaveLostAnswers_ && waiting_->size() > 1) {
-        const Request& front = (*waiting_)[0];
-        const Request& next = (*waiting_)[1];
-        if (!front.arrival.hasAcknowledged || !knew(next, front.arrival.acknowledged) ||
-            knew(next, answer.sequence))
-            break;
-        waitingText_ -= textSize(front.transaction);
-        sink_.transaction(front.transaction);
-        waiting_->pop_front();
+    if (mayHaveLostAnswers_) {
+        // Whoever sends a request when all answers have come has everything before its own answer.
+        const auto own =
+            std::find_if(waiting_->begin(), waiting_->end(), [&](const Request& request) {
+                return request.arrival.hasAcknowledged &&
+                       request.arrival.acknowledged == answer.sequence;
+            });
+        for (auto lost = own == waiting_->end() ? 0 : own - waiting_->begin(); lost > 0; --lost) {
+            waitingText_ -= textSize(waiting_->front().transaction);
+            sink_.transaction(waiting_->front().transaction);
+            waiting_->pop_front();
+        }
+        mayHaveLostAnswers_ = false;
     }
-    mayHaveLostAnswers_ = false;
-    return !knew(waiting_->front(), answer.sequence);
+    const Arrival& asked = waiting_->front().arrival;
+    return !asked.hasAcknowledged ||
+           static_cast<std::int32_t>(asked.acknowledged - answer.sequence) <= 0;
 }
 
 BodyRule HttpConnection::answer(MessageHead& head) {

@@ -19,8 +19,7 @@ namespace kp::capture {
 /// not HTTP and is left alone.
 /// Pairing: answers belong to the requests in their order. Where bytes were lost, acknowledgements
 /// tell which: an answer that begins before what the client had when it sent a request is not that
-/// request's, and a request that was sent after more of the answers had come than the one before it
-/// was sent in the knowledge of that one's answer, which was lost then. Interim answers (1xx) are stepped over;
+/// request's, and one that begins just there is, whatever requests still wait before it. Interim answers (1xx) are stepped over;
 /// an answer that no request waits for makes no transaction. After the answer 101, and after a 2xx
 /// to CONNECT, the connection is not read any more, and what looked like requests behind it was
 /// not.

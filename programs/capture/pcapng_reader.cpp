@@ -173,7 +173,7 @@ bool PcapngReader::readPacket(std::uint32_t type, Record& record) {
     }
     last_ = record.time;
     record.linkType = interface.linkType;
-    record.bytes = std::string_view(body + head, std::min(captured, room));
+    record.bytes = std::string_view(body + head, std::min({captured, room, kMostBytes}));
     return true;
 }
 

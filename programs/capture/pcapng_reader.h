@@ -37,6 +37,8 @@ public:
     static constexpr std::uint32_t kMagic = 0x0A0D0D0A;
     /// The largest block; a longer one is taken for damage.
     static constexpr std::uint32_t kMostBlock = 16 * 1024 * 1024;
+    /// The most of a packet that is handed out; the rest counts as cut off.
+    static constexpr std::size_t kMostBytes = 262144;
 
     /// @p file stands at the first byte, stays the caller's, and outlives the reader.
     explicit PcapngReader(std::FILE* file) : file_(file) {}

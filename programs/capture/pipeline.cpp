@@ -120,6 +120,8 @@ Dispatcher::Dispatcher(const std::vector<Parser*>& parsers)
 }
 
 void Dispatcher::segment(const Segment& segment) {
+    if (segment.payload.size() > Batch::kMostBytes)
+        return;  // no source gives one
     ++number_;
     // A damaged time must not keep silent connections alive for ever.
     if (segment.time.seconds < lookedAt_ || number_ == 1)

@@ -53,6 +53,7 @@ std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
         }
     }
     next_ += static_cast<std::uint32_t>(bytes.size());
+    movedOn_ = arrival.time.seconds;
     return bytes;
 }
 
@@ -114,6 +115,7 @@ void Reassembly::moveFirst(KP_BufferStream& stream) {
 }
 
 void Reassembly::acknowledge(std::uint32_t sequence) {
+    begin(sequence);
     if (!knowsAcknowledged_ || static_cast<std::int32_t>(sequence - acknowledged_) > 0)
         acknowledged_ = sequence;
     knowsAcknowledged_ = true;
@@ -122,12 +124,11 @@ void Reassembly::acknowledge(std::uint32_t sequence) {
 bool Reassembly::isGapDue(Timestamp now) const {
     if (pieces_.empty())
         return false;
-    if (pieces_.size() > kMostPieces || held_ > kMostBytes)
+    if (isFull())
         return true;
-    const std::int64_t waited = now.seconds - firstHeld().time.seconds;
-    const bool isKnownToBeLost =
-        knowsAcknowledged_ && ahead(acknowledged_) >= ahead(pieces_.front().sequence);
-    return waited > (isKnownToBeLost ? kPatience : kLongPatience);
+    const std::int64_t since = firstHeld().time.seconds;
+    return isHeldAcknowledged() ? now.seconds - since > kPatience
+                                : now.seconds - std::max(since, movedOn_) > kLongPatience;
 }
 
 std::uint32_t Reassembly::skipGap() {
@@ -173,8 +174,16 @@ void Reassembly::setEnd(std::uint32_t sequence) {
     }
 }
 
+void Reassembly::passOver(std::uint32_t end) {
+    if (hasBegun_ && ahead(end) > 0)
+        next_ = end;
+}
+
+bool Reassembly::isPlausible(std::uint32_t sequence) const {
+    return !hasBegun_ || (ahead(sequence) > -kMuch && ahead(sequence) <= kWindow);
+}
+
 bool Reassembly::isLate(std::uint32_t sequence) const {
-    constexpr std::int32_t kMuch = 1 << 24;  // more than is on its way at a time
     const auto distance = static_cast<std::int32_t>(sequence - (knowsEnd_ ? end_ : next_));
     return distance > -kMuch && distance <= (knowsEnd_ ? 0 : kMuch);
 }

@@ -17,7 +17,8 @@ namespace kp::capture {
 /// that never come are stepped over by skipGap(), which is due when
 ///   - the other side has acknowledged what is missing, and kPatience has passed since it was missed:
 ///     packets may be captured in another order than they were sent;
-///   - kLongPatience has passed without that, since nobody else may have seen the other side either;
+///   - kLongPatience has passed without that and without anything in order, since the other side may
+///     not be in the capture;
 ///   - as much is held back as may be.
 class Reassembly {
 public:
@@ -55,6 +56,11 @@ public:
     const Arrival& firstHeld() const { return pieces_.front().piece->arrival(); }
     /// Whether it is time to step over the gap in front of what is held back.
     bool isGapDue(Timestamp now) const;
+    /// Whether more is held back than may be.
+    bool isFull() const { return pieces_.size() > kMostPieces || held_ > kMostBytes; }
+    /// Whether the other side is seen, and has not got what is held back either: it is sent again, or
+    /// was never meant for this connection.
+    bool isUnconfirmed() const { return knowsAcknowledged_ && !isHeldAcknowledged(); }
     /// Steps over that gap; returns how many bytes are missing, 0 when there is none.
     std::uint32_t skipGap();
     /// Steps over bytes before @p end of which a packet has only told the number, as far as none of them
@@ -65,14 +71,13 @@ public:
 
     /// Says that the direction ends with the byte before @p sequence; only the first call counts.
     void setEnd(std::uint32_t sequence);
-    /// Says that nothing of it is of interest any more.
-    void endHere() {
-        end_ = next_;
-        knowsEnd_ = true;
-    }
+    /// Goes on behind bytes before @p end that nobody needs.
+    void passOver(std::uint32_t end);
     /// Whether its end was told, and everything before it has come.
     bool hasEnded() const { return knowsEnd_ && next_ == end_; }
 
+    /// Whether bytes with this number can belong to it.
+    bool isPlausible(std::uint32_t sequence) const;
     /// Whether bytes with this number can be late copies of what was sent before it ended, or was
     /// broken off; else they are another connection's.
     bool isLate(std::uint32_t sequence) const;
@@ -101,6 +106,11 @@ private:
         std::uint32_t size() const { return static_cast<std::uint32_t>(piece->bytes().size()); }
     };
 
+    static constexpr std::int32_t kMuch = 1 << 24;  // more than is on its way at a time
+
+    bool isHeldAcknowledged() const {
+        return knowsAcknowledged_ && ahead(acknowledged_) >= ahead(pieces_.front().sequence);
+    }
     // How far a sequence number lies behind what is expected next; negative when it has come.
     std::int32_t ahead(std::uint32_t sequence) const {
         return static_cast<std::int32_t>(sequence - next_);
@@ -115,6 +125,7 @@ private:
     std::uint32_t next_ = 0;
     std::uint32_t end_ = 0;
     std::uint32_t acknowledged_ = 0;
+    std::int64_t movedOn_ = 0;  // when bytes came in order last, seconds
     std::vector<Held> pieces_;  // by sequence number, without overlap
     std::size_t held_ = 0;      // bytes in them
 };

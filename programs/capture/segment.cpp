@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <random>
 
 #include "bytes.h"
 #include "link_layer.h"
@@ -48,10 +49,20 @@ bool SegmentReader::read(int linkType, std::string_view frame, Timestamp time, S
     return true;
 }
 
+std::uint64_t mixed(std::uint64_t low, std::uint64_t high) {
+    static const std::uint64_t seed = std::uint64_t{std::random_device()()} << 32 | 1;
+    // The finalizer of Austin Appleby's MurmurHash3.
+    const auto spread = [](std::uint64_t value) {
+        value = (value ^ value >> 33) * 0xff51afd7ed558ccdU;
+        value = (value ^ value >> 33) * 0xc4ceb9fe1a85ec53U;
+        return value ^ value >> 33;
+    };
+    return spread(spread(low ^ seed) ^ high);
+}
+
 std::uint64_t connectionHash(Endpoint a, Endpoint b) {
     const auto [low, high] = std::minmax({number(a), number(b)});
-    const std::uint64_t mixed = (low ^ (high << 16 | high >> 48)) * 0x9e3779b97f4a7c15U;
-    return mixed ^ mixed >> 32;
+    return mixed(low, high);
 }
 
 }  // namespace kp::capture

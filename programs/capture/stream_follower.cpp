@@ -15,8 +15,7 @@ std::uint64_t number(Endpoint end) {
 }  // namespace
 
 std::size_t StreamFollower::KeyHash::operator()(const Key& key) const {
-    const std::uint64_t mixed = (key.low ^ (key.high << 16 | key.high >> 48)) * 0x9e3779b97f4a7c15U;
-    return static_cast<std::size_t>(mixed ^ mixed >> 32);
+    return static_cast<std::size_t>(mixed(key.low, key.high));
 }
 
 StreamFollower::Key StreamFollower::keyOf(const Segment& segment) {
@@ -38,19 +37,18 @@ StreamFollower::Connection* StreamFollower::find(const Segment& segment) {
     Connection& connection = found->second;
     const bool isNew = isStart && !segment.has(Segment::kAck) && !isReset &&
                        !(connection.sawStart && connection.start == segment.sequence);
-    // The SYN itself may come behind the answer to it, and then belongs to what has begun.
-    const bool isLate = isNew && !connection.sawStart && !connection.hasEnded &&
-                        connection.directions[0].isAt(segment.sequence + 1);
     const Side side =
         number(segment.source) == number(connection.first) ? Side::kFirst : Side::kSecond;
     // Without its start in the capture, the next connection between the same ends shows in its numbers.
-    const bool isNext = connection.hasEnded && !segment.payload.empty() && !isReset &&
-                        !connection.direction(side).isLate(segment.sequence);
-    if ((isNew && !isLate) || isNext) {
+    const Reassembly& direction = connection.direction(side);
+    const bool isNext = !segment.payload.empty() && !isReset &&
+                        !(connection.hasEnded ? direction.isLate(segment.sequence)
+                                              : direction.isPlausible(segment.sequence));
+    if (isNew || isNext) {
         if (!connection.hasEnded)
             close(connection);
         List::remove(connection);
-        holdingBack_.erase(&connection);
+        waiting_.erase(&connection);
         memory_ -= connection.memory;
         connection = Connection();
         return &open(segment, found);
@@ -68,10 +66,10 @@ StreamFollower::Connection& StreamFollower::open(const Segment& segment,
     connection.number = segment.number;
     connection.first = isAnswer ? segment.destination : segment.source;
     connection.second = isAnswer ? segment.source : segment.destination;
-    // An answer to a start that was not captured is a start all the same.
-    connection.sawStart = isStart && !isAnswer;
+    // An answer to a start that was not captured, or comes later, tells as much.
+    connection.sawStart = isStart;
     connection.isFromStart = isStart;
-    connection.start = segment.sequence;
+    connection.start = isAnswer ? segment.acknowledgement - 1 : segment.sequence;
     const Side sender = isAnswer ? Side::kSecond : Side::kFirst;
     connection.direction(sender).begin(segment.sequence + (isStart ? 1 : 0));
     if (segment.has(Segment::kAck))
@@ -99,14 +97,15 @@ void StreamFollower::segment(const Segment& segment) {
         connection->direction(otherSide(side)).acknowledge(segment.acknowledgement);
     stepOverDue(*connection, segment.time);
     tellEnds(*connection);
-    if (connection->directions[0].isComplete() && connection->directions[1].isComplete()) {
+    if (connection->directions[0].hasEnded() && connection->directions[1].hasEnded()) {
         close(*connection);
         return;
     }
-    if (connection->directions[0].isHoldingBack() || connection->directions[1].isHoldingBack()) {
-        holdingBack_.insert(connection);
-    } else if (!holdingBack_.empty()) {
-        holdingBack_.erase(connection);
+    if (connection->directions[0].isHoldingBack() || connection->directions[1].isHoldingBack() ||
+        connection->isComplete()) {
+        waiting_.insert(connection);
+    } else if (!waiting_.empty()) {
+        waiting_.erase(connection);
     }
     account(*connection);
     keepToLimit(connection);
@@ -124,8 +123,9 @@ void StreamFollower::take(Connection& connection, Side side, const Segment& segm
     if (direction.hasEnded())
         return;
     if (!connection.isWanted) {
+        direction.passOver(end);
         if (segment.has(Segment::kFin))
-            direction.endHere();
+            direction.setEnd(end);
         return;
     }
     if (!segment.payload.empty() && isTooEarly(connection, side, arrival)) {
@@ -202,19 +202,25 @@ bool StreamFollower::isOlder(const Reassembly& a, const Reassembly& b) {
     return since(a) < since(b);
 }
 
-// Steps over the gaps for which it is time, the older one first.
+// Steps over the gaps for which it is time, the older one first: what one direction holds back may
+// wait for the other.
 void StreamFollower::stepOverDue(Connection& connection, Timestamp now) {
-    while (const Reassembly* const direction = oldestGap(connection)) {
-        if (!direction->isGapDue(now))
+    while (Reassembly* const direction = oldestGap(connection)) {
+        const bool isFull = connection.directions[0].isFull() || connection.directions[1].isFull();
+        if (!isFull && !direction->isGapDue(now))
             break;
+        if (!isFull && direction->isUnconfirmed()) {
+            direction->drop();
+            continue;
+        }
         stepOver(connection, direction == connection.directions ? Side::kFirst : Side::kSecond);
     }
 }
 
 // The direction that has waited longest for what it misses; null when none does.
-const Reassembly* StreamFollower::oldestGap(const Connection& connection) {
-    const Reassembly& first = connection.directions[0];
-    const Reassembly& second = connection.directions[1];
+Reassembly* StreamFollower::oldestGap(Connection& connection) {
+    Reassembly& first = connection.directions[0];
+    Reassembly& second = connection.directions[1];
     if (!first.isHoldingBack())
         return second.isHoldingBack() ? &second : nullptr;
     return second.isHoldingBack() && isOlder(second, first) ? &second : &first;
@@ -269,7 +275,7 @@ void StreamFollower::close(Connection& connection) {
     const std::unique_ptr<ConnectionSink> sink = std::move(connection.sink);
     for (Reassembly& direction : connection.directions)
         direction.drop();
-    holdingBack_.erase(&connection);
+    waiting_.erase(&connection);
     ended_.append(connection);
     account(connection);
     if (sink)
@@ -292,10 +298,14 @@ void StreamFollower::closeSilentSince(std::int64_t before) {
 
 void StreamFollower::expire(Timestamp now) {
     closeSilentSince(now.seconds - kIdleSeconds);
-    for (auto it = holdingBack_.begin(); it != holdingBack_.end();) {
-        Connection& connection = **it++;
-        stepOverDue(connection, now);
-        account(connection);
+    const std::vector<Connection*> waiting(waiting_.begin(), waiting_.end());
+    for (Connection* each : waiting) {
+        stepOverDue(*each, now);
+        tellEnds(*each);
+        account(*each);
+        // What is still missing was lost: both sides have all.
+        if (each->isComplete() && now.seconds - each->lastSeen > Reassembly::kPatience)
+            close(*each);
     }
     while (ended_.oldest() != nullptr && ended_.oldest()->lastSeen < now.seconds - kAfterSeconds)
         forget(*ended_.oldest());

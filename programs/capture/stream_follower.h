@@ -87,6 +87,7 @@ private:
         std::size_t memory = 0;
 
         Reassembly& direction(Side side) { return directions[static_cast<int>(side)]; }
+        bool isComplete() const { return directions[0].isComplete() && directions[1].isComplete(); }
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
 
@@ -115,7 +116,7 @@ private:
     static int nextDue(Connection& connection);
     void drain(Connection& connection);
     void stepOverDue(Connection& connection, Timestamp now);
-    static const Reassembly* oldestGap(const Connection& connection);
+    static Reassembly* oldestGap(Connection& connection);
     void stepOver(Connection& connection, Side side);
     void lose(Connection& connection, Side side, std::uint32_t missing);
     void tellEnds(Connection& connection);
@@ -131,7 +132,7 @@ private:
     Connections connections_;
     List open_;
     List ended_;
-    std::unordered_set<Connection*> holdingBack_;
+    std::unordered_set<Connection*> waiting_;  // for bytes that may never come
     std::size_t memory_ = 0;
     std::uint64_t opened_ = 0;
     std::uint64_t givenUp_ = 0;

@@ -132,6 +132,7 @@ def lost_in_bodies(capture):
     connection.row(time, "GET www.example.test /length 200 text/html 250  1 1 1 1")
     connection.row(after, "GET www.example.test /after 200 text/html 7  1 1 1 1")
     connection.close()
+    capture.wait(15)
 
     # Within one chunk.
     connection = capture.connect("10.0.0.5:40002")
@@ -144,6 +145,7 @@ def lost_in_bodies(capture):
     connection.row(time, "GET www.example.test /chunk 200 text/html 16  1 1 1 1")
     connection.row(after, "GET www.example.test /next 200 text/html 4  1 1 1 1")
     connection.close()
+    capture.wait(15)
 
     # The last segment before the end, and a request's body.
     connection = capture.connect("10.0.0.5:40003")
@@ -168,6 +170,7 @@ def lost_heads(capture):
     connection.row(first, "GET www.example.test /broken - - 0  1 0 0 0")
     connection.row(second, "GET www.example.test /after 200 text/html 5  1 1 1 1")
     connection.close()
+    capture.wait(15)
 
     # The same for a request; its answer is nobody's.
     connection = capture.connect("10.0.0.5:40002")
@@ -198,6 +201,7 @@ def lost_messages(capture):
     connection.row(times[2], "GET www.example.test /3 200 text/html 3  1 1 1 1")
     connection.row(times[3], "GET www.example.test /4 200 text/html 4  1 1 1 1")
     connection.close()
+    capture.wait(15)
 
     connection = capture.connect("10.0.0.5:40002")
     time = exchange(connection, 1)
@@ -233,6 +237,53 @@ def lost_and_patient(capture):
     third = alone.client(head("GET /last HTTP/1.1", HOST), acknowledged=False)
     for row, name in ((first, "alone"), (second, "behind"), (third, "last")):
         alone.row(row, "GET www.example.test /%s - - 0  1 0 0 0" % name)
+
+
+@case
+def odd_orders(capture):
+    """Order of capture that is not the order of sending, and strays."""
+    # The SYN-ACK and the request before the SYN.
+    connection = capture.connect("10.0.0.5:40001", handshake=False)
+    connection._packet(SERVER, SYN | ACK, at=-1)
+    time = connection.client(head("GET /early HTTP/1.1", HOST), acknowledged=False)
+    connection._packet(CLIENT, SYN, at=-1)
+    connection.server(ok(b"early"))
+    connection.row(time, "GET www.example.test /early 200 text/html 5  1 1 1 1")
+    connection.close()
+
+    # The last bytes behind both ends.
+    connection = capture.connect("10.0.0.5:40002")
+    response = ok(b"0123456789")
+    time = connection.client(head("GET /behind HTTP/1.1", HOST))
+    connection.server(response[:-4])
+    place = connection.next[SERVER]
+    connection.lose(SERVER, response[-4:], acknowledged=False)
+    connection.fin(SERVER)
+    connection.fin(CLIENT)
+    connection.send_at(SERVER, place, response[-4:])
+    connection.row(time, "GET www.example.test /behind 200 text/html 10  1 1 1 1")
+
+    # A stray segment far ahead, and a connection that goes on for long.
+    connection = capture.connect("10.0.0.5:40003")
+    for number in range(1, 4):
+        connection.exchange(head("GET /%d HTTP/1.1" % number, HOST), ok(b"x" * number),
+                            "GET www.example.test /%d 200 text/html %d  1 1 1 1" % (number, number))
+        if number == 1:
+            connection._packet(SERVER, ACK, b"stray", at=50_000_000)
+            connection.next[SERVER] -= 50_000_005 - len(ok(b"x"))
+        capture.wait(4)
+    connection.close()
+
+    # A tunnel, the last packet of which is captured twice.
+    connection = capture.connect("10.0.0.5:40004")
+    time = connection.client(head("CONNECT h:443 HTTP/1.1"))
+    connection.server(head("HTTP/1.1 200 Yes"))
+    connection.row(time, "CONNECT - h:443 200 - 0  1 0 1 0")
+    inner = head("GET /inner HTTP/1.1", HOST)
+    connection.client(inner)
+    connection.fin(SERVER)
+    connection.fin(CLIENT, inner)
+    connection.send_at(CLIENT, connection.next[CLIENT] - 1 - len(inner), inner)
 
 
 @case

@@ -96,8 +96,10 @@ TEST_F(FollowerTest, StepsOverAGapInTimeAndClosesWhatIsSilent) {
     EXPECT_EQ(story_, "1:ab ");
     send(follower, 1, 102, "c", 5);  // one came late
     EXPECT_EQ(story_, "1:ab 1:c ");
-    follower.expire({9, 0});
-    EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh ") << "nobody has acknowledged it";
+    follower.expire({10, 0});
+    EXPECT_EQ(story_, "1:ab 1:c ");
+    follower.expire({11, 0});  // five seconds after the last byte in order
+    EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh ");
     follower.expire({5 + StreamFollower::kIdleSeconds, 0});
     EXPECT_EQ(follower.open(), 1U);
     follower.expire({6 + StreamFollower::kIdleSeconds, 0});
