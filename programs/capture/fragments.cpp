@@ -73,13 +73,16 @@ std::string_view Fragments::add(std::string_view packet, Timestamp time) {
         byAge_.push_back(key);
     }
     Unfinished& unfinished = place->second;
+    // Only one of two that contradict each other about the end can be right: the first.
+    if (unfinished.knowsEnd ? end > unfinished.data.size() : isLast && unfinished.data.size() > end)
+        return {};
     fill(unfinished, begin, data);
     if (begin == 0 && unfinished.header.empty())
         unfinished.header = packet.substr(0, headerSize);
     if (isLast && !unfinished.knowsEnd) {
         unfinished.knowsEnd = true;
         fill(unfinished, end, std::string(kMostData - end, '\0'));
-        unfinished.data.resize(end);
+        unfinished.data.resize(end);  // what was not there is not missing any more
     }
     if (!unfinished.missing.empty() || unfinished.header.empty())
         return {};

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <new>
 #include <utility>
 #include <vector>
@@ -26,6 +27,7 @@ struct PacketSource::Handle {
             pcap_freecode(&program);
         if (pcap != nullptr)
             pcap_close(pcap);
+        dropOthers();
         if (ownFile != nullptr)
             std::fclose(ownFile);
     }
@@ -33,6 +35,7 @@ struct PacketSource::Handle {
 
     bool passes(const pcap_pkthdr& header, const u_char* bytes);
     bool useLink(int type);
+    void dropOthers();
 
     // Of a pcapng file libpcap reads only those whose interfaces are all alike, so we read them; its
     // own handle is then for the links of the packet at hand, to compile filters for.
@@ -41,6 +44,12 @@ struct PacketSource::Handle {
     PcapngReader::Record record;
     bool hasRecord = false;  // read in advance
     std::string filter;
+    struct Link {
+        pcap_t* pcap;
+        bpf_program program;
+        bool hasProgram;
+    };
+    std::map<int, Link> others;  // that were used before, by type
 
     pcap_t* pcap = nullptr;
     std::vector<u_char> untagged;
@@ -135,21 +144,37 @@ bool PacketSource::Handle::passes(const pcap_pkthdr& header, const u_char* bytes
 
 // Makes the filter one for links of this type; false when it cannot be, and pcap says why.
 bool PacketSource::Handle::useLink(int type) {
-    if (pcap != nullptr && type == linkType && (hasProgram || filter.empty()))
-        return true;
-    if (pcap != nullptr)
-        pcap_close(pcap);
-    if (hasProgram)
-        pcap_freecode(&program);
-    hasProgram = false;
+    if (pcap != nullptr && type == linkType)
+        return hasProgram || filter.empty();
+    if (pcap != nullptr) {
+        others[linkType] = {pcap, program, hasProgram};
+        pcap = nullptr;
+        hasProgram = false;
+    }
     linkType = type;
+    const auto known = others.find(type);
+    if (known != others.end()) {
+        pcap = known->second.pcap;
+        program = known->second.program;
+        hasProgram = known->second.hasProgram;
+        others.erase(known);
+        return hasProgram || filter.empty();
+    }
     pcap = pcap_open_dead(type, kSnapLength);
     if (pcap == nullptr)
         throw std::bad_alloc();
-    if (filter.empty())
-        return true;
-    hasProgram = pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
-    return hasProgram;
+    hasProgram = !filter.empty() &&
+                 pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+    return hasProgram || filter.empty();
+}
+
+void PacketSource::Handle::dropOthers() {
+    for (auto& entry : others) {
+        if (entry.second.hasProgram)
+            pcap_freecode(&entry.second.program);
+        pcap_close(entry.second.pcap);
+    }
+    others.clear();
 }
 
 PacketSource::PacketSource(std::unique_ptr<Handle> handle) : handle_(std::move(handle)) {}
@@ -315,6 +340,7 @@ std::string PacketSource::setFilter(const std::string& filter) {
     handle_->program = program;
     handle_->hasProgram = isNeeded;
     handle_->filter = filter;
+    handle_->dropOthers();
     return "";
 }
 

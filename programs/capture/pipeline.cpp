@@ -119,16 +119,26 @@ Dispatcher::Dispatcher(const std::vector<Parser*>& parsers)
         batch = std::make_unique<Batch>();
 }
 
+// A damaged time, or several captures in one file, must neither end what goes on nor keep what has
+// ended: the clock does not go back, and jumps only where two segments in a row say so.
+void Dispatcher::setClock(std::int64_t seconds) {
+    constexpr std::int64_t kJump = 3600;
+    if (number_ == 1)
+        clock_ = lookedAt_ = seconds;
+    const bool isFar = seconds > clock_ + kJump;
+    if (!isFar || (jump_ != 0 && seconds > jump_ - kJump && seconds < jump_ + kJump))
+        clock_ = std::max(clock_, seconds);
+    jump_ = isFar ? seconds : 0;
+}
+
 void Dispatcher::segment(const Segment& segment) {
     if (segment.payload.size() > Batch::kMostBytes)
         return;  // no source gives one
     ++number_;
-    // A damaged time must not keep silent connections alive for ever.
-    if (segment.time.seconds < lookedAt_ || number_ == 1)
-        lookedAt_ = segment.time.seconds;
-    if (segment.time.seconds - lookedAt_ >= kExpirySeconds) {
-        lookedAt_ = segment.time.seconds;
-        send(false, segment.time);
+    setClock(segment.time.seconds);
+    if (clock_ - lookedAt_ >= kExpirySeconds) {
+        lookedAt_ = clock_;
+        send(false, clock_);
     }
     const std::uint64_t hash = connectionHash(segment.source, segment.destination);
     const std::size_t place = hash % parsers_.size();
@@ -136,6 +146,7 @@ void Dispatcher::segment(const Segment& segment) {
         send(false);
     batches_[place]->add(segment);
     batches_[place]->segments.back().number = number_;
+    batches_[place]->segments.back().clock = clock_;
     hasCollected_ = true;
 }
 
@@ -147,7 +158,7 @@ std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
     return batch;
 }
 
-void Dispatcher::send(bool isLast, std::optional<Timestamp> expired) {
+void Dispatcher::send(bool isLast, std::optional<std::int64_t> expired) {
     for (std::size_t i = 0; i < parsers_.size(); ++i) {
         Batch& batch = *batches_[i];
         batch.lastNumber = number_;

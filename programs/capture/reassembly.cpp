@@ -53,7 +53,7 @@ std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
         }
     }
     next_ += static_cast<std::uint32_t>(bytes.size());
-    movedOn_ = arrival.time.seconds;
+    movedOn_ = arrival.clock;
     return bytes;
 }
 
@@ -121,14 +121,14 @@ void Reassembly::acknowledge(std::uint32_t sequence) {
     knowsAcknowledged_ = true;
 }
 
-bool Reassembly::isGapDue(Timestamp now) const {
+bool Reassembly::isGapDue(std::int64_t now) const {
     if (pieces_.empty())
         return false;
     if (isFull())
         return true;
-    const std::int64_t since = firstHeld().time.seconds;
-    return isHeldAcknowledged() ? now.seconds - since > kPatience
-                                : now.seconds - std::max(since, movedOn_) > kLongPatience;
+    const std::int64_t since = firstHeld().clock;
+    return isHeldAcknowledged() ? now - since > kPatience
+                                : now - std::max(since, movedOn_) > kLongPatience;
 }
 
 std::uint32_t Reassembly::skipGap() {

@@ -55,7 +55,7 @@ public:
     /// How the first of what is held back came.
     const Arrival& firstHeld() const { return pieces_.front().piece->arrival(); }
     /// Whether it is time to step over the gap in front of what is held back.
-    bool isGapDue(Timestamp now) const;
+    bool isGapDue(std::int64_t now) const;
     /// Whether more is held back than may be.
     bool isFull() const { return pieces_.size() > kMostPieces || held_ > kMostBytes; }
     /// Whether the other side is seen, and has not got what is held back either: it is sent again, or

@@ -82,7 +82,7 @@ void StreamFollower::segment(const Segment& segment) {
     Connection* const connection = find(segment);
     if (connection == nullptr)
         return;
-    connection->lastSeen = segment.time.seconds;
+    connection->lastSeen = segment.clock;
     (connection->hasEnded ? ended_ : open_).append(*connection);
     if (connection->hasEnded)
         return;
@@ -95,14 +95,13 @@ void StreamFollower::segment(const Segment& segment) {
     take(*connection, side, segment);
     if (segment.has(Segment::kAck))
         connection->direction(otherSide(side)).acknowledge(segment.acknowledgement);
-    stepOverDue(*connection, segment.time);
+    stepOverDue(*connection, segment.clock);
     tellEnds(*connection);
     if (connection->directions[0].hasEnded() && connection->directions[1].hasEnded()) {
         close(*connection);
         return;
     }
-    if (connection->directions[0].isHoldingBack() || connection->directions[1].isHoldingBack() ||
-        connection->isComplete()) {
+    if (connection->isWaiting()) {
         waiting_.insert(connection);
     } else if (!waiting_.empty()) {
         waiting_.erase(connection);
@@ -115,6 +114,7 @@ void StreamFollower::take(Connection& connection, Side side, const Segment& segm
     Reassembly& direction = connection.direction(side);
     Arrival arrival;
     arrival.time = segment.time;
+    arrival.clock = segment.clock;
     arrival.sequence = segment.sequence + (segment.has(Segment::kSyn) ? 1 : 0);
     arrival.acknowledged = segment.acknowledgement;
     arrival.hasAcknowledged = segment.has(Segment::kAck);
@@ -204,7 +204,7 @@ bool StreamFollower::isOlder(const Reassembly& a, const Reassembly& b) {
 
 // Steps over the gaps for which it is time, the older one first: what one direction holds back may
 // wait for the other.
-void StreamFollower::stepOverDue(Connection& connection, Timestamp now) {
+void StreamFollower::stepOverDue(Connection& connection, std::int64_t now) {
     while (Reassembly* const direction = oldestGap(connection)) {
         const bool isFull = connection.directions[0].isFull() || connection.directions[1].isFull();
         if (!isFull && !direction->isGapDue(now))
@@ -296,18 +296,21 @@ void StreamFollower::closeSilentSince(std::int64_t before) {
         close(*each);
 }
 
-void StreamFollower::expire(Timestamp now) {
-    closeSilentSince(now.seconds - kIdleSeconds);
+void StreamFollower::expire(std::int64_t now) {
+    closeSilentSince(now - kIdleSeconds);
     const std::vector<Connection*> waiting(waiting_.begin(), waiting_.end());
     for (Connection* each : waiting) {
         stepOverDue(*each, now);
         tellEnds(*each);
         account(*each);
         // What is still missing was lost: both sides have all.
-        if (each->isComplete() && now.seconds - each->lastSeen > Reassembly::kPatience)
+        if (each->isComplete() && now - each->lastSeen > Reassembly::kPatience) {
             close(*each);
+        } else if (!each->isWaiting()) {
+            waiting_.erase(each);
+        }
     }
-    while (ended_.oldest() != nullptr && ended_.oldest()->lastSeen < now.seconds - kAfterSeconds)
+    while (ended_.oldest() != nullptr && ended_.oldest()->lastSeen < now - kAfterSeconds)
         forget(*ended_.oldest());
 }
 

@@ -38,9 +38,9 @@ public:
     /// Takes the next segment.
     void segment(const Segment& segment);
 
-    /// Closes the connections that were silent until @p now, in the order in which they were
-    /// opened, and forgets those that ended long enough ago.
-    void expire(Timestamp now);
+    /// Closes the connections that were silent long enough until @p now (of the segments' clock), in
+    /// the order in which they were opened, steps over gaps, and forgets those that ended.
+    void expire(std::int64_t now);
 
     /// Closes the connections that are still open, in the order in which they were opened.
     void finish();
@@ -87,6 +87,9 @@ private:
         std::size_t memory = 0;
 
         Reassembly& direction(Side side) { return directions[static_cast<int>(side)]; }
+        bool isWaiting() const {
+            return directions[0].isHoldingBack() || directions[1].isHoldingBack() || isComplete();
+        }
         bool isComplete() const { return directions[0].isComplete() && directions[1].isComplete(); }
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
@@ -115,7 +118,7 @@ private:
     static bool isOlder(const Reassembly& a, const Reassembly& b);
     static int nextDue(Connection& connection);
     void drain(Connection& connection);
-    void stepOverDue(Connection& connection, Timestamp now);
+    void stepOverDue(Connection& connection, std::int64_t now);
     static Reassembly* oldestGap(Connection& connection);
     void stepOver(Connection& connection, Side side);
     void lose(Connection& connection, Side side, std::uint32_t missing);

@@ -40,10 +40,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::string_view frame = rest.substr(0, length);
         rest.remove_prefix(frame.size());
         Segment segment;
-        if (reader.read(link, frame, time, segment))
+        if (reader.read(link, frame, time, segment)) {
+            segment.clock = time.seconds;
             follower.segment(segment);
+        }
         if (++time.seconds % 10 == 0)
-            follower.expire(time);
+            follower.expire(time.seconds);
     }
     follower.finish();
     return 0;

@@ -90,9 +90,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         segment.cut = data[4] % 16 == 0 ? data[5] : 0;
         time.seconds += data[5] % 4;
         segment.time = time;
+        segment.clock = time.seconds;
         follower.segment(segment);
         if (data[5] > 250)
-            follower.expire(time);
+            follower.expire(time.seconds);
     }
     follower.finish();
     return 0;

@@ -52,6 +52,7 @@ protected:
         segment.flags = flags;
         segment.payload = bytes;
         segment.time = {seconds, 0};
+        segment.clock = seconds;
         follower.segment(segment);
     }
 
@@ -96,13 +97,13 @@ TEST_F(FollowerTest, StepsOverAGapInTimeAndClosesWhatIsSilent) {
     EXPECT_EQ(story_, "1:ab ");
     send(follower, 1, 102, "c", 5);  // one came late
     EXPECT_EQ(story_, "1:ab 1:c ");
-    follower.expire({10, 0});
+    follower.expire(10);
     EXPECT_EQ(story_, "1:ab 1:c ");
-    follower.expire({11, 0});  // five seconds after the last byte in order
+    follower.expire(11);  // five seconds after the last byte in order
     EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh ");
-    follower.expire({5 + StreamFollower::kIdleSeconds, 0});
+    follower.expire(5 + StreamFollower::kIdleSeconds);
     EXPECT_EQ(follower.open(), 1U);
-    follower.expire({6 + StreamFollower::kIdleSeconds, 0});
+    follower.expire(6 + StreamFollower::kIdleSeconds);
     EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh 1. ");
     EXPECT_EQ(follower.open(), 0U);
 }
