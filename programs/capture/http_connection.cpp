@@ -32,22 +32,8 @@ HttpConnection::HttpConnection(Endpoint first, Endpoint second, bool fromStart,
 
 bool HttpConnection::data(Side side, KP_BufferStream& bytes) {
     reading_ = side;
-    if (side != client_ && answering_ && waiting_->size() > 1 && beginsNextAnswer(bytes))
-        parser(side).endBody();
     parser(side).data(bytes);
     return !(first_.stopped() && second_.stopped());
-}
-
-// Whether a status line stands just where the client had all when it sent one of its requests: the
-// answer before has ended there, whatever length it told.
-bool HttpConnection::beginsNextAnswer(KP_BufferStream& bytes) {
-    const std::string_view run = bytes.run();
-    if (!parser(reading_).isInBody() || !parseStatusLine(run.substr(0, run.find('\n'))))
-        return false;
-    const std::uint32_t place = Piece::at(bytes).arrival().sequence;
-    return std::any_of(waiting_->begin() + 1, waiting_->end(), [&](const Request& request) {
-        return request.arrival.hasAcknowledged && request.arrival.acknowledged == place;
-    });
 }
 
 void HttpConnection::missing(Side side, std::uint64_t count) {

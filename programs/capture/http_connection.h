@@ -62,7 +62,6 @@ private:
     BodyRule answer(MessageHead& head);
     void giveUpOldest();
     bool isAnswerOfFront(const Arrival& answer);
-    bool beginsNextAnswer(KP_BufferStream& bytes);
     void leaveHttp();
 
     TransactionSink& sink_;

@@ -88,12 +88,6 @@ public:
     /// whether messages may have been lost.
     bool missing(std::uint64_t count);
 
-    bool isInBody() const {
-        return state_ == State::kBody || state_ == State::kChunked || state_ == State::kUntilClose;
-    }
-    /// Ends the message whose body is being read; the next bytes begin another one.
-    void endBody() { messageEnded(State::kSeek); }
-
     /// The direction has ended: ends the message whose body is being read. May be repeated.
     void finish();
 
