@@ -292,8 +292,10 @@ void StreamFollower::closeSilentSince(std::int64_t before) {
     }
     std::sort(silent.begin(), silent.end(),
               [](const Connection* a, const Connection* b) { return a->opened < b->opened; });
-    for (Connection* each : silent)
+    for (Connection* each : silent) {
         close(*each);
+        forget(*each);  // a late copy would have come long ago
+    }
 }
 
 void StreamFollower::expire(std::int64_t now) {
@@ -305,6 +307,7 @@ void StreamFollower::expire(std::int64_t now) {
         account(*each);
         // What is still missing was lost: both sides have all.
         if (each->isComplete() && now - each->lastSeen > Reassembly::kPatience) {
+            each->lastSeen = now;  // those that have ended stand in the order of their ends
             close(*each);
         } else if (!each->isWaiting()) {
             waiting_.erase(each);
