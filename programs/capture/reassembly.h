@@ -58,9 +58,9 @@ public:
     bool isGapDue(std::int64_t now) const;
     /// Whether more is held back than may be.
     bool isFull() const { return pieces_.size() > kMostPieces || held_ > kMostBytes; }
-    /// Whether the other side is seen, and has not got what is held back either: it is sent again, or
-    /// was never meant for this connection.
-    bool isUnconfirmed() const { return knowsAcknowledged_ && !isHeldAcknowledged(); }
+    /// Whether there is a gap, and the other side is seen and has not got what stands behind it either:
+    /// it is sent again, or was never meant for this connection.
+    bool isUnconfirmed() const { return !isDue() && knowsAcknowledged_ && !isHeldAcknowledged(); }
     /// Steps over that gap; returns how many bytes are missing, 0 when there is none.
     std::uint32_t skipGap();
     /// Steps over bytes before @p end of which a packet has only told the number, as far as none of them

@@ -211,6 +211,7 @@ void StreamFollower::stepOverDue(Connection& connection, std::int64_t now) {
             break;
         if (!isFull && direction->isUnconfirmed()) {
             direction->drop();
+            drain(connection);  // the other side need not wait for it any more
             continue;
         }
         stepOver(connection, direction == connection.directions ? Side::kFirst : Side::kSecond);

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
-#include <thread>
 
 #include "kp/core/exception.h"
 #include "kp/tools/tools.h"
@@ -119,33 +117,6 @@ TEST_F(LogTest, RetWritesTheLocalTimeAndLinesOfAnyLength) {
         KP_Log::ret("%s", text.c_str());
         EXPECT_EQ(site_.newLog(), "TIME - " + text + "\n");
     }
-}
-
-TEST_F(LogTest, LinesOfSeveralThreadsStayWhole) {
-    site_.openLog();
-    std::thread threads[4];
-    std::string expected;
-    for (int i = 0; i < 800; ++i) {
-        expected += "TIME - a line\n";
-    }
-    for (std::thread& thread : threads) {
-        thread = std::thread([] {
-            for (int line = 0; line < 200; ++line) {
-                KP_Log::ret("%s", "a line");
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(site_.newLog(), expected);
-}
-
-TEST_F(LogTest, TellsErrnoInWords) {
-    errno = 0;
-    EXPECT_STREQ(KP_Log::sys_err_str(), "");
-    errno = 2;
-    EXPECT_STREQ(KP_Log::sys_err_str(), "(errno = 2)");
 }
 
 }  // namespace

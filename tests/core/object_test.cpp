@@ -101,27 +101,6 @@ TEST(IdentityTest, EveryClassHasItsNameAndAnswersToExactlyItsIdentifiers) {
     }
 }
 
-// A host's class: two ways to the root, and the identifier of its second base.
-class Host : public KP_ReferenceCounter, public KP_Compare {
-public:
-    char* getClassName() override { return kp::detail::className("Host"); }
-    int queryInterface(unsigned long id, void** out) override {
-        return kp::detail::answerAs<KP_ReferenceCounter, Host, KP_Compare, KP_Object>(this, id,
-                                                                                      out);
-    }
-    static unsigned long getClassID() { return KP_Compare::getClassID(); }
-};
-
-TEST(IdentityTest, TheFirstClassThatAnswersWins) {
-    Host host;
-    void* out = nullptr;
-    ASSERT_NE(static_cast<void*>(&host), static_cast<KP_Compare*>(&host));
-    EXPECT_EQ(host.queryInterface(KP_Compare::getClassID(), &out), 0);
-    EXPECT_EQ(out, &host);
-    EXPECT_EQ(host.queryInterface(KP_Object::getClassID(), &out), 0);
-    EXPECT_EQ(out, static_cast<KP_Object*>(&host));
-}
-
 class Counted : public KP_ReferenceCounter {
 public:
     explicit Counted(std::atomic<int>* ends) : ends_(ends) {}

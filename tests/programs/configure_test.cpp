@@ -35,7 +35,6 @@ protected:
 
 TEST_F(ConfigureTest, WritesAnInstallationThatLoadsWithAllItsSettings) {
     const kp::test::OwnPort port;
-    const std::string longFilter = "tcp" + std::string(505, ' ') + "or";
     const Outcome outcome = configure({"--name",    "engine.1",
                                        "--port",    std::to_string(port.number()),
                                        "--device",  "eth0",

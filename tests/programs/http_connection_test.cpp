@@ -160,22 +160,6 @@ TEST(HttpConnectionTest, GivesTheSameForCutsAnywhere) {
         ASSERT_EQ(play(turns, cut), whole) << "pieces of " << cut;
         ASSERT_EQ(play(turns, 1, cut), whole) << "single bytes behind " << cut;
     }
-    // Every single cut: as the first piece of the turn that it lies in.
-    for (std::size_t i = 0; i < turns.size(); ++i) {
-        for (std::size_t cut = 1; cut < turns[i].bytes.size(); ++cut) {
-            Turns halves = turns;
-            halves[i].bytes.resize(cut);
-            halves.insert(halves.begin() + static_cast<long>(i) + 1,
-                          {turns[i].side, turns[i].bytes.substr(cut)});
-            Rows rows = play(halves);
-            ASSERT_EQ(rows.size(), whole.size()) << i << '/' << cut;
-            for (std::size_t r = 0; r < rows.size(); ++r) {  // times shift behind the cut
-                EXPECT_EQ(rows[r].substr(0, rows[r].find('@')),
-                          whole[r].substr(0, whole[r].find('@')))
-                    << i << '/' << cut;
-            }
-        }
-    }
 }
 
 TEST(HttpConnectionTest, MakesNothingOfWhatHasNoCounterpart) {

@@ -45,10 +45,21 @@ protected:
     }
     void send(StreamFollower& follower, int port, std::uint32_t sequence, const std::string& bytes,
               std::int64_t seconds, std::uint8_t flags = Segment::kAck) {
+        pass(follower, {1, static_cast<std::uint16_t>(port)}, {2, 80}, sequence, 0, bytes, seconds,
+             flags);
+    }
+    void answer(StreamFollower& follower, std::uint32_t sequence, std::uint32_t acknowledgement,
+                const std::string& bytes, std::int64_t seconds) {
+        pass(follower, {2, 80}, {1, 1}, sequence, acknowledgement, bytes, seconds, Segment::kAck);
+    }
+    static void pass(StreamFollower& follower, Endpoint source, Endpoint destination,
+                     std::uint32_t sequence, std::uint32_t acknowledgement,
+                     const std::string& bytes, std::int64_t seconds, std::uint8_t flags) {
         Segment segment;
-        segment.source = {1, static_cast<std::uint16_t>(port)};
-        segment.destination = {2, 80};
+        segment.source = source;
+        segment.destination = destination;
         segment.sequence = sequence;
+        segment.acknowledgement = acknowledgement;
         segment.flags = flags;
         segment.payload = bytes;
         segment.time = {seconds, 0};
@@ -106,6 +117,20 @@ TEST_F(FollowerTest, StepsOverAGapInTimeAndClosesWhatIsSilent) {
     follower.expire(6 + StreamFollower::kIdleSeconds);
     EXPECT_EQ(story_, "1:ab 1:c (1) 1:ef 1:gh 1. ");
     EXPECT_EQ(follower.open(), 0U);
+}
+
+TEST_F(FollowerTest, WhatWaitedForStraysIsHandedOutWhenTheyAreDropped) {
+    StreamFollower follower(*this, 1000000);
+    send(follower, 1, 100, "ab", 0);
+    answer(follower, 0, 102, "AB", 1);
+    send(follower, 1, 104, "ef", 2);    // behind a gap, and never acknowledged
+    answer(follower, 2, 103, "CD", 2);  // answers what was not captured
+    follower.expire(7);
+    EXPECT_EQ(story_, "1:ab 1:AB ");
+    follower.expire(8);
+    EXPECT_EQ(story_, "1:ab 1:AB 1:CD ");
+    send(follower, 1, 102, "cd", 8);
+    EXPECT_EQ(story_, "1:ab 1:AB 1:CD 1:cd ");
 }
 
 }  // namespace
