@@ -22,6 +22,7 @@
 #include "live_config.h"
 #include "packet_source.h"
 #include "pipeline.h"
+#include "recorder.h"
 #include "summary.h"
 #include "transaction_printer.h"
 
@@ -101,7 +102,8 @@ public:
           options_(options),
           config_(configurationOf(manager), [this] { send(kConfigurationChanged); }),
           printer_(output),
-          rowsAreShown_(options.print && isatty(output) != 0) {
+          rowsAreShown_(options.print && isatty(output) != 0),
+          isShifted_(options.start.has_value()) {
         manager_.addHandler(this);
     }
     Engine(const Engine&) = delete;
@@ -121,8 +123,11 @@ private:
     void startStages();
     void endStages();
     void readSource(PacketSource& source);
+    void shift(Timestamp& time);
     PacketSource::Result readPackets(PacketSource& source);
-    void record(const Transaction& transaction);
+    void startRecording();
+    void take(Transaction&& transaction);
+    void tell(const std::string& text);
     void idle(bool isLast);
     Status status() const;
     void complain(const std::string& text);
@@ -138,12 +143,15 @@ private:
     std::mutex sending_;            // messages are sent by one thread at a time
     std::vector<Parser*> parsers_;  // owned by the manager's list, as the next two are
     Output* output_ = nullptr;
+    Recorder* recorder_ = nullptr;  // none when nothing is recorded
     FrontEnd* frontEnd_ = nullptr;
     SegmentReader segments_;
     std::unique_ptr<Dispatcher> dispatcher_;
     std::atomic<const char*> state_{"starting"};
     std::atomic<bool> isPaced_{false};
     std::atomic<bool> filterChanged_{false};
+    const bool isShifted_;               // the packets get other times than they had
+    std::optional<std::int64_t> shift_;  // by so many seconds
     bool isGood_ = true;
     bool isRunning_ = false;  // the stages are
 
@@ -160,6 +168,8 @@ int Engine::handleMessage(KP_Message* message) {
         judgingChanged_ = true;
     } else if (text == kDayBegan) {
         KP_Log::ret("kp-capture: a new day has begun");
+        if (recorder_ != nullptr)
+            recorder_->dayBegan();
     } else if (text == kShutdown) {
         if (PacketSource* source = stoppable)
             source->stop();
@@ -173,10 +183,14 @@ void Engine::send(const char* text) {
     manager_.sendMessage(&message);
 }
 
-void Engine::complain(const std::string& text) {
-    isGood_ = false;
+void Engine::tell(const std::string& text) {
     std::fprintf(stderr, "kp-capture: %s\n", text.c_str());
     KP_Log::ret("kp-capture: %s", text.c_str());
+}
+
+void Engine::complain(const std::string& text) {
+    isGood_ = false;
+    tell(text);
 }
 
 // Null when a signal came while the source was being opened.
@@ -197,14 +211,30 @@ std::unique_ptr<PacketSource> Engine::openSource() {
     }
 }
 
+// Before there are other threads.
+void Engine::startRecording() {
+    Recorder::Settings settings;
+    settings.directory = config_.current()->databaseDir;
+    settings.mayWait = !options_.replay.empty();
+    settings.daysToKeep = [this] { return config_.current()->daysOfDataToKeep; };
+    settings.complain = [this](const std::string& text) { tell(text); };
+    recorder_ = new Recorder(std::move(settings));
+    if (recorder_ == nullptr)
+        throw std::bad_alloc();
+    manager_.append(recorder_);
+    recorder_->open();
+}
+
 void Engine::startStages() {
     const auto add = [this](KP_Thread* stage) {
         if (stage == nullptr)
             throw std::bad_alloc();
         manager_.append(stage);
     };
+    if (options_.isRecorded())
+        startRecording();
     output_ = new Output(
-        options_.threads, [this](const Transaction& transaction) { record(transaction); },
+        options_.threads, [this](Transaction&& transaction) { take(std::move(transaction)); },
         [this](bool isLast) { idle(isLast); }, faults_);
     add(output_);
     for (unsigned i = 0; i < options_.threads; ++i) {
@@ -238,22 +268,27 @@ void Engine::endStages() {
         dispatcher_->finish();
         output_->waitUntilFinished();
     }
+    if (isRunning_ && recorder_ != nullptr)
+        recorder_->finish();
     isRunning_ = false;
     send(kShutdown);
     manager_.stop();
     manager_.join(nullptr, 0);
     manager_.clear();
     output_ = nullptr;
+    recorder_ = nullptr;
     parsers_.clear();
 }
 
-void Engine::record(const Transaction& transaction) {
+void Engine::take(Transaction&& transaction) {
     if (judgingChanged_.exchange(false))
         judging_ = config_.current();
     const Judgement judgement = judge(*judging_, transaction);
     summary_.addTransaction(transaction, judgement);
     if (options_.print && (options_.all || judgement.inRanges))
         printer_.print(transaction, judgement);
+    if (recorder_ != nullptr && judgement.inRanges)
+        recorder_->record(std::move(transaction), judgement);
 }
 
 // Lines are written at least once a second, and before a wait.
@@ -271,9 +306,23 @@ Status Engine::status() const {
     result.emplace_back("connections_kept", std::to_string(output_->openConnections()));
     result.emplace_back("connections_given_up", std::to_string(output_->givenUp()));
     result.emplace_back("bytes_missing", std::to_string(output_->missingBytes()));
+    if (recorder_ != nullptr) {
+        const std::string fault = recorder_->fault();
+        result.emplace_back("recording", fault.empty() ? "yes" : "failing: " + fault);
+        result.emplace_back("recorded", std::to_string(recorder_->recorded()));
+        result.emplace_back("not_recorded", std::to_string(recorder_->lost()));
+    } else {
+        result.emplace_back("recording", "no");
+    }
     result.emplace_back("clients", std::to_string(frontEnd_->clients()));
     result.emplace_back("clients_refused", std::to_string(frontEnd_->refused()));
     return result;
+}
+
+void Engine::shift(Timestamp& time) {
+    if (!shift_)
+        shift_ = *options_.start - time.seconds;
+    time.seconds = std::max<std::int64_t>(time.seconds + *shift_, 0);
 }
 
 PacketSource::Result Engine::readPackets(PacketSource& source) {
@@ -291,6 +340,8 @@ PacketSource::Result Engine::readPackets(PacketSource& source) {
         const PacketSource::Result result = source.next(packet);
         if (result == PacketSource::Result::kPacket) {
             summary_.addPacket(packet.bytes.size());
+            if (isShifted_)
+                shift(packet.time);
             if (segments_.read(packet.linkType, packet.bytes, packet.time, segment))
                 dispatcher_->segment(segment);
         } else if (result != PacketSource::Result::kNothing) {
@@ -342,6 +393,12 @@ int Engine::run() {
     output_->waitUntilFinished();
     summary_.setConnections(output_->connections());
     summary_.setLosses(output_->givenUp(), output_->missingBytes());
+    if (recorder_ != nullptr) {
+        recorder_->flush();
+        summary_.setRecorded(recorder_->recorded(), recorder_->lost());
+        if (recorder_->lost() != 0)
+            complain(std::to_string(recorder_->lost()) + " transactions were not recorded");
+    }
     if (faults_.any())
         complain(faults_.first());
     if (printer_.isFailed())

@@ -15,8 +15,18 @@ std::size_t textSize(const Transaction& transaction) {
            transaction.referer.size();
 }
 
+constexpr std::int64_t kLongestResponse = 86400;  // seconds; a longer one is a damaged time
+
 std::string_view withoutParameters(std::string_view contentType) {
     return trim(contentType.substr(0, contentType.find(';')));
+}
+
+// Packets may be captured in another order than they were sent: then no time has passed.
+std::int64_t microsecondsBetween(Timestamp start, Timestamp end) {
+    const std::int64_t seconds =
+        std::clamp<std::int64_t>(end.seconds - start.seconds, -1, kLongestResponse);
+    const std::int64_t microseconds = std::int64_t{end.microseconds} - start.microseconds;
+    return std::max<std::int64_t>(seconds * 1000000 + microseconds, 0);
 }
 
 }  // namespace
@@ -146,6 +156,7 @@ BodyRule HttpConnection::answer(MessageHead& head) {
         Transaction& transaction = waiting_->front().transaction;
         answering_ = true;
         transaction.status = head.status;
+        transaction.responseTime = microsecondsBetween(transaction.time, head.arrival.time);
         transaction.contentType = withoutParameters(head.contentType);
         isHead = transaction.method == "HEAD";
         if (transaction.method == "CONNECT" && head.status < 300)

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "records/time_text.h"
+
 namespace kp::capture {
 
 namespace {
@@ -66,6 +68,21 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->check(CLI::Range(1, 64))
         ->capture_default_str()
         ->type_name("N");
+    app.add_option_function<std::string>(
+           "--start",
+           [&](const std::string& text) {
+               try {
+                   options.start = records::parseTime(text).start;
+               } catch (const records::TimeTextError& error) {
+                   throw CLI::ValidationError("--start", error.what());
+               }
+           },
+           "Replay as if the first packet came then: now, YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\"")
+        ->needs(replay)
+        ->type_name("TIME");
+    app.add_flag("--record,!--no-record", options.record,
+                 "Write the transactions inside the ranges into the database directory, a file a\n"
+                 "day (default when a device is watched); kp-query asks them");
     app.add_flag("--serve", options.serve,
                  "Serve the administration front end (kp-admin) on the configured port; a replay\n"
                  "goes on serving after its end, until it is told to stop");

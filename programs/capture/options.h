@@ -1,6 +1,7 @@
 // kp-capture: the command line.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -12,11 +13,16 @@ struct Options {
     std::string replay;  ///< file to read, "-" for standard input; empty: none
     std::string device;  ///< empty: the configured one
     unsigned threads = 1;
+    std::optional<std::int64_t>
+        start;                   ///< when a replay's first packet is to have come, since 1970
+    std::optional<bool> record;  ///< none: a device is recorded, a file is not
     bool serve = false;
     unsigned clientTimeout = 60;  ///< seconds
     bool verbose = false;
     bool print = false;
     bool all = false;
+
+    bool isRecorded() const { return record.value_or(replay.empty()); }
 };
 
 /// Reads the command line into @p options. Returns the exit status when the program has nothing

@@ -193,13 +193,13 @@ void Output::writeRound() {
         parts.push_back(std::move(parser.front()));
         parser.pop_front();
     }
-    std::vector<const Row*> round;
+    std::vector<Row*> round;
     std::uint64_t connections = 0;
     std::size_t open = 0;
     std::uint64_t givenUp = 0;
     std::uint64_t missing = 0;
-    for (const Rows& rows : parts) {
-        for (const Row& row : rows.rows)
+    for (Rows& rows : parts) {
+        for (Row& row : rows.rows)
             round.push_back(&row);
         connections += rows.connections;
         open += rows.open;
@@ -215,8 +215,8 @@ void Output::writeRound() {
         };
         return place(a) < place(b);
     });
-    for (const Row* row : round)
-        row_(row->transaction);
+    for (Row* row : round)
+        row_(std::move(row->transaction));
     connections_ = connections;
     open_ = open;
     givenUp_ = givenUp;

@@ -145,7 +145,7 @@ private:
 /// Puts the parsers' rows in order.
 class Output : public KP_Thread {
 public:
-    using RowFunction = std::function<void(const Transaction&)>;
+    using RowFunction = std::function<void(Transaction&&)>;
     using IdleFunction = std::function<void(bool isLast)>;
 
     /// @p row gets each transaction, in order; @p idle is called when nothing is left to be done at

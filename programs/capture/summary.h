@@ -36,6 +36,12 @@ public:
         givenUp_ = givenUp;
         missingBytes_ = missingBytes;
     }
+    /// Transactions that were written into the database directory, and that should have been.
+    void setRecorded(std::uint64_t recorded, std::uint64_t lost) {
+        isRecorded_ = true;
+        recorded_ = recorded;
+        notRecorded_ = lost;
+    }
     void setFilteredOut(std::uint64_t packets) { filteredOut_ = packets; }
     void setDropped(std::uint64_t packets) { dropped_ = packets; }
 
@@ -67,6 +73,9 @@ private:
     std::atomic<std::uint64_t> connections_{0};
     std::atomic<std::uint64_t> givenUp_{0};
     std::atomic<std::uint64_t> missingBytes_{0};
+    std::atomic<bool> isRecorded_{false};
+    std::atomic<std::uint64_t> recorded_{0};
+    std::atomic<std::uint64_t> notRecorded_{0};
     std::atomic<std::uint64_t> filteredOut_{0};
     std::atomic<std::uint64_t> dropped_{0};
     mutable std::mutex mutex_;  // guards the rest

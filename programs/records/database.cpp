@@ -1,0 +1,122 @@
+#include "database.h"
+
+#include <sqlite3.h>
+
+#include <new>
+
+namespace kp::records {
+
+namespace {
+
+constexpr int kPatience = 5000;  // milliseconds
+
+}  // namespace
+
+void Database::Close::operator()(sqlite3* handle) const {
+    sqlite3_close_v2(handle);
+}
+
+Database::Database(const std::string& path, Access access) : path_(path) {
+    const int flags =
+        access == Access::kRead ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    sqlite3* handle = nullptr;
+    const int result = sqlite3_open_v2(path.c_str(), &handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+    handle_.reset(handle);
+    if (!handle_)
+        throw std::bad_alloc();
+    if (result != SQLITE_OK)
+        fail();
+    sqlite3_busy_timeout(handle, kPatience);
+}
+
+Database::Database(Database&&) noexcept = default;
+Database::~Database() = default;
+
+void Database::fail() const {
+    throw DatabaseError(path_ + ": " + sqlite3_errmsg(handle_.get()));
+}
+
+void Database::execute(const std::string& sql) {
+    if (sqlite3_exec(handle_.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+        fail();
+}
+
+std::int64_t Database::number(const std::string& sql) {
+    Statement statement(*this, sql);
+    return statement.step() ? statement.number(0) : 0;
+}
+
+bool Database::isInTransaction() const {
+    return sqlite3_get_autocommit(handle_.get()) == 0;
+}
+
+void Statement::Finalize::operator()(sqlite3_stmt* handle) const {
+    sqlite3_finalize(handle);
+}
+
+Statement::Statement(Database& database, const std::string& sql) : database_(&database) {
+    sqlite3_stmt* handle = nullptr;
+    const int result =
+        sqlite3_prepare_v2(database.handle_.get(), sql.c_str(), -1, &handle, nullptr);
+    handle_.reset(handle);
+    check(result);
+}
+
+void Statement::check(int result) const {
+    if (result != SQLITE_OK)
+        database_->fail();
+}
+
+void Statement::bind(int parameter, std::int64_t value) {
+    check(sqlite3_bind_int64(handle_.get(), parameter, value));
+}
+
+void Statement::bind(int parameter, std::string_view text) {
+    // A null pointer would be NULL, an empty text is one.
+    const char* const start = text.data() != nullptr ? text.data() : "";
+    check(sqlite3_bind_text(handle_.get(), parameter, start, static_cast<int>(text.size()),
+                            SQLITE_STATIC));
+}
+
+void Statement::bindNull(int parameter) {
+    check(sqlite3_bind_null(handle_.get(), parameter));
+}
+
+bool Statement::step() {
+    const int result = sqlite3_step(handle_.get());
+    if (result != SQLITE_ROW && result != SQLITE_DONE)
+        database_->fail();
+    return result == SQLITE_ROW;
+}
+
+void Statement::reset() {
+    sqlite3_reset(handle_.get());  // repeats only what step() has told
+}
+
+void Statement::run() {
+    try {
+        step();
+    } catch (...) {
+        reset();
+        throw;
+    }
+    reset();
+}
+
+bool Statement::isNull(int column) const {
+    return sqlite3_column_type(handle_.get(), column) == SQLITE_NULL;
+}
+
+std::int64_t Statement::number(int column) const {
+    return sqlite3_column_int64(handle_.get(), column);
+}
+
+std::string_view Statement::text(int column) const {
+    const auto* const text =
+        reinterpret_cast<const char*>(sqlite3_column_text(handle_.get(), column));
+    if (text == nullptr)
+        return {};
+    return {text, static_cast<std::size_t>(sqlite3_column_bytes(handle_.get(), column))};
+}
+
+}  // namespace kp::records

@@ -1,0 +1,93 @@
+// SQLite behind two small classes that close what they opened and throw what went wrong.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace kp::records {
+
+/// What SQLite refused, with the file's path; what() is for the user.
+class DatabaseError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Statement;
+
+/// An open database file.
+///
+/// Threads: one at a time.
+class Database {
+public:
+    enum class Access { kRead, kWrite };  ///< kWrite makes the file when there is none
+
+    /// Opens a file; waits up to five seconds whenever somebody else has it locked.
+    Database(const std::string& path, Access access);
+    Database(Database&&) noexcept;  // before it has statements
+    Database& operator=(Database&&) = delete;
+    ~Database();
+
+    const std::string& path() const { return path_; }
+
+    /// Runs statements that give no rows, or whose rows nobody needs.
+    void execute(const std::string& sql);
+    /// The first column of the first row; 0 without a row.
+    std::int64_t number(const std::string& sql);
+    /// Whether a transaction has begun and not ended.
+    bool isInTransaction() const;
+
+private:
+    friend class Statement;
+    [[noreturn]] void fail() const;
+
+    struct Close {
+        void operator()(sqlite3* handle) const;
+    };
+    std::string path_;
+    std::unique_ptr<sqlite3, Close> handle_;
+};
+
+/// A prepared statement: bind its parameters (from 1 on), step through its rows, read their columns
+/// (from 0 on), reset.
+///
+/// The database must outlive it. All operations throw DatabaseError.
+class Statement {
+public:
+    /// Prepares nothing yet, so that it can be a member.
+    Statement() = default;
+    Statement(Database& database, const std::string& sql);
+
+    void bind(int parameter, std::int64_t value);
+    /// The text must stay as it is until the statement is reset.
+    void bind(int parameter, std::string_view text);
+    void bindNull(int parameter);
+
+    /// Goes to the next row; false when there is none.
+    bool step();
+    /// Makes it ready to run again; parameters keep their values.
+    void reset();
+    /// Runs a statement without rows, and resets it.
+    void run();
+
+    bool isNull(int column) const;
+    std::int64_t number(int column) const;
+    /// Valid until the next step or reset.
+    std::string_view text(int column) const;
+
+private:
+    void check(int result) const;
+
+    struct Finalize {
+        void operator()(sqlite3_stmt* handle) const;
+    };
+    Database* database_ = nullptr;
+    std::unique_ptr<sqlite3_stmt, Finalize> handle_;
+};
+
+}  // namespace kp::records

@@ -1,0 +1,105 @@
+#include "day.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace kp::records {
+
+namespace {
+
+constexpr int kFirstYear = 1970;
+constexpr int kLastYear = 9999;
+
+std::tm tmOf(const Day& day) {
+    std::tm tm = {};
+    tm.tm_year = day.year - 1900;
+    tm.tm_mon = day.month - 1;
+    tm.tm_mday = day.day;
+    tm.tm_isdst = -1;
+    return tm;
+}
+
+Day dayOfTm(const std::tm& tm) {
+    Day day;
+    day.year = tm.tm_year + 1900;
+    day.month = tm.tm_mon + 1;
+    day.day = tm.tm_mday;
+    return day;
+}
+
+int digits(std::string_view text) {
+    int value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9')
+            return -1;
+        value = value * 10 + (c - '0');
+    }
+    return value;
+}
+
+}  // namespace
+
+std::string Day::text() const {
+    char text[40];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d", year, month, day);
+    return text;
+}
+
+Day Day::plus(int days) const {
+    std::tm tm = tmOf(*this);
+    tm.tm_mday += days;
+    tm.tm_isdst = 0;
+    timegm(&tm);  // puts the fields right
+    return dayOfTm(tm);
+}
+
+std::int64_t Day::start() const {
+    std::tm tm = tmOf(*this);
+    std::time_t start = std::mktime(&tm);
+    // Where the clocks are set forward at midnight the day begins with the first moment that exists.
+    while (records::dayOf(start) && *records::dayOf(start) < *this)
+        start += 900;
+    return start;
+}
+
+std::optional<Day> parseDay(std::string_view text) {
+    if (text.size() != 10 || text[4] != '-' || text[7] != '-')
+        return {};
+    Day day;
+    day.year = digits(text.substr(0, 4));
+    day.month = digits(text.substr(5, 2));
+    day.day = digits(text.substr(8));
+    const bool isDay = day.year >= kFirstYear && day.month >= 1 && day.day >= 1 && day.month <= 12;
+    // The calendar moves what does not exist, the 30th of February, say.
+    if (!isDay || day.plus(0) != day)
+        return {};
+    return day;
+}
+
+std::optional<Day> dayOf(std::int64_t seconds) {
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm tm = {};
+    if (localtime_r(&time, &tm) == nullptr)
+        return {};
+    if (tm.tm_year < kFirstYear - 1900 || tm.tm_year > kLastYear - 1900)
+        return {};
+    return dayOfTm(tm);
+}
+
+Day today() {
+    return dayOf(std::time(nullptr)).value_or(Day());
+}
+
+std::optional<Day> DayFinder::dayOf(std::int64_t seconds) {
+    if (seconds >= start_ && seconds < end_)
+        return day_;
+    const std::optional<Day> day = records::dayOf(seconds);
+    if (day) {
+        day_ = *day;
+        start_ = day->start();
+        end_ = day->plus(1).start();
+    }
+    return day;
+}
+
+}  // namespace kp::records

@@ -1,0 +1,116 @@
+#include "schema.h"
+
+#include <string>
+
+namespace kp::records {
+
+namespace {
+
+// SQLite keeps the comments within a statement, so the file explains itself to whoever opens it.
+constexpr const char* kTables = R"sql(
+CREATE TABLE transactions (
+    -- One row a request, in the order in which their answers ended.
+    id            INTEGER PRIMARY KEY,
+    time          INTEGER NOT NULL, -- of the request, microseconds since 1970
+    response_time INTEGER,          -- until the answer began, microseconds; NULL: no answer
+    client        INTEGER NOT NULL, -- IPv4 address, the first number of its dotted form on top
+    client_port   INTEGER NOT NULL,
+    server        INTEGER NOT NULL,
+    server_port   INTEGER NOT NULL,
+    method        INTEGER NOT NULL REFERENCES methods,
+    host          INTEGER NOT NULL REFERENCES hosts,
+    status        INTEGER,          -- NULL: no answer
+    type          INTEGER NOT NULL REFERENCES types, -- content type without parameters
+    body_bytes    INTEGER NOT NULL, -- seen of the answer's body
+    in_ranges     INTEGER NOT NULL, -- judgements, 1 or 0
+    content       INTEGER NOT NULL,
+    valid_page    INTEGER NOT NULL,
+    entry_point   INTEGER NOT NULL,
+    target        TEXT NOT NULL     -- as sent; tabs, line ends, backslashes and non-ASCII as \xHH
+);
+CREATE INDEX transactions_by_time ON transactions (time);
+)sql";
+
+// What each named thing is, with the totals of its rows, so that the commonest questions need no
+// look at the rows.
+std::string totalsTable(const std::string& name, const std::string& key) {
+    return "CREATE TABLE " + name +
+           " (\n    -- Totals of the rows of each; of those without one under the empty name.\n   "
+           " " +
+           key +
+           ",\n"
+           "    requests      INTEGER NOT NULL,\n"
+           "    body_bytes    INTEGER NOT NULL,\n"
+           "    answers       INTEGER NOT NULL,\n"
+           "    response_time INTEGER NOT NULL -- microseconds, of all answers\n"
+           ");\n";
+}
+
+constexpr const char* kSlots = R"sql(
+CREATE TABLE slots (
+    -- Totals of each quarter of an hour.
+    start         INTEGER PRIMARY KEY, -- seconds since 1970
+    requests      INTEGER NOT NULL,
+    body_bytes    INTEGER NOT NULL,
+    answers       INTEGER NOT NULL,
+    response_time INTEGER NOT NULL,
+    status_2xx    INTEGER NOT NULL,
+    status_3xx    INTEGER NOT NULL,
+    status_4xx    INTEGER NOT NULL,
+    status_5xx    INTEGER NOT NULL,
+    content       INTEGER NOT NULL,
+    valid_pages   INTEGER NOT NULL,
+    entry_points  INTEGER NOT NULL
+);
+CREATE VIEW transactions_text AS
+    SELECT t.id,
+           datetime(t.time / 1000000, 'unixepoch', 'localtime') ||
+               printf('.%06d', t.time % 1000000) AS time,
+           t.response_time / 1000.0 AS response_milliseconds,
+           printf('%d.%d.%d.%d', t.client >> 24, t.client >> 16 & 255, t.client >> 8 & 255,
+                  t.client & 255) AS client,
+           t.client_port,
+           printf('%d.%d.%d.%d', t.server >> 24, t.server >> 16 & 255, t.server >> 8 & 255,
+                  t.server & 255) AS server,
+           t.server_port,
+           methods.name AS method, hosts.name AS host, t.target, t.status, types.name AS type,
+           t.body_bytes, t.in_ranges, t.content, t.valid_page, t.entry_point
+    FROM transactions t
+        JOIN methods ON methods.id = t.method
+        JOIN hosts ON hosts.id = t.host
+        JOIN types ON types.id = t.type;
+)sql";
+
+}  // namespace
+
+bool hasSchema(Database& database) {
+    const std::int64_t application = database.number("PRAGMA application_id");
+    const std::int64_t version = database.number("PRAGMA user_version");
+    const bool isEmpty = database.number("SELECT count(*) FROM sqlite_master") == 0;
+    if (isEmpty && application == 0 && version == 0)
+        return false;
+    if (application != kApplicationId)
+        throw DatabaseError(database.path() + " is no day file of kp-capture");
+    if (version != kSchemaVersion) {
+        throw DatabaseError(database.path() + " has version " + std::to_string(version) +
+                            " of the tables, and this program knows version " +
+                            std::to_string(kSchemaVersion));
+    }
+    return true;
+}
+
+void createSchema(Database& database) {
+    database.execute(kTables);
+    for (const char* table : {"methods", "hosts", "types"}) {
+        database.execute(totalsTable(table,
+                                     "id            INTEGER PRIMARY KEY,\n"
+                                     "    name          TEXT NOT NULL UNIQUE"));
+    }
+    for (const char* table : {"clients", "servers"})
+        database.execute(totalsTable(table, "address       INTEGER PRIMARY KEY"));
+    database.execute(kSlots);
+    database.execute("PRAGMA application_id = " + std::to_string(kApplicationId));
+    database.execute("PRAGMA user_version = " + std::to_string(kSchemaVersion));
+}
+
+}  // namespace kp::records

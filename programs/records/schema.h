@@ -1,0 +1,25 @@
+// What a day file contains. docs/records.md is its manual.
+#pragma once
+
+#include "database.h"
+
+namespace kp::records {
+
+/// In the file's header (PRAGMA user_version); it goes up with every change of the tables.
+constexpr int kSchemaVersion = 1;
+
+/// In the file's header (PRAGMA application_id), so that `file` and we know it: "kpdb".
+constexpr int kApplicationId = 0x6B706462;
+
+/// Seconds in a row of the table `slots`. The offset of every time zone is a multiple of it, so any
+/// hour or day is a sum of slots.
+constexpr int kSlotSeconds = 900;
+
+/// Whether a database has the tables; false for one that is still empty.
+/// Throws DatabaseError when it is something else, or of another version.
+bool hasSchema(Database& database);
+
+/// Makes the tables in an empty database, within the caller's transaction.
+void createSchema(Database& database);
+
+}  // namespace kp::records
