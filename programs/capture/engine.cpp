@@ -67,6 +67,7 @@ void catchSignals() {
         sigaction(number, &action, nullptr);
     }
     signal(SIGPIPE, SIG_IGN);  // the printer tells of a reader that has gone
+    signal(SIGXFSZ, SIG_IGN);  // and the recorder of a file that may not grow
 }
 
 /// Lets the signals stop a source for as long as this lives.
@@ -217,7 +218,7 @@ void Engine::startRecording() {
     settings.directory = config_.current()->databaseDir;
     settings.mayWait = !options_.replay.empty();
     settings.daysToKeep = [this] { return config_.current()->daysOfDataToKeep; };
-    settings.complain = [this](const std::string& text) { tell(text); };
+    settings.tell = [this](const std::string& text) { tell(text); };
     recorder_ = new Recorder(std::move(settings));
     if (recorder_ == nullptr)
         throw std::bad_alloc();

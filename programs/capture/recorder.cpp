@@ -18,7 +18,6 @@ namespace {
 using records::Day;
 
 constexpr std::chrono::milliseconds kCommitPeriod{500};
-constexpr std::chrono::seconds kRetryPeriod{5};
 constexpr std::chrono::seconds kTellingPeriod{10};
 constexpr int kTurn = 100;  // milliseconds
 // What may wait to be written. One that can wait holds no more than is written in a moment; for one
@@ -147,7 +146,7 @@ void Recorder::fail(const std::string& why) {
     lost_ += pending_;
     pending_ = 0;
     days_.clear();  // which takes back what was not committed
-    tryAgain_ = Clock::now() + kRetryPeriod;
+    tryAgain_ = Clock::now() + settings_.retryPeriod;
     const bool isKnown = isFailing_ && why == fault();
     isFailing_ = true;
     if (isKnown)
@@ -156,7 +155,7 @@ void Recorder::fail(const std::string& why) {
         const std::lock_guard<std::mutex> lock(mutex_);
         fault_ = why;
     }
-    settings_.complain("cannot record: " + why + "; watching goes on, and it is tried again");
+    settings_.tell("cannot record: " + why + "; watching goes on, and it is tried again");
 }
 
 void Recorder::recovered() {
@@ -167,7 +166,7 @@ void Recorder::recovered() {
         const std::lock_guard<std::mutex> lock(mutex_);
         fault_.clear();
     }
-    settings_.complain("recording again");
+    settings_.tell("recording again");
 }
 
 // Losses go to the log when they grow, and not for every transaction.
@@ -219,8 +218,7 @@ void Recorder::closeLeftDays() {
         try {
             DayWriter(settings_.directory, day, false).close();
         } catch (const records::DatabaseError& error) {
-            settings_.complain(std::string("cannot close a day that was left open: ") +
-                               error.what());
+            settings_.tell(std::string("cannot close a day that was left open: ") + error.what());
         }
     }
 }
@@ -231,7 +229,8 @@ void Recorder::beginDay() {
     const auto days = static_cast<int>(
         std::min<std::uint32_t>(settings_.daysToKeep(), 1000000));  // more than all that can be
     for (const Day& day : records::deleteDaysBefore(settings_.directory, today.plus(-days)))
-        KP_Log::ret("kp-capture: deleted the records of %s", day.text().c_str());
+        settings_.tell("deleted the records of " + day.text() + ", older than " +
+                       std::to_string(days) + " days");
     if (!settings_.mayWait)
         writerOf(today);
 }

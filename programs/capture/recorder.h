@@ -33,7 +33,7 @@ public:
 /// are needed. When a day begins the files are closed and those of days that are too old deleted.
 ///
 /// When the disk does not take what is written (it is full, or cannot be written at all), what was
-/// not committed is lost and counted, complain is called, and every five seconds it is tried again.
+/// not committed is lost and counted, the user is told, and it is tried again after a while.
 ///
 /// Threads: one hands over; dayBegan(), the counters and fault() are for any.
 class Recorder : public KP_Thread {
@@ -46,7 +46,9 @@ public:
         /// Days before today whose files are kept; asked whenever a day begins.
         std::function<std::uint32_t()> daysToKeep;
         /// Gets a sentence for the user, on any thread.
-        std::function<void(const std::string&)> complain;
+        std::function<void(const std::string&)> tell;
+        /// How long what the disk has refused is not tried again.
+        std::chrono::milliseconds retryPeriod{5000};
     };
 
     explicit Recorder(Settings settings);

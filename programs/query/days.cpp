@@ -1,0 +1,87 @@
+#include "days.h"
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "kp/kp.h"
+#include "records/day_files.h"
+#include "records/schema.h"
+
+namespace kp::query {
+
+namespace {
+
+// The days that one readDays() works off, shared by its tasks.
+struct Work {
+    const std::string& directory;
+    const DayFunction& read;
+    std::atomic<std::size_t> left;
+    KP_Event done;
+    std::mutex mutex;
+    std::exception_ptr fault;  // the first one
+};
+
+struct Task {
+    Work* work;
+    records::Day day;
+
+    void run() noexcept {
+        try {
+            readDay(work->directory, day, work->read);
+        } catch (...) {
+            const std::lock_guard<std::mutex> lock(work->mutex);
+            if (!work->fault)
+                work->fault = std::current_exception();
+        }
+        --work->left;
+        work->done.signal();
+    }
+};
+
+}  // namespace
+
+std::vector<records::Day> daysFor(const std::string& directory, const Filter& filter) {
+    std::vector<records::Day> days = records::daysIn(directory);
+    days.erase(std::remove_if(days.begin(), days.end(),
+                              [&](const records::Day& day) { return !filter.touches(day); }),
+               days.end());
+    return days;
+}
+
+void readDay(const std::string& directory, const records::Day& day, const DayFunction& read) {
+    const std::string path = records::dayPath(directory, day);
+    try {
+        records::Database database(path, records::Database::Access::kRead);
+        database.execute("BEGIN");
+        if (records::hasSchema(database))
+            read(database, day);
+    } catch (const records::DatabaseError&) {
+        if (std::filesystem::exists(path))
+            throw;
+    }
+}
+
+void readDays(const std::string& directory, const Filter& filter, const DayFunction& read) {
+    std::vector<Task> tasks;
+    Work work{directory, read, {}, {}, {}, {}};
+    for (const records::Day& day : daysFor(directory, filter))
+        tasks.push_back({&work, day});
+    work.left = tasks.size();
+    const std::size_t processors = std::max(std::thread::hardware_concurrency(), 1U);
+    KP_ThreadPool pool(static_cast<int>(std::min(processors, tasks.size())));
+    for (Task& task : tasks) {
+        pool.addTask([](void* argument) { static_cast<Task*>(argument)->run(); }, &task, 0);
+    }
+    pool.start();
+    work.done.waitUntil([&] { return work.left == 0; });
+    pool.stop();
+    pool.join(nullptr, 0);
+    if (work.fault)
+        std::rethrow_exception(work.fault);
+}
+
+}  // namespace kp::query

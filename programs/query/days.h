@@ -1,0 +1,28 @@
+// kp-query: reading the files of several days.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "filter.h"
+#include "records/database.h"
+#include "records/day.h"
+
+namespace kp::query {
+
+/// The days of a directory that a filter touches, the oldest first.
+std::vector<records::Day> daysFor(const std::string& directory, const Filter& filter);
+
+using DayFunction = std::function<void(records::Database&, const records::Day&)>;
+
+/// Gives the open file of a day to @p read, which sees it as it is at this moment, whatever an
+/// engine adds to it. A day that has been deleted, or has no tables yet, is skipped.
+/// Throws records::DatabaseError.
+void readDay(const std::string& directory, const records::Day& day, const DayFunction& read);
+
+/// readDay() for all those days, as many at a time as the machine has processors: @p read runs on
+/// several threads, and in no order. Throws the first fault of one of them.
+void readDays(const std::string& directory, const Filter& filter, const DayFunction& read);
+
+}  // namespace kp::query

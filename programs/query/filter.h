@@ -1,0 +1,59 @@
+// kp-query: which requests are asked for.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "records/database.h"
+#include "records/day.h"
+
+namespace kp::query {
+
+/// A condition that cannot be; what() is a sentence for the user.
+class FilterError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Numbers from low to high.
+struct Numbers {
+    std::int64_t low;
+    std::int64_t high;
+};
+
+/// An address, LOW-HIGH or A.B.C.D/BITS. Throws FilterError or kp::programs::SettingError.
+Numbers parseAddresses(const std::string& text);
+/// A status, Nxx, LOW-HIGH, or none, which is 0 to 0. Throws FilterError.
+Numbers parseStatus(const std::string& text);
+
+/// Conditions, all of which hold.
+struct Filter {
+    std::optional<std::int64_t> from;  ///< seconds since 1970
+    std::optional<std::int64_t> to;    ///< before it
+    std::optional<std::string> host;   ///< pattern
+    std::optional<Numbers> client;
+    std::optional<Numbers> server;
+    std::optional<Numbers> status;
+    std::optional<std::string> type;  ///< pattern
+    bool content = false;
+    bool page = false;
+    bool entry = false;
+
+    /// Whether some of a day lies within the times.
+    bool touches(const records::Day& day) const;
+    /// Whether all of it does.
+    bool covers(const records::Day& day) const;
+    /// Whether nothing but times is asked for.
+    bool isOfTimesOnly() const;
+    /// Whether it takes a quarter of an hour whole or not at all.
+    bool isOfWholeSlots() const;
+
+    /// The conditions for the table "transactions" as a WHERE clause; empty for none.
+    std::string where() const;
+    /// Gives a statement with that clause, and no parameter before it, its values.
+    void bind(records::Statement& statement) const;
+};
+
+}  // namespace kp::query

@@ -1,0 +1,31 @@
+#include "groups.h"
+
+#include <cstdio>
+
+#include "kp/tools/tools.h"
+
+namespace kp::query {
+
+void Sums::add(const Sums& other) {
+    requests += other.requests;
+    bodyBytes += other.bodyBytes;
+    answers += other.answers;
+    responseTime += other.responseTime;
+}
+
+std::string Sums::meanResponse() const {
+    if (answers == 0)
+        return {};
+    char text[64];
+    std::snprintf(text, sizeof text, "%.3f",
+                  static_cast<double>(responseTime) / static_cast<double>(answers) / 1000);
+    return text;
+}
+
+std::string addressText(std::int64_t address) {
+    char text[16];
+    KP_Tools::IPAddressString(static_cast<std::uint32_t>(address), text);
+    return text;
+}
+
+}  // namespace kp::query

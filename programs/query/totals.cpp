@@ -1,0 +1,186 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "days.h"
+#include "groups.h"
+#include "questions.h"
+#include "records/schema.h"
+#include "records/time_text.h"
+
+namespace kp::query {
+
+namespace {
+
+constexpr std::size_t kBarWidth = 40;
+
+// What is told of a quarter of an hour, and of every longer time.
+struct Counts {
+    Sums sums;
+    std::array<std::int64_t, 4> byClass{};  // 2xx to 5xx
+    std::int64_t content = 0;
+    std::int64_t pages = 0;
+    std::int64_t entries = 0;
+
+    void add(const Counts& other) {
+        sums.add(other.sums);
+        for (std::size_t i = 0; i < byClass.size(); ++i)
+            byClass[i] += other.byClass[i];
+        content += other.content;
+        pages += other.pages;
+        entries += other.entries;
+    }
+};
+using Slots = std::map<std::int64_t, Counts>;  // by their start, seconds since 1970
+
+// From the totals that the day keeps.
+void addTotals(records::Database& database, const Filter& filter, Slots& slots) {
+    records::Statement rows(
+        database,
+        "SELECT start, requests, body_bytes, answers, response_time, status_2xx, status_3xx, "
+        "status_4xx, status_5xx, content, valid_pages, entry_points FROM slots "
+        "WHERE start >= ? AND start < ?");
+    rows.bind(1, filter.from.value_or(INT64_MIN));
+    rows.bind(2, filter.to.value_or(INT64_MAX));
+    while (rows.step()) {
+        Counts counts;
+        counts.sums = {rows.number(1), rows.number(2), rows.number(3), rows.number(4)};
+        for (int i = 0; i < 4; ++i)
+            counts.byClass[static_cast<std::size_t>(i)] = rows.number(5 + i);
+        counts.content = rows.number(9);
+        counts.pages = rows.number(10);
+        counts.entries = rows.number(11);
+        slots[rows.number(0)].add(counts);
+    }
+}
+
+// From the requests themselves.
+void addRequests(records::Database& database, const Filter& filter, Slots& slots) {
+    records::Statement rows(database,
+                            "SELECT time, body_bytes, response_time, status, content, valid_page, "
+                            "entry_point FROM transactions" +
+                                filter.where());
+    filter.bind(rows);
+    while (rows.step()) {
+        Counts counts;
+        const bool isAnswered = !rows.isNull(2);
+        counts.sums = {1, rows.number(1), isAnswered ? 1 : 0, rows.number(2)};
+        const std::int64_t statusClass = rows.number(3) / 100;
+        if (statusClass >= 2 && statusClass <= 5)
+            counts.byClass[static_cast<std::size_t>(statusClass - 2)] = 1;
+        counts.content = rows.number(4);
+        counts.pages = rows.number(5);
+        counts.entries = rows.number(6);
+        const std::int64_t seconds = rows.number(0) / 1000000;
+        slots[seconds - seconds % records::kSlotSeconds].add(counts);
+    }
+}
+
+// The beginning of the hour or day of a moment.
+std::int64_t periodOf(std::int64_t seconds, Period period) {
+    if (period == Period::kDay) {
+        const auto day = records::dayOf(seconds);
+        return day ? day->start() : seconds;
+    }
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm tm = {};
+    if (localtime_r(&time, &tm) == nullptr)
+        return seconds;
+    return seconds - (tm.tm_min * 60 + tm.tm_sec);
+}
+
+std::int64_t periodAfter(std::int64_t start, Period period) {
+    if (period == Period::kDay) {
+        const auto day = records::dayOf(start);
+        return day ? day->plus(1).start() : start + 86400;
+    }
+    return periodOf(start + 3600, period);
+}
+
+std::vector<Column> columnsOf(Period period, bool hasBar) {
+    std::vector<Column> columns;
+    if (period != Period::kAll)
+        columns.push_back({period == Period::kDay ? "day" : "hour"});
+    for (const char* name : {"requests", "bytes", "response_ms", "no_answer", "2xx", "3xx", "4xx",
+                             "5xx", "content", "pages", "entries"})
+        columns.push_back({name, Column::Kind::kNumber});
+    if (hasBar)
+        columns.push_back({"bar"});
+    return columns;
+}
+
+Cells cellsOf(const Counts& counts) {
+    Cells cells = {std::to_string(counts.sums.requests), std::to_string(counts.sums.bodyBytes),
+                   counts.sums.meanResponse(),
+                   std::to_string(counts.sums.requests - counts.sums.answers)};
+    for (const std::int64_t count : counts.byClass)
+        cells.push_back(std::to_string(count));
+    for (const std::int64_t count : {counts.content, counts.pages, counts.entries})
+        cells.push_back(std::to_string(count));
+    return cells;
+}
+
+std::string bar(std::int64_t value, std::int64_t most) {
+    const auto length = static_cast<std::size_t>(value) * kBarWidth;
+    const auto whole = static_cast<std::size_t>(std::max<std::int64_t>(most, 1));
+    return std::string((length + whole - 1) / whole, '#') + (value == 0 ? " " : "");
+}
+
+// Hours and days between the first and the last one without a request are told, too.
+void write(const Slots& slots, const Options& options, std::FILE* output) {
+    std::map<std::int64_t, Counts> periods;
+    for (const auto& [start, counts] : slots)
+        periods[options.period == Period::kAll ? 0 : periodOf(start, options.period)].add(counts);
+    const bool hasBar = options.period != Period::kAll && options.format == Format::kTable &&
+                        isatty(fileno(output)) != 0;
+    Table table(output, options.format, columnsOf(options.period, hasBar));
+    if (options.period == Period::kAll) {
+        table.add(cellsOf(periods[0]));
+        table.finish();
+        return;
+    }
+    std::int64_t most = 0;
+    for (const auto& [start, counts] : periods)
+        most = std::max(most, counts.sums.requests);
+    std::uint64_t rows = 0;
+    const std::int64_t last = periods.empty() ? 0 : periods.rbegin()->first;
+    for (std::int64_t start = periods.empty() ? 1 : periods.begin()->first;
+         start <= last && (!options.limit || rows < *options.limit);
+         start = periodAfter(start, options.period), ++rows) {
+        const auto found = periods.find(start);
+        const Counts counts = found != periods.end() ? found->second : Counts();
+        Cells cells = cellsOf(counts);
+        const std::size_t shown = options.period == Period::kDay ? 10 : 16;  // no seconds
+        cells.insert(cells.begin(), records::timeText(start).substr(0, shown));
+        if (hasBar)
+            cells.push_back(bar(counts.sums.requests, most));
+        table.add(std::move(cells));
+    }
+    table.finish();
+}
+
+}  // namespace
+
+void totals(const std::string& directory, const Options& options, std::FILE* output) {
+    std::mutex mutex;
+    Slots slots;
+    readDays(directory, options.filter, [&](records::Database& database, const records::Day&) {
+        Slots ofDay;
+        if (options.filter.isOfWholeSlots()) {
+            addTotals(database, options.filter, ofDay);
+        } else {
+            addRequests(database, options.filter, ofDay);
+        }
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (const auto& [start, counts] : ofDay)
+            slots[start].add(counts);
+    });
+    write(slots, options, output);
+}
+
+}  // namespace kp::query
