@@ -11,7 +11,7 @@ KP_FileLock::KP_FileLock(const KP_FileLock& other) : KP_Object(other), fd_(other
 
 KP_FileLock& KP_FileLock::operator=(const KP_FileLock& other) {
     if (this != &other) {
-        use(other.fd_, false);
+        use(other.fd_, ownsFD_ != 0 && fd_ == other.fd_);  // what it has opened stays its own
     }
     return *this;
 }

@@ -128,8 +128,7 @@ bool KP_ThreadList::lockToStop() {
 
 int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
     const kp::detail::Abandonable shield(false);
-    // A thread that stops itself by force does not come back, so it must hold no lock then.
-    KP_Thread* self = nullptr;
+    KP_Thread* forcedSelf = nullptr;
     bool forced = false;
     if (!lockToStop()) {
         return 0;
@@ -144,8 +143,8 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
         for (KP_Thread* thread = referenceTo(position); thread != nullptr;
              thread = referenceTo(++position)) {
             forced = forced || thread->hardStop_ != 0;
-            if (thread->isOwnLoop()) {
-                self = thread;
+            if (thread->isOwnLoop() && thread->hardStop_ != 0) {
+                forcedSelf = thread;
             } else if (thread->stop() != 0) {
                 KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
             }
@@ -156,7 +155,9 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
     if (startWanted_.exchange(false) && !forced) {
         start();
     }
-    if (self != nullptr && self->stop() != 0) {
+    // By force it does not come back, so it must hold no lock; and whoever has started the list again
+    // has taken it for one that goes on.
+    if (forcedSelf != nullptr && running_ == 0 && forcedSelf->stop() != 0) {
         KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
     }
     return 0;

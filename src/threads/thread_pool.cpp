@@ -218,10 +218,17 @@ bool KP_ThreadPool::waitForTask() {
 }
 
 bool KP_ThreadPool::endIdleRun() {
+    const Elements workers = elements();  // The list's lock comes before those of the chains.
     const ChainGuard taking(out_.lock);
     const ChainGuard adding(in_.lock);
     if (out_.first != nullptr || in_.first != nullptr) {
         return false;
+    }
+    // A task that runs may add others. What a worker had that was stopped by force does not count.
+    for (KP_Thread* worker : workers) {
+        if (worker != nullptr && worker->handle_ && worker->task_ != KP_Thread::kNoTask) {
+            return false;
+        }
     }
     return endRun();
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <typeinfo>
 #include <utility>
 
@@ -45,11 +46,13 @@ void merge(const Comparable* from, Comparable* to, std::size_t begin, std::size_
 
 // Sorts objects of any classes by their compare(), from runs of one up; false without the memory.
 bool sortObjects(KP_Object** objects, std::size_t count) {
-    auto* from = static_cast<Comparable*>(std::malloc(2 * count * sizeof(Comparable)));
-    if (from == nullptr) {
+    // Freed also when the comparison of a host's class throws.
+    const std::unique_ptr<void, decltype(&std::free)> memory(
+        std::malloc(2 * count * sizeof(Comparable)), std::free);
+    if (!memory) {
         return false;
     }
-    Comparable* const memory = from;
+    auto* from = static_cast<Comparable*>(memory.get());
     Comparable* to = from + count;
     for (std::size_t i = 0; i < count; ++i) {
         void* view = nullptr;
@@ -67,7 +70,6 @@ bool sortObjects(KP_Object** objects, std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
         objects[i] = from[i].object;
     }
-    std::free(memory);
     return true;
 }
 

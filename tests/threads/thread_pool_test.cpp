@@ -109,6 +109,18 @@ TEST(ThreadPoolTest, LosesNoTaskBetweenAutoStopAndAutoStart) {
     }
 }
 
+TEST(ThreadPoolTest, AStartThatMeetsAWorkerStoppingItsPoolLosesNoWorker) {
+    KP_ThreadPool pool(1);
+    pool.setAutoStart(1);
+    static Count done;
+    done = 0;
+    for (int i = 1; i <= 5000; ++i) {
+        pool.addTask([](void* it) { static_cast<KP_ThreadPool*>(it)->stop(); }, &pool, 1);
+        pool.addTask([](void*) { ++done; }, nullptr, 2);
+        ASSERT_TRUE(until([&] { return pool.start() == 0 && done == i; })) << i;
+    }
+}
+
 TEST(ThreadPoolTest, RunsOrWithdrawsEachTaskWhileOthersAddStopAndStart) {
     CountedPool pool(4);
     constexpr int kTasks = 20000;

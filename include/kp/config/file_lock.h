@@ -14,10 +14,11 @@
 /// it and nobody else.
 ///
 /// As lock() and unlock() always return 0, isHeld() tells whether the lock was got. Their faults go
-/// to the log when its debug level is not 0.
+/// to the log when its debug level is not 0. A descriptor of a caller's must be open for writing.
 ///
 /// A copy uses the descriptor of its source, which stays the source's, and has not locked it. Both
-/// are on the same side: they do not exclude each other.
+/// are on the same side: they do not exclude each other, and what one gives back neither has, though
+/// the other's isHeld() does not know.
 ///
 /// Threads: one at a time.
 class KP_API KP_FileLock : public virtual KP_Object {

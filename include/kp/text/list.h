@@ -32,7 +32,8 @@
 /// links of removed elements for later append()s.
 ///
 /// Memory: append() and insert() throw KP_NoMoreMemoryException when there is none for a link; the
-/// list is as before, and the element is still the caller's.
+/// list is as before, and the element is still the caller's. A list of elements that are links
+/// themselves throws the same when it is given one that is none.
 ///
 /// Threads: an operation holds the list's recursive lock from beginning to end, so any thread may
 /// call any operation; but between two of them others can move the cursor. Hold the lock around a

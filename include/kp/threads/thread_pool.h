@@ -15,8 +15,9 @@
 /// after. The order in which tasks end is theirs. A burst of tasks wakes one worker after another,
 /// each by the one before it and never all of them at once: waking is what a small task costs most.
 ///
-/// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool whose queue stays
-/// empty for 100 milliseconds stops itself. With both, no task is left behind between the two.
+/// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool without a task,
+/// queued or running, for 100 milliseconds stops itself, without calling stop(). With both, no task
+/// is left behind between the two.
 ///
 /// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
 /// A hard stop of a worker can break off a task, never the pool's own code; the task does not run again.

@@ -33,7 +33,7 @@ public:
     /// another piece: setFirst(), resetNext() or find() must be the next to use it.
     virtual unsigned char* getLastPtr() = 0;
     /// Moves the cursor to the following byte, or onto an empty piece that comes first.
-    /// Returns 1, or 0 at the end, where the cursor stays.
+    /// Returns 1, or 0 at the end, where the cursor stays, and on a piece without a block.
     virtual int incNext() = 0;
     /// incNext(), and the byte at the cursor, moved or not.
     virtual unsigned char ontoNext() = 0;
@@ -59,7 +59,8 @@ public:
     virtual int find(unsigned char* place) = 0;
     /// Moves the cursor to the next place, its own first, where the first five bytes of @p pattern
     /// stand within one piece. A text that ends before counts as filled up with zero bytes. Returns 1, or 0
-    /// with the cursor at the start of the last piece, unless it was in that one already.
+    /// with the cursor at the start of the last piece, unless it was in that one already; 0 as well
+    /// before setFirst().
     virtual int findPattern(const char* pattern) = 0;
     /// A new block with the first @p count bytes of the stream, or with all for 0; the caller frees
     /// it with std::free(). What the stream does not have is left as the allocator had it.
