@@ -102,6 +102,7 @@ Database DayWriter::openFile(const std::string& path, bool isDurable) {
 
 DayWriter::DayWriter(const std::string& directory, const records::Day& day, bool isDurable)
     : day_(day),
+      dayStart_(day.start()),
       database_(openFile(records::dayPath(directory, day), isDurable)),
       methods_(database_, "methods", "name"),
       hosts_(database_, "hosts", "name"),
@@ -167,8 +168,8 @@ void DayWriter::insert(const Transaction& transaction, const Judgement& judgemen
 }
 
 void DayWriter::count(const Transaction& transaction, const Judgement& judgement) {
-    const std::int64_t start =
-        transaction.time.seconds - transaction.time.seconds % records::kSlotSeconds;
+    const std::int64_t since = transaction.time.seconds - dayStart_;
+    const std::int64_t start = transaction.time.seconds - since % records::kSlotSeconds;
     Slot& slot = slots_[start];
     slot.totals.add(transaction);
     const int statusClass = transaction.status / 100;

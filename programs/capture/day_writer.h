@@ -91,6 +91,7 @@ private:
     const std::string& escaped(const std::string& text);
 
     records::Day day_;
+    std::int64_t dayStart_;  // seconds since 1970
     records::Database database_;
     TotalsTable<std::string> methods_;
     TotalsTable<std::string> hosts_;

@@ -58,7 +58,7 @@ void readDay(const std::string& directory, const records::Day& day, const DayFun
         records::Database database(path, records::Database::Access::kRead);
         database.execute("BEGIN");
         if (records::hasSchema(database))
-            read(database, day);
+            read(database);
     } catch (const records::DatabaseError&) {
         if (std::filesystem::exists(path))
             throw;

@@ -14,7 +14,7 @@ namespace kp::query {
 /// The days of a directory that a filter touches, the oldest first.
 std::vector<records::Day> daysFor(const std::string& directory, const Filter& filter);
 
-using DayFunction = std::function<void(records::Database&, const records::Day&)>;
+using DayFunction = std::function<void(records::Database&)>;
 
 /// Gives the open file of a day to @p read, which sees it as it is at this moment, whatever an
 /// engine adds to it. A day that has been deleted, or has no tables yet, is skipped.

@@ -9,7 +9,7 @@ namespace kp::query {
 
 namespace {
 
-constexpr int kMicroseconds = 1000000;  // in a second
+constexpr std::int64_t kMicroseconds = 1000000;  // in a second
 
 std::optional<int> statusOf(const std::string& text) {
     int status = 0;
@@ -47,20 +47,27 @@ Numbers parseStatus(const std::string& text) {
 }
 
 bool Filter::touches(const records::Day& day) const {
-    return (!from || *from < day.plus(1).start()) && (!to || *to > day.start());
+    return (!from || *from < day.plus(2).start()) && (!to || *to > day.plus(-1).start());
 }
 
-bool Filter::covers(const records::Day& day) const {
-    return (!from || *from <= day.start()) && (!to || *to >= day.plus(1).start());
+bool Filter::covers(records::Database& database) const {
+    records::Statement times(database, "SELECT min(time), max(time) FROM transactions");
+    times.step();
+    return times.isNull(0) || ((!from || *from * kMicroseconds <= times.number(0)) &&
+                               (!to || *to * kMicroseconds > times.number(1)));
 }
 
 bool Filter::isOfTimesOnly() const {
     return !host && !client && !server && !status && !type && !content && !page && !entry;
 }
 
-bool Filter::isOfWholeSlots() const {
-    return isOfTimesOnly() && (!from || *from % records::kSlotSeconds == 0) &&
-           (!to || *to % records::kSlotSeconds == 0);
+bool Filter::isOfWholeSlots(records::Database& database) const {
+    const std::int64_t first = database.number("SELECT min(start) FROM slots");
+    const auto isBetween = [&](std::int64_t time) {
+        return (time - first) % records::kSlotSeconds == 0;
+    };
+    return isOfTimesOnly() &&
+           (covers(database) || ((!from || isBetween(*from)) && (!to || isBetween(*to))));
 }
 
 std::string Filter::where() const {

@@ -41,14 +41,14 @@ struct Filter {
     bool page = false;
     bool entry = false;
 
-    /// Whether some of a day lies within the times.
+    /// Whether some request of a day can lie within the times, recorded in another time zone, too.
     bool touches(const records::Day& day) const;
-    /// Whether all of it does.
-    bool covers(const records::Day& day) const;
+    /// Whether all requests of a day file do.
+    bool covers(records::Database& database) const;
     /// Whether nothing but times is asked for.
     bool isOfTimesOnly() const;
-    /// Whether it takes a quarter of an hour whole or not at all.
-    bool isOfWholeSlots() const;
+    /// Whether it takes each row of the file's table "slots" whole or not at all.
+    bool isOfWholeSlots(records::Database& database) const;
 
     /// The conditions for the table "transactions" as a WHERE clause; empty for none.
     std::string where() const;

@@ -60,10 +60,10 @@ public:
 
     bool isFull() const { return options_.limit && rows_ >= *options_.limit; }
 
-    void add(records::Database& database, const records::Day& day) {
+    void add(records::Database& database) {
         // Few rows of a whole day are sorted faster than all of them are looked up by their times.
         const Filter& filter = options_.filter;
-        const bool isSorted = !filter.isOfTimesOnly() && filter.covers(day) && !options_.limit;
+        const bool isSorted = !filter.isOfTimesOnly() && filter.covers(database) && !options_.limit;
         records::Statement rows(database, std::string(kSelect) + (isSorted ? " NOT INDEXED" : "") +
                                               kJoin + filter.where() + kOrder);
         options_.filter.bind(rows);
@@ -156,9 +156,7 @@ void list(const std::string& directory, const Options& options, std::FILE* outpu
     for (const records::Day& day : daysFor(directory, options.filter)) {
         if (answer.isFull())
             break;
-        readDay(directory, day, [&](records::Database& database, const records::Day&) {
-            answer.add(database, day);
-        });
+        readDay(directory, day, [&](records::Database& database) { answer.add(database); });
     }
     answer.finish();
 }

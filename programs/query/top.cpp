@@ -115,10 +115,10 @@ void top(const std::string& directory, const Options& options, std::FILE* output
     const Source& source = sourceOf(options.ranked);
     std::mutex mutex;
     Groups groups;
-    readDays(directory, options.filter, [&](records::Database& database, const records::Day& day) {
+    readDays(directory, options.filter, [&](records::Database& database) {
         Groups ofDay;
         const Filter& filter = options.filter;
-        if (filter.isOfTimesOnly() && filter.covers(day) && source.table != nullptr) {
+        if (filter.isOfTimesOnly() && filter.covers(database) && source.table != nullptr) {
             addTotals(database, source, ofDay);
         } else {
             addRequests(database, source, filter, ofDay);

@@ -45,8 +45,9 @@ void addTotals(records::Database& database, const Filter& filter, Slots& slots) 
         "SELECT start, requests, body_bytes, answers, response_time, status_2xx, status_3xx, "
         "status_4xx, status_5xx, content, valid_pages, entry_points FROM slots "
         "WHERE start >= ? AND start < ?");
-    rows.bind(1, filter.from.value_or(INT64_MIN));
-    rows.bind(2, filter.to.value_or(INT64_MAX));
+    const bool isWhole = filter.covers(database);
+    rows.bind(1, isWhole ? INT64_MIN : filter.from.value_or(INT64_MIN));
+    rows.bind(2, isWhole ? INT64_MAX : filter.to.value_or(INT64_MAX));
     while (rows.step()) {
         Counts counts;
         counts.sums = {rows.number(1), rows.number(2), rows.number(3), rows.number(4)};
@@ -66,6 +67,8 @@ void addRequests(records::Database& database, const Filter& filter, Slots& slots
                             "entry_point FROM transactions" +
                                 filter.where());
     filter.bind(rows);
+    constexpr std::int64_t kSlot = records::kSlotSeconds;
+    const std::int64_t first = database.number("SELECT min(start) FROM slots");
     while (rows.step()) {
         Counts counts;
         const bool isAnswered = !rows.isNull(2);
@@ -77,7 +80,8 @@ void addRequests(records::Database& database, const Filter& filter, Slots& slots
         counts.pages = rows.number(5);
         counts.entries = rows.number(6);
         const std::int64_t seconds = rows.number(0) / 1000000;
-        slots[seconds - seconds % records::kSlotSeconds].add(counts);
+        const std::int64_t since = seconds - first;
+        slots[seconds - (since % kSlot + kSlot) % kSlot].add(counts);
     }
 }
 
@@ -169,9 +173,9 @@ void write(const Slots& slots, const Options& options, std::FILE* output) {
 void totals(const std::string& directory, const Options& options, std::FILE* output) {
     std::mutex mutex;
     Slots slots;
-    readDays(directory, options.filter, [&](records::Database& database, const records::Day&) {
+    readDays(directory, options.filter, [&](records::Database& database) {
         Slots ofDay;
-        if (options.filter.isOfWholeSlots()) {
+        if (options.filter.isOfWholeSlots(database)) {
             addTotals(database, options.filter, ofDay);
         } else {
             addRequests(database, options.filter, ofDay);

@@ -15,7 +15,6 @@ std::tm tmOf(const Day& day) {
     tm.tm_year = day.year - 1900;
     tm.tm_mon = day.month - 1;
     tm.tm_mday = day.day;
-    tm.tm_isdst = -1;
     return tm;
 }
 
@@ -25,6 +24,12 @@ Day dayOfTm(const std::tm& tm) {
     day.month = tm.tm_mon + 1;
     day.day = tm.tm_mday;
     return day;
+}
+
+// Seconds by which local time is ahead of UTC.
+long offsetAt(std::time_t time) {
+    std::tm tm = {};
+    return localtime_r(&time, &tm) != nullptr ? tm.tm_gmtoff : 0;
 }
 
 int digits(std::string_view text) {
@@ -48,14 +53,20 @@ std::string Day::text() const {
 Day Day::plus(int days) const {
     std::tm tm = tmOf(*this);
     tm.tm_mday += days;
-    tm.tm_isdst = 0;
     timegm(&tm);  // puts the fields right
     return dayOfTm(tm);
 }
 
-std::int64_t Day::start() const {
+// By the zone's offsets and not by mktime(), which reads the zone's file anew each time.
+std::int64_t Day::at(int seconds) const {
     std::tm tm = tmOf(*this);
-    std::time_t start = std::mktime(&tm);
+    const std::time_t utc = timegm(&tm) + seconds;
+    const std::time_t near = utc - offsetAt(utc);
+    return utc - offsetAt(near);
+}
+
+std::int64_t Day::start() const {
+    std::int64_t start = at(0);
     // Where the clocks are set forward at midnight the day begins with the first moment that exists.
     while (records::dayOf(start) && *records::dayOf(start) < *this)
         start += 900;

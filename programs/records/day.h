@@ -25,6 +25,8 @@ struct Day {
     Day plus(int days) const;
     /// Its first moment, in seconds since 1970.
     std::int64_t start() const;
+    /// The moment at which clocks show a time of that day, so many seconds after 00:00:00.
+    std::int64_t at(int seconds) const;
 
 private:
     std::tuple<int, int, int> key() const { return {year, month, day}; }

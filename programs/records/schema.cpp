@@ -48,7 +48,7 @@ std::string totalsTable(const std::string& name, const std::string& key) {
 
 constexpr const char* kSlots = R"sql(
 CREATE TABLE slots (
-    -- Totals of each quarter of an hour.
+    -- Totals of each quarter of an hour since the day began.
     start         INTEGER PRIMARY KEY, -- seconds since 1970
     requests      INTEGER NOT NULL,
     body_bytes    INTEGER NOT NULL,

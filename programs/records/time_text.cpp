@@ -31,15 +31,7 @@ std::optional<Span> partOfDay(const Day& day, std::string text) {
     const int second = std::atoi(text.c_str() + 6);
     if (hour > 23 || minute > 59 || second > 59)
         return {};
-    std::tm tm = {};
-    tm.tm_year = day.year - 1900;
-    tm.tm_mon = day.month - 1;
-    tm.tm_mday = day.day;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
-    tm.tm_isdst = -1;
-    const std::int64_t start = std::mktime(&tm);
+    const std::int64_t start = day.at((hour * 60 + minute) * 60 + second);
     return Span{start, start + (hasSecond ? 1 : 60)};
 }
 
