@@ -81,14 +81,17 @@ void TotalsTable<Key>::write() {
         known_.clear();
 }
 
-Database DayWriter::openFile(const std::string& path, bool isDurable) {
+Database DayWriter::openFile(const std::string& path, bool isDurable,
+                             std::chrono::milliseconds patience) {
     // What people ask the web for is theirs: the file is its owner's alone, and SQLite makes those
     // beside it the same.
     const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (descriptor >= 0)
         ::close(descriptor);
-    Database database(path, Database::Access::kWrite);
-    // Another engine cannot be here, and readers do not keep writers waiting.
+    Database database(path, Database::Access::kWrite, patience);
+    // Before anything is changed: it may be somebody else's.
+    records::hasSchema(database);
+    // Readers and the writer do not keep each other waiting, and whoever is killed leaves a whole file.
     database.execute("PRAGMA journal_mode = WAL");
     database.execute(isDurable ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     database.execute("PRAGMA cache_size = -16384");
@@ -100,10 +103,11 @@ Database DayWriter::openFile(const std::string& path, bool isDurable) {
     return database;
 }
 
-DayWriter::DayWriter(const std::string& directory, const records::Day& day, bool isDurable)
+DayWriter::DayWriter(const std::string& directory, const records::Day& day, bool isDurable,
+                     std::chrono::milliseconds patience)
     : day_(day),
       dayStart_(day.start()),
-      database_(openFile(records::dayPath(directory, day), isDurable)),
+      database_(openFile(records::dayPath(directory, day), isDurable, patience)),
       methods_(database_, "methods", "name"),
       hosts_(database_, "hosts", "name"),
       types_(database_, "types", "name"),
@@ -137,10 +141,10 @@ const std::string& DayWriter::escaped(const std::string& text) {
 
 void DayWriter::add(const Transaction& transaction, const Judgement& judgement) {
     if (!database_.isInTransaction())
-        database_.execute("BEGIN");
-    ++uncommitted_;
+        database_.execute("BEGIN IMMEDIATE");
     insert(transaction, judgement);
     count(transaction, judgement);
+    ++uncommitted_;
 }
 
 void DayWriter::insert(const Transaction& transaction, const Judgement& judgement) {
@@ -196,6 +200,8 @@ void DayWriter::writeSlots() {
 void DayWriter::commit() {
     if (uncommitted_ == 0)
         return;
+    if (database_.hasMoved())
+        throw records::DatabaseError(database_.path() + " was moved or deleted");
     methods_.write();
     hosts_.write();
     types_.write();
@@ -204,15 +210,6 @@ void DayWriter::commit() {
     writeSlots();
     database_.execute("COMMIT");
     uncommitted_ = 0;
-}
-
-void DayWriter::close() {
-    commit();
-    // A reader keeps SQLite from giving the log up; then it stays, and nothing is wrong with that.
-    try {
-        Statement(database_, "PRAGMA journal_mode = DELETE").run();
-    } catch (const records::DatabaseError&) {
-    }
 }
 
 }  // namespace kp::capture

@@ -1,6 +1,7 @@
 // kp-capture: writes the transactions of one day into its file.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -56,24 +57,25 @@ private:
 
 /// An open day file.
 ///
-/// Rows are in the file after commit(). The file is one that survives the end of its process at any
-/// moment; beside it is SQLite's log of changes until close() has made it a single file again.
+/// Rows are in the file after commit(). The file survives the end of its process at any moment; SQLite
+/// keeps the latest changes beside it, and puts them in when the last one closes it.
 /// All operations throw records::DatabaseError and can fail for want of disk; then the rows since the
-/// last commit are lost, and the writer is good for nothing but its end.
+/// last commit are lost, and the writer is good for nothing but its end. Only add() may be called again
+/// when the error is busy: then somebody else is writing, and nothing has been done.
 /// Threads: one.
 class DayWriter {
 public:
     /// Opens the file of a day, or makes it. @p isDurable: what was committed survives the end of the
-    /// whole machine, too; that costs a wait for the disk each time.
-    DayWriter(const std::string& directory, const records::Day& day, bool isDurable);
+    /// whole machine, too; that costs a wait for the disk each time. @p patience: how long somebody
+    /// else may have the file locked.
+    DayWriter(const std::string& directory, const records::Day& day, bool isDurable,
+              std::chrono::milliseconds patience);
 
     const records::Day& day() const { return day_; }
     void add(const Transaction& transaction, const Judgement& judgement);
     /// Rows since the last commit.
     std::size_t uncommitted() const { return uncommitted_; }
     void commit();
-    /// Commits. When others read the file it stays with its log beside it, else it is alone.
-    void close();
 
 private:
     struct Slot {
@@ -84,7 +86,8 @@ private:
         std::int64_t entryPoints = 0;
     };
 
-    static records::Database openFile(const std::string& path, bool isDurable);
+    static records::Database openFile(const std::string& path, bool isDurable,
+                                      std::chrono::milliseconds patience);
     void insert(const Transaction& transaction, const Judgement& judgement);
     void count(const Transaction& transaction, const Judgement& judgement);
     void writeSlots();

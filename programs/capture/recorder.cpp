@@ -1,6 +1,6 @@
 #include "recorder.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "records/day_files.h"
+#include "records/schema.h"
 
 namespace kp::capture {
 
@@ -17,7 +18,7 @@ namespace {
 
 using records::Day;
 
-constexpr std::chrono::milliseconds kCommitPeriod{500};
+constexpr std::chrono::milliseconds kCommitPeriod{400};
 constexpr std::chrono::seconds kTellingPeriod{10};
 constexpr int kTurn = 100;  // milliseconds
 // What may wait to be written. One that can wait holds no more than is written in a moment; for one
@@ -98,6 +99,7 @@ int Recorder::doTask() {
             return queued_ >= kEnough || isToSettle_ || dayBegan_;
         },
         kTurn);
+    batch_.clear();
     bool isToSettle = false;
     bool isToClose = false;
     {
@@ -110,13 +112,17 @@ int Recorder::doTask() {
     }
     room_.signal();
     if (dayBegan_.exchange(false))
-        attempt([this] { beginDay(); });
-    write(batch_);
-    batch_.clear();
+        beginDay();
+    constexpr std::size_t kRound = 1024;
+    for (std::size_t i = 0; i < batch_.size(); ++i) {
+        write(batch_[i]);
+        if (i % kRound == 0 && isCommitDue())
+            commit();
+    }
     if (isToSettle || isCommitDue())
-        attempt([this] { commit(); });
+        commit();
     if (isToClose)
-        attempt([this] { close(); });
+        closeDays();
     tellLosses();
     if (isToSettle) {
         {
@@ -128,45 +134,33 @@ int Recorder::doTask() {
     return 0;
 }
 
-template <class Action>
-void Recorder::attempt(Action action) {
-    if (isFailing_ && Clock::now() < tryAgain_)
+// What cannot be written into a day is told once, however often it is tried again.
+void Recorder::fail(const Day& day, const std::string& why) {
+    days_.remove_if([&](const DayWriter& writer) {
+        if (writer.day() != day)
+            return false;
+        lost_ += writer.uncommitted();
+        return true;
+    });
+    Fault& fault = faults_[day];
+    const bool isNew = fault.why != why;
+    fault = {why, Clock::now() + settings_.retryPeriod};
+    if (!isNew)
         return;
-    try {
-        takeDirectory();
-        action();
-    } catch (const std::bad_alloc&) {
-        fail("out of memory");
-    } catch (const std::exception& error) {
-        fail(error.what());
-    }
-}
-
-void Recorder::fail(const std::string& why) {
-    lost_ += pending_;
-    pending_ = 0;
-    days_.clear();  // which takes back what was not committed
-    tryAgain_ = Clock::now() + settings_.retryPeriod;
-    const bool isKnown = isFailing_ && why == fault();
-    isFailing_ = true;
-    if (isKnown)
-        return;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        fault_ = why;
-    }
+    setFault(why);
     settings_.tell("cannot record: " + why + "; watching goes on, and it is tried again");
 }
 
-void Recorder::recovered() {
-    if (!isFailing_)
+void Recorder::recovered(const Day& day) {
+    if (faults_.erase(day) == 0 || !faults_.empty())
         return;
-    isFailing_ = false;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        fault_.clear();
-    }
+    setFault("");
     settings_.tell("recording again");
+}
+
+void Recorder::setFault(const std::string& why) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    fault_ = why;
 }
 
 // Losses go to the log when they grow, and not for every transaction.
@@ -181,58 +175,101 @@ void Recorder::tellLosses() {
 }
 
 void Recorder::takeDirectory() {
-    if (isTaken_)
+    if (lockFile_)
         return;
-    const std::string path = settings_.directory + "/kp-capture.lock";
-    if (access(settings_.directory.c_str(), W_OK | X_OK) != 0)
+    if (faccessat(AT_FDCWD, settings_.directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0)
         refuse(settings_.directory);
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && geteuid() != 0 && status.st_uid != geteuid())
-        throw records::DatabaseError(path + " belongs to another user");
-    if (lock_.open(path.c_str()) != 0)
-        throw records::DatabaseError("cannot open " + path);
+    const std::string path = settings_.directory + "/kp-capture.lock";
+    std::unique_ptr<std::FILE, CloseFile> file(KP_Tools::openFile(path.c_str(), "a+"));
+    if (!file)
+        refuse(path);
+    lock_.setFD(file.get());
     lock_.lock();
-    if (!lock_.isHeld())
-        throw DirectoryTaken("another engine records into " + settings_.directory);
-    isTaken_ = true;
+    if (!lock_.isHeld()) {
+        throw DirectoryTaken("another engine records into " + settings_.directory +
+                             "; --no-record watches without recording");
+    }
+    lockFile_ = std::move(file);
 }
 
 void Recorder::open() {
     try {
         takeDirectory();
     } catch (const records::DatabaseError& error) {
-        fail(error.what());
-        return;
+        fail(records::today(), error.what());
     }
-    attempt([this] { beginDay(); });
-    attempt([this] { closeLeftDays(); });
-}
-
-// What a killed engine left has its log of changes beside it; opening the file puts that in.
-void Recorder::closeLeftDays() {
-    for (const Day& day : records::daysIn(settings_.directory)) {
-        const bool isOurs = std::any_of(days_.begin(), days_.end(),
-                                        [&](const DayWriter& open) { return open.day() == day; });
-        if (isOurs || !records::isOpenOrLeft(settings_.directory, day))
-            continue;
-        try {
-            DayWriter(settings_.directory, day, false).close();
-        } catch (const records::DatabaseError& error) {
-            settings_.tell(std::string("cannot close a day that was left open: ") + error.what());
-        }
-    }
+    dayBegan_ = true;
 }
 
 void Recorder::beginDay() {
-    close();
     const Day today = records::today();
-    const auto days = static_cast<int>(
-        std::min<std::uint32_t>(settings_.daysToKeep(), 1000000));  // more than all that can be
-    for (const Day& day : records::deleteDaysBefore(settings_.directory, today.plus(-days)))
-        settings_.tell("deleted the records of " + day.text() + ", older than " +
-                       std::to_string(days) + " days");
-    if (!settings_.mayWait)
-        writerOf(today);
+    try {
+        takeDirectory();
+        deleteOldDays();  // first, as a full disk has room then
+        commit();
+        closeDays();
+        faults_.clear();
+        setFault("");
+        if (!settings_.mayWait)
+            writerOf(today);
+    } catch (const std::exception& error) {
+        fail(today, error.what());
+    }
+}
+
+void Recorder::closeDays() {
+    days_.clear();
+    if (!lockFile_)
+        return;  // they are somebody else's
+    try {
+        tidyDays();
+    } catch (const std::exception& error) {
+        settings_.tell(std::string("cannot close the days: ") + error.what());
+    }
+}
+
+bool Recorder::isTooOld(const Day& day) const {
+    constexpr std::uint32_t kForEver = 1000000;
+    const std::uint32_t days = std::min(settings_.daysToKeep(), kForEver);
+    return day < records::today().plus(-static_cast<int>(days));
+}
+
+bool Recorder::isOpen(const Day& day) const {
+    return std::any_of(days_.begin(), days_.end(),
+                       [&](const DayWriter& writer) { return writer.day() == day; });
+}
+
+void Recorder::deleteOldDays() {
+    for (const Day& day : records::daysWithRemains(settings_.directory)) {
+        if (!isTooOld(day) || isOpen(day))
+            continue;
+        const std::string fault = records::deleteDay(settings_.directory, day);
+        settings_.tell(fault.empty() ? "deleted the records of " + day.text() + ", older than " +
+                                           std::to_string(settings_.daysToKeep()) + " days"
+                                     : "cannot delete " + fault);
+    }
+}
+
+// Puts in what a killed engine has left beside its files, or somebody was reading when they were closed.
+// Days that are over become files that need nothing beside them, so that they can be copied, and read
+// from where nothing can be written. Late rows are those of yesterday, so that may still grow.
+void Recorder::tidyDays() {
+    using records::Database;
+    const Day yesterday = records::today().plus(-1);
+    for (const Day& day : records::daysIn(settings_.directory)) {
+        const bool isToShrink = day < yesterday && records::needsLog(settings_.directory, day);
+        if (isOpen(day) || !(isToShrink || records::isOpenOrLeft(settings_.directory, day)))
+            continue;
+        try {
+            Database database(records::dayPath(settings_.directory, day), Database::Access::kWrite,
+                              settings_.lockPatience);
+            if (records::hasSchema(database) && isToShrink)
+                database.execute("PRAGMA journal_mode = DELETE");
+        } catch (const records::DatabaseError& error) {
+            if (!error.isBusy())  // whoever reads it will not read for ever
+                settings_.tell("cannot close a day: " + std::string(error.what()));
+        }
+    }
 }
 
 DayWriter& Recorder::writerOf(const Day& day) {
@@ -242,63 +279,80 @@ DayWriter& Recorder::writerOf(const Day& day) {
         days_.splice(days_.begin(), days_, open);
         return days_.front();
     }
-    if (days_.size() >= kMostOpenDays) {
-        commit(days_.back());
-        days_.back().close();
+    if (days_.size() >= kMostOpenDays && commit(days_.back()))
         days_.pop_back();
+    if (isTooOld(day) && toldOld_.insert(day).second) {
+        settings_.tell("warning: " + day.text() + " is older than " +
+                       std::to_string(settings_.daysToKeep()) +
+                       " days: its records will be deleted when the next day or engine begins");
     }
-    return days_.emplace_front(settings_.directory, day, !settings_.mayWait);
-}
-
-void Recorder::write(const std::vector<Entry>& batch) {
-    constexpr std::size_t kRound = 1024;
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-        if (isFailing_ && Clock::now() < tryAgain_) {
-            lost_ += batch.size() - i;
-            return;
-        }
-        attempt([&] { write(batch[i]); });
-        if (i % kRound == 0 && isCommitDue())
-            attempt([this] { commit(); });
-    }
+    return days_.emplace_front(settings_.directory, day, !settings_.mayWait,
+                               settings_.lockPatience);
 }
 
 void Recorder::write(const Entry& entry) {
-    if (pending_ == 0)
-        begun_ = Clock::now();
-    ++pending_;
     const std::optional<Day> day = finder_.dayOf(entry.transaction.time.seconds);
     if (!day) {
-        --pending_;
         ++lost_;  // no calendar has this time
         return;
     }
-    writerOf(*day).add(entry.transaction, entry.judgement);
+    const auto fault = faults_.find(*day);
+    if (fault != faults_.end() && Clock::now() < fault->second.tryAgain) {
+        ++lost_;
+        return;
+    }
+    for (bool isToldBusy = false;;) {
+        try {
+            takeDirectory();
+            writerOf(*day).add(entry.transaction, entry.judgement);
+            if (!begun_)
+                begun_ = Clock::now();
+            return;
+        } catch (const records::DatabaseError& error) {
+            if (error.isBusy() && settings_.mayWait) {
+                if (!isToldBusy)
+                    settings_.tell("waiting for " + std::string(error.what()));
+                isToldBusy = true;
+                continue;
+            }
+            ++lost_;
+            fail(*day, error.what());
+            return;
+        } catch (const std::exception& error) {
+            ++lost_;
+            fail(*day, error.what());
+            return;
+        }
+    }
 }
 
 bool Recorder::isCommitDue() const {
-    return pending_ != 0 && Clock::now() - begun_ >= kCommitPeriod;
+    return begun_ && Clock::now() - *begun_ >= kCommitPeriod;
 }
 
-void Recorder::commit(DayWriter& day) {
-    const std::size_t rows = day.uncommitted();
-    day.commit();
-    pending_ -= rows;
+// False when the day could not be written; its writer has gone then.
+bool Recorder::commit(DayWriter& writer) {
+    const std::size_t rows = writer.uncommitted();
+    if (rows == 0)
+        return true;
+    const Day day = writer.day();
+    try {
+        writer.commit();
+    } catch (const std::exception& error) {
+        fail(day, error.what());
+        return false;
+    }
     recorded_ += rows;
-    if (rows != 0)
-        recovered();
+    recovered(day);
+    return true;
 }
 
 void Recorder::commit() {
-    for (DayWriter& day : days_)
-        commit(day);
-}
-
-void Recorder::close() {
-    commit();
-    for (DayWriter& day : days_)
-        day.close();
-    days_.clear();
+    for (auto next = days_.begin(); next != days_.end();) {
+        DayWriter& writer = *next++;
+        commit(writer);
+    }
+    begun_.reset();
 }
 
 }  // namespace kp::capture

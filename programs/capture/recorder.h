@@ -5,9 +5,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <list>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,10 +35,12 @@ public:
 ///
 /// What was handed over is in the file half a second later, unless the disk takes longer. A
 /// transaction belongs to the local day of its request, whenever it comes; days are opened when they
-/// are needed. When a day begins the files are closed and those of days that are too old deleted.
+/// are needed. When a day begins the files are closed and those of days that are too old deleted, but
+/// for one that is just being written.
 ///
-/// When the disk does not take what is written (it is full, or cannot be written at all), what was
-/// not committed is lost and counted, the user is told, and it is tried again after a while.
+/// When the disk does not take what is written into a day (it is full, or cannot be written at all),
+/// what of that day was not committed is lost and counted, the user is told, and it is tried again
+/// after a while. One that may wait waits for somebody else who has the file locked.
 ///
 /// Threads: one hands over; dayBegan(), the counters and fault() are for any.
 class Recorder : public KP_Thread {
@@ -49,14 +56,16 @@ public:
         std::function<void(const std::string&)> tell;
         /// How long what the disk has refused is not tried again.
         std::chrono::milliseconds retryPeriod{5000};
+        /// How long somebody else may have a file locked.
+        std::chrono::milliseconds lockPatience{5000};
     };
 
     explicit Recorder(Settings settings);
     ~Recorder() override;
 
-    /// Takes the directory, as one engine can at a time, closes days that a killed engine has left,
-    /// and deletes those that are too old; a recorder that does not wait opens today. What the disk
-    /// refuses is told and tried again later. Throws DirectoryTaken.
+    /// Takes the directory, as one engine can at a time. Its thread then begins a day, and closes those
+    /// that a killed engine has left. A directory that cannot be written is told and tried again later.
+    /// Throws DirectoryTaken.
     void open();
 
     /// Hands a transaction over.
@@ -84,28 +93,36 @@ private:
         Judgement judgement;
     };
 
+    struct Fault {
+        std::string why;
+        Clock::time_point tryAgain;
+    };
+    struct CloseFile {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+
     static std::size_t sizeOf(const Transaction& transaction);
     void settle(bool isToClose);
     void takeDirectory();
-    void closeLeftDays();
     void beginDay();
-    void fail(const std::string& why);
-    void recovered();
-    void tellLosses();
-    void write(const std::vector<Entry>& batch);
+    void deleteOldDays();
+    void closeDays();
+    void tidyDays();
+    bool isOpen(const records::Day& day) const;
     void write(const Entry& entry);
     DayWriter& writerOf(const records::Day& day);
+    bool isTooOld(const records::Day& day) const;
     bool isCommitDue() const;
-    void commit(DayWriter& day);
+    bool commit(DayWriter& writer);
     void commit();
-    void close();
-    /// Does something that the disk may refuse, unless it is known to do so.
-    template <class Action>
-    void attempt(Action action);
+    void fail(const records::Day& day, const std::string& why);
+    void recovered(const records::Day& day);
+    void setFault(const std::string& why);
+    void tellLosses();
 
     const Settings settings_;
+    std::unique_ptr<std::FILE, CloseFile> lockFile_;
     KP_FileLock lock_;
-    bool isTaken_ = false;
 
     mutable std::mutex mutex_;  // guards the next five
     std::vector<Entry> queue_;
@@ -126,10 +143,10 @@ private:
     std::vector<Entry> batch_;
     std::list<DayWriter> days_;  // open ones, the last used first
     records::DayFinder finder_;
-    std::uint64_t pending_ = 0;  // transactions written and not committed
-    Clock::time_point begun_;    // when the first of them was
-    bool isFailing_ = false;
-    Clock::time_point tryAgain_;
+    std::map<records::Day, Fault> faults_;  // of days that cannot be written just now
+    std::set<records::Day> toldOld_;        // days that will not last
+    std::optional<Clock::time_point>
+        begun_;  // when the first row that is not committed was written
     std::uint64_t toldLost_ = 0;
     Clock::time_point toldAt_;
 };

@@ -5,6 +5,7 @@
 #include <exception>
 #include <filesystem>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "kp/kp.h"
@@ -54,13 +55,16 @@ std::vector<records::Day> daysFor(const std::string& directory, const Filter& fi
 
 void readDay(const std::string& directory, const records::Day& day, const DayFunction& read) {
     const std::string path = records::dayPath(directory, day);
+    std::error_code none;
+    if (std::filesystem::exists(path, none) && !std::filesystem::is_regular_file(path, none))
+        throw records::DatabaseError(path + " is no file");
     try {
         records::Database database(path, records::Database::Access::kRead);
         database.execute("BEGIN");
         if (records::hasSchema(database))
             read(database);
     } catch (const records::DatabaseError&) {
-        if (std::filesystem::exists(path))
+        if (std::filesystem::exists(path, none))
             throw;
     }
 }

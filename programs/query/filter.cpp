@@ -1,8 +1,9 @@
 #include "filter.h"
 
+#include <arpa/inet.h>
+
 #include <charconv>
 
-#include "common/settings.h"
 #include "records/schema.h"
 
 namespace kp::query {
@@ -20,12 +21,44 @@ std::optional<int> statusOf(const std::string& text) {
     return status;
 }
 
+std::optional<std::int64_t> addressOf(const std::string& text) {
+    in_addr address = {};
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1)
+        return {};
+    return ntohl(address.s_addr);
+}
+
+// A pattern in SQLite's form, in which brackets have a meaning, too; "-" is the empty name.
+std::string globOf(const std::string& pattern) {
+    if (pattern == "-")
+        return {};
+    std::string glob;
+    for (const char c : pattern)
+        glob += c == '[' ? std::string("[[]") : std::string(1, c);
+    return glob;
+}
+
 }  // namespace
 
 Numbers parseAddresses(const std::string& text) {
-    const bool isOne = text.find_first_of("-/") == std::string::npos;
-    const KP_Config::IPRange range = programs::parseRange(isOne ? text + "/32" : text);
-    return {range.min, range.max};
+    const std::size_t mark = text.find_first_of("-/");
+    const auto low = addressOf(text.substr(0, mark));
+    if (low && mark == std::string::npos)
+        return {*low, *low};
+    const std::string rest = mark == std::string::npos ? "" : text.substr(mark + 1);
+    if (low && text[mark] == '-') {
+        if (const auto high = addressOf(rest); high && *low <= *high)
+            return {*low, *high};
+    } else if (low) {
+        int bits = -1;
+        const char* const end = rest.data() + rest.size();
+        const auto [stop, error] = std::from_chars(rest.data(), end, bits);
+        if (error == std::errc() && stop == end && bits >= 0 && bits <= 32) {
+            const std::int64_t others = (std::int64_t{1} << (32 - bits)) - 1;
+            return {*low & ~others, *low | others};
+        }
+    }
+    throw FilterError("'" + text + "' is no address, LOW-HIGH or A.B.C.D/BITS");
 }
 
 Numbers parseStatus(const std::string& text) {
@@ -50,11 +83,17 @@ bool Filter::touches(const records::Day& day) const {
     return (!from || *from < day.plus(2).start()) && (!to || *to > day.plus(-1).start());
 }
 
-bool Filter::covers(records::Database& database) const {
+Filter Filter::within(records::Database& database) const {
     records::Statement times(database, "SELECT min(time), max(time) FROM transactions");
     times.step();
-    return times.isNull(0) || ((!from || *from * kMicroseconds <= times.number(0)) &&
-                               (!to || *to * kMicroseconds > times.number(1)));
+    const bool isInside = times.isNull(0) || ((!from || *from * kMicroseconds <= times.number(0)) &&
+                                              (!to || *to * kMicroseconds > times.number(1)));
+    Filter filter = *this;
+    if (isInside) {
+        filter.from.reset();
+        filter.to.reset();
+    }
+    return filter;
 }
 
 bool Filter::isOfTimesOnly() const {
@@ -66,8 +105,7 @@ bool Filter::isOfWholeSlots(records::Database& database) const {
     const auto isBetween = [&](std::int64_t time) {
         return (time - first) % records::kSlotSeconds == 0;
     };
-    return isOfTimesOnly() &&
-           (covers(database) || ((!from || isBetween(*from)) && (!to || isBetween(*to))));
+    return isOfTimesOnly() && (!from || isBetween(*from)) && (!to || isBetween(*to));
 }
 
 std::string Filter::where() const {
@@ -92,7 +130,7 @@ std::string Filter::where() const {
     return text;
 }
 
-void Filter::bind(records::Statement& statement) const {
+int Filter::bind(records::Statement& statement) const {
     int parameter = 0;
     for (const auto& moment : {from, to}) {
         if (moment)
@@ -100,7 +138,7 @@ void Filter::bind(records::Statement& statement) const {
     }
     for (const auto* pattern : {&host, &type}) {
         if (*pattern)
-            statement.bind(++parameter, **pattern == "-" ? std::string_view() : **pattern);
+            statement.bindCopy(++parameter, globOf(**pattern));
     }
     for (const auto& numbers : {client, server, status}) {
         if (numbers) {
@@ -108,6 +146,7 @@ void Filter::bind(records::Statement& statement) const {
             statement.bind(++parameter, numbers->high);
         }
     }
+    return parameter + 1;
 }
 
 }  // namespace kp::query

@@ -23,7 +23,7 @@ struct Numbers {
     std::int64_t high;
 };
 
-/// An address, LOW-HIGH or A.B.C.D/BITS. Throws FilterError or kp::programs::SettingError.
+/// An address, LOW-HIGH or A.B.C.D/BITS. Throws FilterError.
 Numbers parseAddresses(const std::string& text);
 /// A status, Nxx, LOW-HIGH, or none, which is 0 to 0. Throws FilterError.
 Numbers parseStatus(const std::string& text);
@@ -43,17 +43,21 @@ struct Filter {
 
     /// Whether some request of a day can lie within the times, recorded in another time zone, too.
     bool touches(const records::Day& day) const;
-    /// Whether all requests of a day file do.
-    bool covers(records::Database& database) const;
-    /// Whether nothing but times is asked for.
-    bool isOfTimesOnly() const;
+    /// The same conditions for one day file: without the times, if all of its requests lie within.
+    Filter within(records::Database& database) const;
+    /// Whether it takes everything.
+    bool isEmpty() const { return !from && !to && isOfTimesOnly(); }
     /// Whether it takes each row of the file's table "slots" whole or not at all.
     bool isOfWholeSlots(records::Database& database) const;
 
     /// The conditions for the table "transactions" as a WHERE clause; empty for none.
     std::string where() const;
-    /// Gives a statement with that clause, and no parameter before it, its values.
-    void bind(records::Statement& statement) const;
+    /// Gives a statement with that clause, and no parameter before it, its values; returns the parameter
+    /// behind them.
+    int bind(records::Statement& statement) const;
+
+private:
+    bool isOfTimesOnly() const;
 };
 
 }  // namespace kp::query

@@ -6,11 +6,15 @@
 
 namespace kp::query {
 
+std::int64_t sumOf(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
 void Sums::add(const Sums& other) {
-    requests += other.requests;
-    bodyBytes += other.bodyBytes;
-    answers += other.answers;
-    responseTime += other.responseTime;
+    requests = sumOf(requests, other.requests);
+    bodyBytes = sumOf(bodyBytes, other.bodyBytes);
+    answers = sumOf(answers, other.answers);
+    responseTime = sumOf(responseTime, other.responseTime);
 }
 
 std::string Sums::meanResponse() const {

@@ -7,6 +7,9 @@
 
 namespace kp::query {
 
+/// a + b; what a hostile file makes too large wraps around.
+std::int64_t sumOf(std::int64_t a, std::int64_t b);
+
 /// Sums over some requests.
 struct Sums {
     std::int64_t requests = 0;

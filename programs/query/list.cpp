@@ -1,5 +1,6 @@
-#include <array>
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "days.h"
@@ -11,8 +12,6 @@
 namespace kp::query {
 
 namespace {
-
-constexpr std::size_t kResolved = 1000;  // rows whose addresses are resolved together
 
 // The columns of a row in the database, in the order of the answer.
 enum {
@@ -31,25 +30,24 @@ enum {
     kContent,
     kPage,
     kEntry,
-    kResponse
+    kResponse,
+    kId
 };
 
 // The crossing keeps the order of the tables, so that the index on the times gives that of the rows.
-constexpr const char* kSelect =
+const std::string kSelect =
     "SELECT time, client, client_port, server, server_port, methods.name, hosts.name, target, "
     "status, types.name, t.body_bytes, in_ranges, content, valid_page, entry_point, "
-    "t.response_time "
-    "FROM transactions t";
-
-constexpr const char* kJoin =
-    " CROSS JOIN methods ON methods.id = t.method "
+    "t.response_time, t.id "
+    "FROM transactions t CROSS JOIN methods ON methods.id = t.method "
     "CROSS JOIN hosts ON hosts.id = t.host CROSS JOIN types ON types.id = t.type";
 
-constexpr const char* kOrder = " ORDER BY t.time, t.id";
+constexpr const char* kBehindInOrder =
+    "time >= ? AND (time, t.id) > (?, ?) ORDER BY time, t.id LIMIT ";
 
 std::string microseconds(std::int64_t time) {
     char text[16];
-    std::snprintf(text, sizeof text, ".%06d", static_cast<int>(time % 1000000));
+    std::snprintf(text, sizeof text, ".%06d", std::abs(static_cast<int>(time % 1000000)));
     return text;
 }
 
@@ -58,31 +56,33 @@ public:
     List(const Options& options, std::FILE* output)
         : options_(options), table_(output, options.format, columns(options.resolve)) {}
 
-    bool isFull() const { return options_.limit && rows_ >= *options_.limit; }
+    bool isFull() const { return options_.limit && told_ >= *options_.limit; }
 
-    void add(records::Database& database) {
-        // Few rows of a whole day are sorted faster than all of them are looked up by their times.
-        const Filter& filter = options_.filter;
-        const bool isSorted = !filter.isOfTimesOnly() && filter.covers(database) && !options_.limit;
-        records::Statement rows(database, std::string(kSelect) + (isSorted ? " NOT INDEXED" : "") +
-                                              kJoin + filter.where() + kOrder);
-        options_.filter.bind(rows);
-        while (!isFull() && rows.step()) {
-            ++rows_;
-            add(rows);
-        }
+    void add(const std::string& directory, const records::Day& day) {
+        Place place;
+        do {
+            rows_.clear();
+            readDay(directory, day,
+                    [&](records::Database& database) { place = read(database, place); });
+            tell();
+        } while (rows_.size() == kPiece && !isFull());
     }
 
-    void finish() {
-        writeWaiting();
-        table_.finish();
-    }
+    void finish() { table_.finish(); }
 
 private:
-    struct Waiting {
+    // A day is read in pieces, so that whoever looks at an answer for long, in a pager, say, does not
+    // keep the file as it is meanwhile: the engine's log of changes would grow.
+    static constexpr std::size_t kPiece = 10000;
+
+    struct Row {
         Cells cells;
         std::int64_t client;
         std::int64_t server;
+    };
+    struct Place {
+        std::int64_t time = INT64_MIN;
+        std::int64_t id = INT64_MIN;
     };
 
     static std::vector<Column> columns(bool isResolved) {
@@ -103,6 +103,25 @@ private:
         return columns;
     }
 
+    // Reads the rows behind a place; returns that of the last one.
+    Place read(records::Database& database, Place place) {
+        const Filter filter = options_.filter.within(database);
+        const std::string where = filter.where();
+        const std::uint64_t count =
+            options_.limit ? std::min<std::uint64_t>(kPiece, *options_.limit - told_) : kPiece;
+        records::Statement rows(database, kSelect + where + (where.empty() ? " WHERE " : " AND ") +
+                                              kBehindInOrder + std::to_string(count));
+        const int next = filter.bind(rows);
+        rows.bind(next, place.time);
+        rows.bind(next + 1, place.time);
+        rows.bind(next + 2, place.id);
+        while (rows.step()) {
+            place = {rows.number(kTime), rows.number(kId)};
+            rows_.push_back({cellsOf(rows), rows.number(kClient), rows.number(kServer)});
+        }
+        return place;
+    }
+
     std::string timeOf(std::int64_t time) const {
         const std::int64_t seconds = time / 1000000;
         return (options_.format == Format::kTable ? records::timeText(seconds)
@@ -110,43 +129,51 @@ private:
                microseconds(time);
     }
 
-    void add(const records::Statement& row) {
+    Cells cellsOf(const records::Statement& row) const {
         Cells cells;
-        for (int column = kTime; column <= kResponse; ++column)
-            cells.emplace_back(row.text(column));
+        for (int column = kTime; column <= kResponse; ++column) {
+            const bool isText =
+                column == kMethod || column == kHost || column == kTarget || column == kType;
+            if (row.isNull(column)) {
+                cells.emplace_back();
+            } else if (isText) {
+                cells.emplace_back(row.text(column));
+            } else {
+                cells.push_back(std::to_string(row.number(column)));
+            }
+        }
         cells[kTime] = timeOf(row.number(kTime));
         cells[kClient] = addressText(row.number(kClient));
         cells[kServer] = addressText(row.number(kServer));
         if (!row.isNull(kResponse))
             cells[kResponse] = Sums{1, 0, 1, row.number(kResponse)}.meanResponse();
-        if (!options_.resolve) {
-            table_.add(std::move(cells));
-            return;
-        }
-        waiting_.push_back({std::move(cells), row.number(kClient), row.number(kServer)});
-        if (waiting_.size() >= kResolved)
-            writeWaiting();
+        return cells;
     }
 
-    void writeWaiting() {
-        std::vector<std::int64_t> addresses;
-        for (const Waiting& row : waiting_)
-            addresses.insert(addresses.end(), {row.client, row.server});
-        if (!addresses.empty())
+    void tell() {
+        if (options_.resolve) {
+            std::vector<std::int64_t> addresses;
+            for (const Row& row : rows_)
+                addresses.insert(addresses.end(), {row.client, row.server});
             resolver_.resolve(addresses);
-        for (Waiting& row : waiting_) {
-            row.cells.push_back(resolver_.nameOf(row.client));
-            row.cells.push_back(resolver_.nameOf(row.server));
-            table_.add(std::move(row.cells));
         }
-        waiting_.clear();
+        for (Row& row : rows_) {
+            if (isFull())
+                return;
+            if (options_.resolve) {
+                row.cells.push_back(resolver_.nameOf(row.client));
+                row.cells.push_back(resolver_.nameOf(row.server));
+            }
+            table_.add(std::move(row.cells));
+            ++told_;
+        }
     }
 
     const Options& options_;
     Table table_;
     Resolver resolver_;
-    std::vector<Waiting> waiting_;
-    std::uint64_t rows_ = 0;
+    std::vector<Row> rows_;
+    std::uint64_t told_ = 0;
 };
 
 }  // namespace
@@ -156,7 +183,7 @@ void list(const std::string& directory, const Options& options, std::FILE* outpu
     for (const records::Day& day : daysFor(directory, options.filter)) {
         if (answer.isFull())
             break;
-        readDay(directory, day, [&](records::Database& database) { answer.add(database); });
+        answer.add(directory, day);
     }
     answer.finish();
 }

@@ -53,8 +53,7 @@ void addConditions(CLI::App& app, Filter& filter) {
               [&](const std::string& text) { filter.server = parseAddresses(text); });
     addParsed(app, "--status", "CODES", "Status of the answer",
               [&](const std::string& text) { filter.status = parseStatus(text); });
-    app.add_option("--type", filter.type, "Content type; - is an answer without one")
-        ->type_name("PATTERN");
+    app.add_option("--type", filter.type, "Content type; - is none")->type_name("PATTERN");
     app.add_flag("--content", filter.content, "Only content");
     app.add_flag("--page", filter.page, "Only valid pages");
     app.add_flag("--entry", filter.entry, "Only entry points");

@@ -117,16 +117,15 @@ void top(const std::string& directory, const Options& options, std::FILE* output
     Groups groups;
     readDays(directory, options.filter, [&](records::Database& database) {
         Groups ofDay;
-        const Filter& filter = options.filter;
-        if (filter.isOfTimesOnly() && filter.covers(database) && source.table != nullptr) {
+        const Filter filter = options.filter.within(database);
+        if (filter.isEmpty() && source.table != nullptr) {
             addTotals(database, source, ofDay);
         } else {
             addRequests(database, source, filter, ofDay);
         }
         const std::lock_guard<std::mutex> lock(mutex);
-        if (groups.empty()) {
+        if (groups.empty())
             groups.swap(ofDay);
-        }
         for (const auto& [key, sums] : ofDay)
             groups[key].add(sums);
     });

@@ -30,10 +30,10 @@ struct Counts {
     void add(const Counts& other) {
         sums.add(other.sums);
         for (std::size_t i = 0; i < byClass.size(); ++i)
-            byClass[i] += other.byClass[i];
-        content += other.content;
-        pages += other.pages;
-        entries += other.entries;
+            byClass[i] = sumOf(byClass[i], other.byClass[i]);
+        content = sumOf(content, other.content);
+        pages = sumOf(pages, other.pages);
+        entries = sumOf(entries, other.entries);
     }
 };
 using Slots = std::map<std::int64_t, Counts>;  // by their start, seconds since 1970
@@ -45,9 +45,8 @@ void addTotals(records::Database& database, const Filter& filter, Slots& slots) 
         "SELECT start, requests, body_bytes, answers, response_time, status_2xx, status_3xx, "
         "status_4xx, status_5xx, content, valid_pages, entry_points FROM slots "
         "WHERE start >= ? AND start < ?");
-    const bool isWhole = filter.covers(database);
-    rows.bind(1, isWhole ? INT64_MIN : filter.from.value_or(INT64_MIN));
-    rows.bind(2, isWhole ? INT64_MAX : filter.to.value_or(INT64_MAX));
+    rows.bind(1, filter.from.value_or(INT64_MIN));
+    rows.bind(2, filter.to.value_or(INT64_MAX));
     while (rows.step()) {
         Counts counts;
         counts.sums = {rows.number(1), rows.number(2), rows.number(3), rows.number(4)};
@@ -106,16 +105,26 @@ std::int64_t periodAfter(std::int64_t start, Period period) {
     return periodOf(start + 3600, period);
 }
 
-std::vector<Column> columnsOf(Period period, bool hasBar) {
+std::vector<Column> columnsOf(const Options& options, bool hasBar) {
     std::vector<Column> columns;
-    if (period != Period::kAll)
-        columns.push_back({period == Period::kDay ? "day" : "hour"});
+    if (options.period != Period::kAll) {
+        columns.push_back(
+            {options.period == Period::kDay ? "day" : "hour",
+             options.format == Format::kTable ? Column::Kind::kText : Column::Kind::kNumber});
+    }
     for (const char* name : {"requests", "bytes", "response_ms", "no_answer", "2xx", "3xx", "4xx",
                              "5xx", "content", "pages", "entries"})
         columns.push_back({name, Column::Kind::kNumber});
     if (hasBar)
-        columns.push_back({"bar"});
+        columns.push_back({"bar", Column::Kind::kText});
     return columns;
+}
+
+std::string label(std::int64_t start, const Options& options) {
+    if (options.format != Format::kTable)
+        return std::to_string(start);
+    const std::size_t shown = options.period == Period::kDay ? 10 : 16;  // no seconds
+    return records::timeText(start).substr(0, shown);
 }
 
 Cells cellsOf(const Counts& counts) {
@@ -130,40 +139,47 @@ Cells cellsOf(const Counts& counts) {
 }
 
 std::string bar(std::int64_t value, std::int64_t most) {
-    const auto length = static_cast<std::size_t>(value) * kBarWidth;
-    const auto whole = static_cast<std::size_t>(std::max<std::int64_t>(most, 1));
-    return std::string((length + whole - 1) / whole, '#') + (value == 0 ? " " : "");
+    const double share = static_cast<double>(value) / static_cast<double>(most);
+    const auto length = static_cast<std::size_t>(share * kBarWidth + 0.5);
+    return length == 0 && value == 0 ? " " : std::string(std::max<std::size_t>(length, 1), '#');
 }
 
-// Hours and days between the first and the last one without a request are told, too.
+// The period that is told after one: empty ones are told, too, but for long gaps, which a damaged time
+// makes as easily as a pause.
+std::int64_t nextToTell(const std::map<std::int64_t, Counts>& periods, std::int64_t start,
+                        Period period) {
+    constexpr std::int64_t kLongGap = 366 * 86400;
+    const auto next = periods.upper_bound(start);
+    if (next != periods.end() && next->first - start > kLongGap)
+        return next->first;
+    return periodAfter(start, period);
+}
+
 void write(const Slots& slots, const Options& options, std::FILE* output) {
     std::map<std::int64_t, Counts> periods;
     for (const auto& [start, counts] : slots)
         periods[options.period == Period::kAll ? 0 : periodOf(start, options.period)].add(counts);
     const bool hasBar = options.period != Period::kAll && options.format == Format::kTable &&
                         isatty(fileno(output)) != 0;
-    Table table(output, options.format, columnsOf(options.period, hasBar));
-    if (options.period == Period::kAll) {
+    Table table(output, options.format, columnsOf(options, hasBar));
+    if (options.period == Period::kAll)
         table.add(cellsOf(periods[0]));
-        table.finish();
-        return;
-    }
-    std::int64_t most = 0;
+    std::int64_t most = 1;
     for (const auto& [start, counts] : periods)
         most = std::max(most, counts.sums.requests);
-    std::uint64_t rows = 0;
-    const std::int64_t last = periods.empty() ? 0 : periods.rbegin()->first;
-    for (std::int64_t start = periods.empty() ? 1 : periods.begin()->first;
-         start <= last && (!options.limit || rows < *options.limit);
-         start = periodAfter(start, options.period), ++rows) {
-        const auto found = periods.find(start);
-        const Counts counts = found != periods.end() ? found->second : Counts();
-        Cells cells = cellsOf(counts);
-        const std::size_t shown = options.period == Period::kDay ? 10 : 16;  // no seconds
-        cells.insert(cells.begin(), records::timeText(start).substr(0, shown));
-        if (hasBar)
-            cells.push_back(bar(counts.sums.requests, most));
-        table.add(std::move(cells));
+    if (options.period != Period::kAll && !periods.empty()) {
+        std::uint64_t rows = 0;
+        for (std::int64_t start = periods.begin()->first;
+             start <= periods.rbegin()->first && (!options.limit || rows < *options.limit);
+             start = nextToTell(periods, start, options.period), ++rows) {
+            const auto found = periods.find(start);
+            const Counts counts = found != periods.end() ? found->second : Counts();
+            Cells cells = cellsOf(counts);
+            cells.insert(cells.begin(), label(start, options));
+            if (hasBar)
+                cells.push_back(bar(std::max<std::int64_t>(counts.sums.requests, 0), most));
+            table.add(std::move(cells));
+        }
     }
     table.finish();
 }
@@ -175,10 +191,11 @@ void totals(const std::string& directory, const Options& options, std::FILE* out
     Slots slots;
     readDays(directory, options.filter, [&](records::Database& database) {
         Slots ofDay;
-        if (options.filter.isOfWholeSlots(database)) {
-            addTotals(database, options.filter, ofDay);
+        const Filter filter = options.filter.within(database);
+        if (filter.isOfWholeSlots(database)) {
+            addTotals(database, filter, ofDay);
         } else {
-            addRequests(database, options.filter, ofDay);
+            addRequests(database, filter, ofDay);
         }
         const std::lock_guard<std::mutex> lock(mutex);
         for (const auto& [start, counts] : ofDay)

@@ -8,7 +8,10 @@ namespace kp::records {
 
 namespace {
 
-constexpr int kPatience = 5000;  // milliseconds
+// A null pointer would be NULL, an empty text is one.
+const char* startOf(std::string_view text) {
+    return text.data() != nullptr ? text.data() : "";
+}
 
 }  // namespace
 
@@ -16,7 +19,8 @@ void Database::Close::operator()(sqlite3* handle) const {
     sqlite3_close_v2(handle);
 }
 
-Database::Database(const std::string& path, Access access) : path_(path) {
+Database::Database(const std::string& path, Access access, std::chrono::milliseconds patience)
+    : path_(path) {
     const int flags =
         access == Access::kRead ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
     sqlite3* handle = nullptr;
@@ -26,14 +30,17 @@ Database::Database(const std::string& path, Access access) : path_(path) {
         throw std::bad_alloc();
     if (result != SQLITE_OK)
         fail();
-    sqlite3_busy_timeout(handle, kPatience);
+    sqlite3_busy_timeout(handle, static_cast<int>(patience.count()));
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
 }
 
 Database::Database(Database&&) noexcept = default;
 Database::~Database() = default;
 
 void Database::fail() const {
-    throw DatabaseError(path_ + ": " + sqlite3_errmsg(handle_.get()));
+    throw DatabaseError(path_ + ": " + sqlite3_errmsg(handle_.get()),
+                        sqlite3_errcode(handle_.get()) == SQLITE_BUSY);
 }
 
 void Database::execute(const std::string& sql) {
@@ -48,6 +55,12 @@ std::int64_t Database::number(const std::string& sql) {
 
 bool Database::isInTransaction() const {
     return sqlite3_get_autocommit(handle_.get()) == 0;
+}
+
+bool Database::hasMoved() const {
+    int moved = 0;
+    sqlite3_file_control(handle_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+    return moved != 0;
 }
 
 void Statement::Finalize::operator()(sqlite3_stmt* handle) const {
@@ -72,10 +85,13 @@ void Statement::bind(int parameter, std::int64_t value) {
 }
 
 void Statement::bind(int parameter, std::string_view text) {
-    // A null pointer would be NULL, an empty text is one.
-    const char* const start = text.data() != nullptr ? text.data() : "";
-    check(sqlite3_bind_text(handle_.get(), parameter, start, static_cast<int>(text.size()),
+    check(sqlite3_bind_text(handle_.get(), parameter, startOf(text), static_cast<int>(text.size()),
                             SQLITE_STATIC));
+}
+
+void Statement::bindCopy(int parameter, std::string_view text) {
+    check(sqlite3_bind_text(handle_.get(), parameter, startOf(text), static_cast<int>(text.size()),
+                            SQLITE_TRANSIENT));
 }
 
 void Statement::bindNull(int parameter) {

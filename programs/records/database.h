@@ -1,6 +1,7 @@
 // SQLite behind two small classes that close what they opened and throw what went wrong.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -15,7 +16,14 @@ namespace kp::records {
 /// What SQLite refused, with the file's path; what() is for the user.
 class DatabaseError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit DatabaseError(const std::string& text, bool isBusy = false)
+        : std::runtime_error(text), isBusy_(isBusy) {}
+
+    /// Somebody else had the file locked, and nothing else is wrong.
+    bool isBusy() const { return isBusy_; }
+
+private:
+    bool isBusy_;
 };
 
 class Statement;
@@ -27,8 +35,10 @@ class Database {
 public:
     enum class Access { kRead, kWrite };  ///< kWrite makes the file when there is none
 
-    /// Opens a file; waits up to five seconds whenever somebody else has it locked.
-    Database(const std::string& path, Access access);
+    /// Opens a file; waits up to @p patience whenever somebody else has it locked. What its schema tells
+    /// SQLite to run is not trusted.
+    Database(const std::string& path, Access access,
+             std::chrono::milliseconds patience = std::chrono::seconds(5));
     Database(Database&&) noexcept;  // before it has statements
     Database& operator=(Database&&) = delete;
     ~Database();
@@ -41,6 +51,8 @@ public:
     std::int64_t number(const std::string& sql);
     /// Whether a transaction has begun and not ended.
     bool isInTransaction() const;
+    /// Whether the file has been moved or deleted since it was opened.
+    bool hasMoved() const;
 
 private:
     friend class Statement;
@@ -66,6 +78,8 @@ public:
     void bind(int parameter, std::int64_t value);
     /// The text must stay as it is until the statement is reset.
     void bind(int parameter, std::string_view text);
+    /// The statement keeps a copy.
+    void bindCopy(int parameter, std::string_view text);
     void bindNull(int parameter);
 
     /// Goes to the next row; false when there is none.

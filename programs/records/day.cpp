@@ -7,7 +7,7 @@ namespace kp::records {
 
 namespace {
 
-constexpr int kFirstYear = 1970;
+constexpr int kFirstYear = 1969;  // the first moment of 1970 in zones behind UTC
 constexpr int kLastYear = 9999;
 
 std::tm tmOf(const Day& day) {
@@ -57,20 +57,26 @@ Day Day::plus(int days) const {
     return dayOfTm(tm);
 }
 
-// By the zone's offsets and not by mktime(), which reads the zone's file anew each time.
 std::int64_t Day::at(int seconds) const {
     std::tm tm = tmOf(*this);
     const std::time_t utc = timegm(&tm) + seconds;
-    const std::time_t near = utc - offsetAt(utc);
-    return utc - offsetAt(near);
+    return utc - offsetAt(utc - offsetAt(utc));
 }
 
+// The first moment that is not before the day: clocks may be set at midnight, and whole days are left
+// out. Not by mktime(), which reads the zone's file anew each time, and finds either of two midnights.
 std::int64_t Day::start() const {
-    std::int64_t start = at(0);
-    // Where the clocks are set forward at midnight the day begins with the first moment that exists.
-    while (records::dayOf(start) && *records::dayOf(start) < *this)
-        start += 900;
-    return start;
+    constexpr std::int64_t kFarthest = 26 * 3600;  // of local time from UTC
+    std::tm tm = tmOf(*this);
+    const std::int64_t utc = timegm(&tm);
+    std::int64_t before = utc - kFarthest;
+    std::int64_t after = utc + kFarthest;
+    while (after - before > 1) {
+        const std::int64_t middle = before + (after - before) / 2;
+        const std::optional<Day> found = records::dayOf(middle);
+        (found && *found < *this ? before : after) = middle;
+    }
+    return after;
 }
 
 std::optional<Day> parseDay(std::string_view text) {

@@ -32,10 +32,10 @@ private:
     std::tuple<int, int, int> key() const { return {year, month, day}; }
 };
 
-/// The day of exactly the form YYYY-MM-DD, years 1970 to 9999; none when the text is no such day.
+/// The day of exactly the form YYYY-MM-DD, years 1969 to 9999; none when the text is no such day.
 std::optional<Day> parseDay(std::string_view text);
 
-/// The day of a moment in seconds since 1970; none for the years outside 1970 to 9999.
+/// The day of a moment in seconds since 1970; none for the years outside 1969 to 9999.
 std::optional<Day> dayOf(std::int64_t seconds);
 
 /// The day that it is now.

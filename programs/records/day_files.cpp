@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <string_view>
 #include <system_error>
@@ -46,22 +47,33 @@ std::vector<Day> daysIn(const std::string& directory) {
     return daysWith(directory, {""});
 }
 
-bool isOpenOrLeft(const std::string& directory, const Day& day) {
-    std::error_code none;
-    return fs::exists(dayPath(directory, day) + "-wal", none);
+std::vector<Day> daysWithRemains(const std::string& directory) {
+    return daysWith(directory, {"", "-wal", "-shm", "-journal"});
 }
 
-std::vector<Day> deleteDaysBefore(const std::string& directory, const Day& first) {
-    std::vector<Day> deleted;
-    for (const Day& day : daysWith(directory, {"", "-wal", "-shm"})) {
-        if (!(day < first))
-            break;
-        // The file goes first: its log without it is nothing, but it is less without its log.
-        for (const char* ending : {"", "-wal", "-shm"})
-            fs::remove(dayPath(directory, day) + ending);
-        deleted.push_back(day);
+bool isOpenOrLeft(const std::string& directory, const Day& day) {
+    const std::string path = dayPath(directory, day);
+    std::error_code none;
+    return fs::exists(path + "-wal", none) || fs::exists(path + "-journal", none);
+}
+
+// The 19th byte of the file's header is the version of its format for reading: 2 with a log.
+bool needsLog(const std::string& directory, const Day& day) {
+    char header[20] = {};
+    std::ifstream(dayPath(directory, day), std::ios::binary).read(header, sizeof header);
+    return header[19] == 2;
+}
+
+std::string deleteDay(const std::string& directory, const Day& day) {
+    const std::string path = dayPath(directory, day);
+    // The file goes first: what is beside it is nothing without it, and it is less without that.
+    for (const char* ending : {"", "-wal", "-shm", "-journal"}) {
+        std::error_code fault;
+        fs::remove(path + ending, fault);
+        if (fault)
+            return path + ending + ": " + fault.message();
     }
-    return deleted;
+    return {};
 }
 
 }  // namespace kp::records

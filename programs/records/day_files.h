@@ -15,11 +15,17 @@ std::string dayPath(const std::string& directory, const Day& day);
 /// Throws std::filesystem::filesystem_error when the directory cannot be read.
 std::vector<Day> daysIn(const std::string& directory);
 
-/// Whether a day's file was not closed: its log of changes is beside it.
+/// The days that have one, or something that SQLite keeps beside it. Throws as daysIn().
+std::vector<Day> daysWithRemains(const std::string& directory);
+
+/// Whether a day's file was not closed: what SQLite keeps of changes is beside it.
 bool isOpenOrLeft(const std::string& directory, const Day& day);
 
-/// Deletes the files of the days before @p first; whoever reads one of them goes on reading it.
-/// Returns the days. Throws as daysIn().
-std::vector<Day> deleteDaysBefore(const std::string& directory, const Day& first);
+/// Whether a day's file needs a log of changes beside it to be read, as it does while it is written.
+bool needsLog(const std::string& directory, const Day& day);
+
+/// Deletes the files of a day; whoever reads them goes on reading. Returns why one could not be
+/// deleted, empty when all were.
+std::string deleteDay(const std::string& directory, const Day& day);
 
 }  // namespace kp::records

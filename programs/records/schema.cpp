@@ -86,10 +86,14 @@ CREATE VIEW transactions_text AS
 bool hasSchema(Database& database) {
     const std::int64_t application = database.number("PRAGMA application_id");
     const std::int64_t version = database.number("PRAGMA user_version");
+    const bool isWhole =
+        database.number(
+            "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN ('transactions', "
+            "'methods', 'hosts', 'types', 'clients', 'servers', 'slots')") == 7;
     const bool isEmpty = database.number("SELECT count(*) FROM sqlite_master") == 0;
     if (isEmpty && application == 0 && version == 0)
         return false;
-    if (application != kApplicationId)
+    if (application != kApplicationId || (version == kSchemaVersion && !isWhole))
         throw DatabaseError(database.path() + " is no day file of kp-capture");
     if (version != kSchemaVersion) {
         throw DatabaseError(database.path() + " has version " + std::to_string(version) +

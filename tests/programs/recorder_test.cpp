@@ -3,8 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <filesystem>
+#include <memory>
+#include <mutex>
 #include <thread>
 
 #include "records/day_files.h"
@@ -28,7 +29,10 @@ protected:
         settings.mayWait = mayWait;
         settings.daysToKeep = [] { return 2U; };
         settings.retryPeriod = std::chrono::milliseconds(10);
-        settings.tell = [this](const std::string& text) { told_ += text + "\n"; };
+        settings.tell = [this](const std::string& text) {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            told_ += text + "\n";
+        };
         return settings;
     }
     static void record(Recorder& recorder, std::int64_t seconds, const std::string& target) {
@@ -38,11 +42,17 @@ protected:
         transaction.target = target;
         recorder.record(std::move(transaction), {});
     }
-    std::int64_t rowsOf(const Day& day) {
+    std::int64_t rowsOf(const Day& day, const std::string& where = "") {
         Database database(dayPath(site_.path("db"), day), Database::Access::kRead);
-        return database.number("SELECT count(*) FROM transactions");
+        return database.number("SELECT count(*) FROM transactions" + where);
     }
 
+    bool isTold(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return told_.find(text) != std::string::npos;
+    }
+
+    std::mutex mutex_;
     std::string told_;
 };
 
@@ -51,13 +61,19 @@ TEST_F(RecorderTest, ADayThatBeginsLosesNoRowAndDeletesWhatIsTooOld) {
     for (const int age : {2, 3, 4, 400})
         site_.write("db/" + now.plus(-age).text() + ".sqlite", "");
     site_.write("db/" + now.plus(-9).text() + ".sqlite-wal", "left alone by somebody");
+    fs::create_directory(
+        dayPath(site_.path("db"), now.plus(-8)));  // cannot be deleted: it is not empty
+    site_.write("db/" + now.plus(-8).text() + ".sqlite/x", "");
     Recorder recorder(settings(true));
     recorder.open();
-    EXPECT_EQ(kp::records::daysIn(site_.path("db")), std::vector<Day>{now.plus(-2)});
-    EXPECT_FALSE(fs::exists(dayPath(site_.path("db"), now.plus(-9)) + "-wal"));
-    EXPECT_NE(told_.find("deleted the records of " + now.plus(-3).text()), std::string::npos);
-
     recorder.start();
+    recorder.flush();
+    EXPECT_EQ(kp::records::daysIn(site_.path("db")),
+              (std::vector<Day>{now.plus(-8), now.plus(-2)}));
+    EXPECT_FALSE(fs::exists(dayPath(site_.path("db"), now.plus(-9)) + "-wal"));
+    EXPECT_TRUE(isTold("deleted the records of " + now.plus(-3).text()));
+    EXPECT_TRUE(isTold("cannot delete " + dayPath(site_.path("db"), now.plus(-8))));
+
     site_.write("db/" + now.plus(-3).text() + ".sqlite", "");
     std::thread days([&] {
         for (int i = 0; i < 50; ++i) {
@@ -77,6 +93,7 @@ TEST_F(RecorderTest, ADayThatBeginsLosesNoRowAndDeletesWhatIsTooOld) {
     EXPECT_EQ(recorder.lost(), 0U);
     EXPECT_EQ(rowsOf(now), kRows / 2);
     EXPECT_EQ(rowsOf(now.plus(-1)), kRows / 2);
+    EXPECT_EQ(rowsOf(now, " WHERE time < " + std::to_string(now.start()) + "000000"), 0);
     EXPECT_FALSE(fs::exists(dayPath(site_.path("db"), now.plus(-3))));
     // Times that no calendar has cannot be kept; the rest can.
     record(recorder, INT64_MAX / 2, "/never");
@@ -84,7 +101,6 @@ TEST_F(RecorderTest, ADayThatBeginsLosesNoRowAndDeletesWhatIsTooOld) {
     recorder.finish();
     EXPECT_EQ(recorder.lost(), 1U);
     EXPECT_EQ(rowsOf(now), kRows / 2 + 1);
-    EXPECT_FALSE(kp::records::isOpenOrLeft(site_.path("db"), now));
 }
 
 TEST_F(RecorderTest, WhoeverMayNotWaitLosesWhatADiskThatStandsStillDoesNotTake) {
@@ -100,11 +116,57 @@ TEST_F(RecorderTest, WhoeverMayNotWaitLosesWhatADiskThatStandsStillDoesNotTake) 
     const std::string large(100000, 'x');
     for (; recorder.lost() == 0 && handed < 3000; ++handed)
         record(recorder, now.start(), large);
-    EXPECT_GT(recorder.lost(), 0U);  // and this thread, which holds the disk up, did not wait
+    EXPECT_GT(recorder.lost(), 0U);
+    EXPECT_EQ(recorder.fault(), "");  // this thread, which holds the disk up, did not wait
     blocking.execute("ROLLBACK");
     recorder.finish();
     EXPECT_EQ(recorder.recorded() + recorder.lost(), handed);
     EXPECT_EQ(static_cast<std::uint64_t>(rowsOf(now)), recorder.recorded());
+}
+
+TEST_F(RecorderTest, WhoeverMayWaitWaitsForSomebodyElsesLock) {
+    const Day now = today();
+    Recorder::Settings impatient = settings(true);
+    impatient.lockPatience = std::chrono::milliseconds(10);
+    Recorder recorder(impatient);
+    recorder.open();
+    recorder.start();
+    record(recorder, now.start(), "/before");
+    recorder.flush();
+    auto blocking =
+        std::make_unique<Database>(dayPath(site_.path("db"), now), Database::Access::kWrite);
+    blocking->execute("BEGIN IMMEDIATE");
+    record(recorder, now.start(), "/behind");
+    std::thread later([&] {
+        while (!isTold("waiting for "))
+            std::this_thread::yield();
+        blocking.reset();
+    });
+    recorder.finish();
+    later.join();
+    EXPECT_EQ(recorder.lost(), 0U);
+    EXPECT_EQ(rowsOf(now), 2);
+}
+
+TEST_F(RecorderTest, ADayThatCannotBeWrittenCostsTheOthersNothing) {
+    const Day now = today();
+    Database(dayPath(site_.path("db"), now.plus(-1)), Database::Access::kWrite)
+        .execute("CREATE TABLE mine (x)");
+    const std::string before = site_.read("db/" + now.plus(-1).text() + ".sqlite");
+    Recorder recorder(settings(true));
+    recorder.open();
+    recorder.start();
+    for (int i = 0; i < 100; ++i) {
+        record(recorder, now.start(), "/today");
+        record(recorder, now.start() - 1, "/yesterday");
+    }
+    recorder.finish();
+    EXPECT_EQ(recorder.recorded(), 100U);
+    EXPECT_EQ(recorder.lost(), 100U);
+    EXPECT_EQ(rowsOf(now), 100);
+    EXPECT_TRUE(isTold("is no day file"));
+    EXPECT_EQ(site_.read("db/" + now.plus(-1).text() + ".sqlite"),
+              before);  // it is somebody else's
 }
 
 TEST_F(RecorderTest, TriesAgainWhenTheDirectoryIsBack) {
@@ -112,21 +174,31 @@ TEST_F(RecorderTest, TriesAgainWhenTheDirectoryIsBack) {
     fs::rename(site_.path("db"), site_.path("away"));
     Recorder recorder(settings(true));
     recorder.open();
-    EXPECT_NE(told_.find("cannot record: " + site_.path("db")), std::string::npos);
-    EXPECT_NE(recorder.fault(), "");
-    fs::rename(site_.path("away"), site_.path("db"));
+    EXPECT_TRUE(isTold("cannot record: " + site_.path("db")));
     recorder.start();
     std::uint64_t handed = 0;
-    while (recorder.recorded() == 0) {
-        record(recorder, now.start(), "/");
+    const auto record = [&] {
+        RecorderTest::record(recorder, now.start(), "/");
         ++handed;
         recorder.flush();
-    }
+    };
+    while (handed < 100)
+        record();
+    EXPECT_EQ(recorder.lost(), handed);
+    fs::rename(site_.path("away"), site_.path("db"));
+    while (recorder.recorded() == 0)
+        record();
     EXPECT_EQ(recorder.fault(), "");
-    EXPECT_NE(told_.find("recording again"), std::string::npos);
-    EXPECT_EQ(recorder.recorded() + recorder.lost(), handed);
+    EXPECT_TRUE(isTold("recording again"));
+    // The same for a file that is taken away while it is written.
+    fs::remove(dayPath(site_.path("db"), now));
+    const std::uint64_t recorded = recorder.recorded();
+    while (recorder.recorded() == recorded)
+        record();
     recorder.finish();
-    EXPECT_EQ(static_cast<std::uint64_t>(rowsOf(now)), recorder.recorded());
+    EXPECT_TRUE(isTold("was moved or deleted"));
+    EXPECT_EQ(recorder.recorded() + recorder.lost(), handed);
+    EXPECT_EQ(static_cast<std::uint64_t>(rowsOf(now)), recorder.recorded() - recorded);
 }
 
 }  // namespace
