@@ -84,7 +84,10 @@ bool Filter::touches(const records::Day& day) const {
 }
 
 Filter Filter::within(records::Database& database) const {
-    records::Statement times(database, "SELECT min(time), max(time) FROM transactions");
+    // Each alone is the first or the last entry of the index; both at once would be all of them.
+    records::Statement times(database,
+                             "SELECT (SELECT min(time) FROM transactions), "
+                             "(SELECT max(time) FROM transactions)");
     times.step();
     const bool isInside = times.isNull(0) || ((!from || *from * kMicroseconds <= times.number(0)) &&
                                               (!to || *to * kMicroseconds > times.number(1)));
