@@ -1,4 +1,5 @@
-// libtins' stream follower over a capture: counts connections and bytes, and does nothing with them.
+// libtins' stream follower over a capture: counts connections and bytes, and does nothing with
+// them.
 #include <tins/tcp_ip/stream_follower.h>
 #include <tins/tins.h>
 

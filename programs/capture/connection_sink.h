@@ -10,7 +10,8 @@
 
 namespace kp::capture {
 
-/// One of the two ends of a connection: kFirst has opened it, or sent the first packet that was seen.
+/// One of the two ends of a connection: kFirst has opened it, or sent the first packet that was
+/// seen.
 ///
 /// That is the client when the start of the connection was seen, and may be either end otherwise.
 enum class Side { kFirst = 0, kSecond = 1 };

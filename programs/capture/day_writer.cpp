@@ -91,10 +91,11 @@ Database DayWriter::openFile(const std::string& path, bool isDurable,
     Database database(path, Database::Access::kWrite, patience);
     // Before anything is changed: it may be somebody else's.
     records::hasSchema(database);
-    // Readers and the writer do not keep each other waiting, and whoever is killed leaves a whole file.
+    // Readers and the writer do not keep each other waiting, and whoever is killed leaves a whole
+    // file.
     database.execute("PRAGMA journal_mode = WAL");
     database.execute(isDurable ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
-    database.execute("PRAGMA cache_size = -16384");
+    database.execute("PRAGMA cache_size = -4096");
     database.execute("PRAGMA wal_autocheckpoint = 4096");
     database.execute("BEGIN IMMEDIATE");
     if (!records::hasSchema(database))

@@ -57,17 +57,17 @@ private:
 
 /// An open day file.
 ///
-/// Rows are in the file after commit(). The file survives the end of its process at any moment; SQLite
-/// keeps the latest changes beside it, and puts them in when the last one closes it.
-/// All operations throw records::DatabaseError and can fail for want of disk; then the rows since the
-/// last commit are lost, and the writer is good for nothing but its end. Only add() may be called again
-/// when the error is busy: then somebody else is writing, and nothing has been done.
+/// Rows are in the file after commit(). The file survives the end of its process at any moment;
+/// SQLite keeps the latest changes beside it, and puts them in when the last one closes it. All
+/// operations throw records::DatabaseError and can fail for want of disk; then the rows since the
+/// last commit are lost, and the writer is good for nothing but its end. Only add() may be called
+/// again when the error is busy: then somebody else is writing, and nothing has been done.
 /// Threads: one.
 class DayWriter {
 public:
-    /// Opens the file of a day, or makes it. @p isDurable: what was committed survives the end of the
-    /// whole machine, too; that costs a wait for the disk each time. @p patience: how long somebody
-    /// else may have the file locked.
+    /// Opens the file of a day, or makes it. @p isDurable: what was committed survives the end of
+    /// the whole machine, too; that costs a wait for the disk each time. @p patience: how long
+    /// somebody else may have the file locked.
     DayWriter(const std::string& directory, const records::Day& day, bool isDurable,
               std::chrono::milliseconds patience);
 

@@ -16,8 +16,8 @@ namespace kp::capture {
 
 /// Collects fragments until their packet is whole. Of bytes that come twice the first copy counts.
 ///
-/// Memory: at most kMostPackets unfinished packets, of 64 KiB each at most; the oldest goes first. One
-/// whose first fragment came more than kSeconds ago is not finished any more.
+/// Memory: at most kMostPackets unfinished packets, of 64 KiB each at most; the oldest goes first.
+/// One whose first fragment came more than kSeconds ago is not finished any more.
 class Fragments {
 public:
     static constexpr std::size_t kMostPackets = 64;

@@ -48,8 +48,8 @@ public:
              std::chrono::seconds clientLimit);
     ~FrontEnd() override;
 
-    /// Ends accepting and every session; whatever they use may go afterwards. Not for the front end's
-    /// own threads.
+    /// Ends accepting and every session; whatever they use may go afterwards. Not for the front
+    /// end's own threads.
     void end();
 
     /// One turn of accepting, and of looking after clients that take too long.

@@ -19,10 +19,10 @@ namespace kp::capture {
 /// not HTTP and is left alone.
 /// Pairing: answers belong to the requests in their order. Where bytes were lost, acknowledgements
 /// tell which: an answer that begins before what the client had when it sent a request is not that
-/// request's, and one that begins just there is, whatever requests still wait before it. Interim answers (1xx) are stepped over;
-/// an answer that no request waits for makes no transaction. After the answer 101, and after a 2xx
-/// to CONNECT, the connection is not read any more, and what looked like requests behind it was
-/// not.
+/// request's, and one that begins just there is, whatever requests still wait before it. Interim
+/// answers (1xx) are stepped over; an answer that no request waits for makes no transaction. After
+/// the answer 101, and after a 2xx to CONNECT, the connection is not read any more, and what looked
+/// like requests behind it was not.
 /// A request counts from the end of its header block on, an answer too. Requests without an answer
 /// are handed out when the connection closes, or earlier when more than kMostWaiting requests
 /// wait, or their texts exceed kMostWaitingText bytes: the oldest go first, and their answers are

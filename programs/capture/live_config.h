@@ -25,8 +25,8 @@ std::string keptFile(const std::string& name);
 /// Gives every stage the configuration in force, and takes changed ones from the front end.
 ///
 /// What current() gave never changes: a change makes a new object, one change at a time.
-/// The file is replaced by one that is whole, so that a process that is killed leaves the old or the
-/// new one.
+/// The file is replaced by one that is whole, so that a process that is killed leaves the old or
+/// the new one.
 /// Threads: any.
 class LiveConfig {
 public:

@@ -37,8 +37,8 @@ struct PacketSource::Handle {
     bool useLink(int type);
     void dropOthers();
 
-    // Of a pcapng file libpcap reads only those whose interfaces are all alike, so we read them; its
-    // own handle is then for the links of the packet at hand, to compile filters for.
+    // Of a pcapng file libpcap reads only those whose interfaces are all alike, so we read them;
+    // its own handle is then for the links of the packet at hand, to compile filters for.
     std::FILE* ownFile = nullptr;
     std::unique_ptr<PcapngReader> pcapng;
     PcapngReader::Record record;

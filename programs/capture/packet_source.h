@@ -25,11 +25,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Reads packets through libpcap, of pcapng files by our own reader, one at a time, that pass a filter. One that does not name `vlan` is
-/// asked about the packets in tagged Ethernet frames, too.
+/// Reads packets through libpcap, of pcapng files by our own reader, one at a time, that pass a
+/// filter. One that does not name `vlan` is asked about the packets in tagged Ethernet frames, too.
 ///
-/// Threads: one thread uses a source; stop() and filterFault() may be called from anywhere at any time, signal
-/// handlers included.
+/// Threads: one thread uses a source; stop() and filterFault() may be called from anywhere at any
+/// time, signal handlers included.
 class PacketSource {
 public:
     enum class Result {

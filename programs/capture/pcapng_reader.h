@@ -13,8 +13,8 @@
 namespace kp::capture {
 
 /// Reads the packets of a pcapng file, block by block, from any number of sections and interfaces,
-/// each with its own byte order, link type, resolution of times and snap length. Blocks that carry no
-/// packets are stepped over.
+/// each with its own byte order, link type, resolution of times and snap length. Blocks that carry
+/// no packets are stepped over.
 ///
 /// The format: draft-ietf-opsawg-pcapng.
 class PcapngReader {

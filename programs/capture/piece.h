@@ -18,8 +18,8 @@ struct Arrival {
     bool hasAcknowledged = false;
 };
 
-/// A buffer that knows how its bytes came. Every buffer of a stream that a connection's sink gets is
-/// one.
+/// A buffer that knows how its bytes came. Every buffer of a stream that a connection's sink gets
+/// is one.
 class Piece : public KP_Buffer {
 public:
     /// Its bytes are @p bytes themselves, which stay the caller's.

@@ -15,9 +15,11 @@ namespace kp::capture {
 ///
 /// Of bytes that come twice the first copy counts, held back or not. Sequence numbers wrap. Bytes
 /// that never come are stepped over by skipGap(), which is due when
-///   - the other side has acknowledged what is missing, and kPatience has passed since it was missed:
+///   - the other side has acknowledged what is missing, and kPatience has passed since it was
+///   missed:
 ///     packets may be captured in another order than they were sent;
-///   - kLongPatience has passed without that and without anything in order, since the other side may
+///   - kLongPatience has passed without that and without anything in order, since the other side
+///   may
 ///     not be in the capture;
 ///   - as much is held back as may be.
 class Reassembly {
@@ -37,8 +39,8 @@ public:
     bool isAt(std::uint32_t sequence) const { return hasBegun_ && next_ == sequence; }
 
     /// Takes bytes. What is due now, and was not held back, is returned and points into @p bytes;
-    /// @p arrival is then that of its first byte, and what follows it is handed over by moveFirst().
-    /// Throws std::bad_alloc.
+    /// @p arrival is then that of its first byte, and what follows it is handed over by
+    /// moveFirst(). Throws std::bad_alloc.
     std::string_view add(std::string_view bytes, Arrival& arrival);
     /// Takes bytes and holds them back, whether they are due or not. Throws std::bad_alloc.
     void hold(std::string_view bytes, Arrival arrival);
@@ -58,13 +60,13 @@ public:
     bool isGapDue(std::int64_t now) const;
     /// Whether more is held back than may be.
     bool isFull() const { return pieces_.size() > kMostPieces || held_ > kMostBytes; }
-    /// Whether there is a gap, and the other side is seen and has not got what stands behind it either:
-    /// it is sent again, or was never meant for this connection.
+    /// Whether there is a gap, and the other side is seen and has not got what stands behind it
+    /// either: it is sent again, or was never meant for this connection.
     bool isUnconfirmed() const { return !isDue() && knowsAcknowledged_ && !isHeldAcknowledged(); }
     /// Steps over that gap; returns how many bytes are missing, 0 when there is none.
     std::uint32_t skipGap();
-    /// Steps over bytes before @p end of which a packet has only told the number, as far as none of them
-    /// is held back; returns how many.
+    /// Steps over bytes before @p end of which a packet has only told the number, as far as none of
+    /// them is held back; returns how many.
     std::uint32_t skipCut(std::uint32_t end);
     /// Steps to the end that was told; returns how many bytes are missing, or 0.
     std::uint32_t skipToEnd();

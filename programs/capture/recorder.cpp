@@ -250,9 +250,10 @@ void Recorder::deleteOldDays() {
     }
 }
 
-// Puts in what a killed engine has left beside its files, or somebody was reading when they were closed.
-// Days that are over become files that need nothing beside them, so that they can be copied, and read
-// from where nothing can be written. Late rows are those of yesterday, so that may still grow.
+// Puts in what a killed engine has left beside its files, or somebody was reading when they were
+// closed. Days that are over become files that need nothing beside them, so that they can be
+// copied, and read from where nothing can be written. Late rows are those of yesterday, so that may
+// still grow.
 void Recorder::tidyDays() {
     using records::Database;
     const Day yesterday = records::today().plus(-1);

@@ -34,13 +34,13 @@ public:
 /// Writes transactions into the files of their days, on a thread of its own.
 ///
 /// What was handed over is in the file half a second later, unless the disk takes longer. A
-/// transaction belongs to the local day of its request, whenever it comes; days are opened when they
-/// are needed. When a day begins the files are closed and those of days that are too old deleted, but
-/// for one that is just being written.
+/// transaction belongs to the local day of its request, whenever it comes; days are opened when
+/// they are needed. When a day begins the files are closed and those of days that are too old
+/// deleted, but for one that is just being written.
 ///
-/// When the disk does not take what is written into a day (it is full, or cannot be written at all),
-/// what of that day was not committed is lost and counted, the user is told, and it is tried again
-/// after a while. One that may wait waits for somebody else who has the file locked.
+/// When the disk does not take what is written into a day (it is full, or cannot be written at
+/// all), what of that day was not committed is lost and counted, the user is told, and it is tried
+/// again after a while. One that may wait waits for somebody else who has the file locked.
 ///
 /// Threads: one hands over; dayBegan(), the counters and fault() are for any.
 class Recorder : public KP_Thread {
@@ -63,9 +63,9 @@ public:
     explicit Recorder(Settings settings);
     ~Recorder() override;
 
-    /// Takes the directory, as one engine can at a time. Its thread then begins a day, and closes those
-    /// that a killed engine has left. A directory that cannot be written is told and tried again later.
-    /// Throws DirectoryTaken.
+    /// Takes the directory, as one engine can at a time. Its thread then begins a day, and closes
+    /// those that a killed engine has left. A directory that cannot be written is told and tried
+    /// again later. Throws DirectoryTaken.
     void open();
 
     /// Hands a transaction over.

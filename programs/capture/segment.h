@@ -34,8 +34,8 @@ struct Segment {
 class SegmentReader {
 public:
     /// Reads a frame of libpcap's link type @p linkType; false when it holds no whole IPv4 and TCP
-    /// header pair, or a fragment of a packet that is not whole yet. Of a packet in fragments the time
-    /// is that of the last one.
+    /// header pair, or a fragment of a packet that is not whole yet. Of a packet in fragments the
+    /// time is that of the last one.
     bool read(int linkType, std::string_view frame, Timestamp time, Segment& segment);
 
 private:

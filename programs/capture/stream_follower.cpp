@@ -39,7 +39,8 @@ StreamFollower::Connection* StreamFollower::find(const Segment& segment) {
                        !(connection.sawStart && connection.start == segment.sequence);
     const Side side =
         number(segment.source) == number(connection.first) ? Side::kFirst : Side::kSecond;
-    // Without its start in the capture, the next connection between the same ends shows in its numbers.
+    // Without its start in the capture, the next connection between the same ends shows in its
+    // numbers.
     const Reassembly& direction = connection.direction(side);
     const bool isNext = !segment.payload.empty() && !isReset &&
                         !(connection.hasEnded ? direction.isLate(segment.sequence)
@@ -162,8 +163,8 @@ void StreamFollower::deliver(Connection& connection, Side side) {
     due_.reset();
 }
 
-// Whoever sent something had what we still miss of the other side: first that, then this. A side that
-// is not in the capture at all is not waited for.
+// Whoever sent something had what we still miss of the other side: first that, then this. A side
+// that is not in the capture at all is not waited for.
 bool StreamFollower::isTooEarly(Connection& connection, Side side, const Arrival& arrival) {
     const Reassembly& other = connection.direction(otherSide(side));
     return arrival.hasAcknowledged && other.isHoldingBack() &&

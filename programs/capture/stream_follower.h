@@ -19,8 +19,8 @@ namespace kp::capture {
 /// A connection whose start was not seen is followed from its first segment with data on. It ends
 /// when both sides have finished, when one resets it, when another one begins between the same
 /// ends, or when nothing came for kIdleSeconds. For kAfterSeconds after its end late copies of its
-/// segments are known as such. Bytes that never come are stepped over, see Reassembly, at the latest
-/// when the connection ends.
+/// segments are known as such. Bytes that never come are stepped over, see Reassembly, at the
+/// latest when the connection ends.
 ///
 /// Memory: at most about the limit for everything. Beyond it the connections that were silent
 /// longest are given up: what is known of them is handed out.
@@ -38,8 +38,8 @@ public:
     /// Takes the next segment.
     void segment(const Segment& segment);
 
-    /// Closes the connections that were silent long enough until @p now (of the segments' clock), in
-    /// the order in which they were opened, steps over gaps, and forgets those that ended.
+    /// Closes the connections that were silent long enough until @p now (of the segments' clock),
+    /// in the order in which they were opened, steps over gaps, and forgets those that ended.
     void expire(std::int64_t now);
 
     /// Closes the connections that are still open, in the order in which they were opened.

@@ -22,7 +22,8 @@ struct Transaction {
     int status = 0;               ///< 0: no answer was seen
     std::string contentType;      ///< of the answer, without parameters; may be empty
     std::uint64_t bodyBytes = 0;  ///< of the answer's body, without the framing of chunks
-    /// Microseconds from the first byte of the request to that of the answer; none without an answer.
+    /// Microseconds from the first byte of the request to that of the answer; none without an
+    /// answer.
     std::optional<std::int64_t> responseTime;
 };
 

@@ -1,5 +1,5 @@
-// The settings of a configuration as people write them, checked: whatever the library would refuse is
-// refused here.
+// The settings of a configuration as people write them, checked: whatever the library would refuse
+// is refused here.
 #pragma once
 
 #include <cstdint>

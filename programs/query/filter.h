@@ -52,8 +52,8 @@ struct Filter {
 
     /// The conditions for the table "transactions" as a WHERE clause; empty for none.
     std::string where() const;
-    /// Gives a statement with that clause, and no parameter before it, its values; returns the parameter
-    /// behind them.
+    /// Gives a statement with that clause, and no parameter before it, its values; returns the
+    /// parameter behind them.
     int bind(records::Statement& statement) const;
 
 private:

@@ -34,7 +34,8 @@ enum {
     kId
 };
 
-// The crossing keeps the order of the tables, so that the index on the times gives that of the rows.
+// The crossing keeps the order of the tables, so that the index on the times gives that of the
+// rows.
 const std::string kSelect =
     "SELECT time, client, client_port, server, server_port, methods.name, hosts.name, target, "
     "status, types.name, t.body_bytes, in_ranges, content, valid_page, entry_point, "
@@ -71,8 +72,8 @@ public:
     void finish() { table_.finish(); }
 
 private:
-    // A day is read in pieces, so that whoever looks at an answer for long, in a pager, say, does not
-    // keep the file as it is meanwhile: the engine's log of changes would grow.
+    // A day is read in pieces, so that whoever looks at an answer for long, in a pager, say, does
+    // not keep the file as it is meanwhile: the engine's log of changes would grow.
     static constexpr std::size_t kPiece = 10000;
 
     struct Row {

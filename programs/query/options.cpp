@@ -12,13 +12,14 @@ namespace kp::query {
 namespace {
 
 constexpr const char* kFooter = R"(
-A TIME is YYYY-MM-DD, 'YYYY-MM-DD HH:MM', 'YYYY-MM-DD HH:MM:SS', today, yesterday or now, local. --from is
-its beginning and --to its end, so that --from 2026-11-01 --to 2026-11-02 are two whole days.
+A TIME is YYYY-MM-DD, 'YYYY-MM-DD HH:MM', 'YYYY-MM-DD HH:MM:SS', today, yesterday or now, local.
+--from is its beginning and --to its end: --from 2026-11-01 --to 2026-11-02 are two whole days.
 A PATTERN may have * for any text and ? for any character; upper and lower case are the same.
 ADDRESSES are one address, LOW-HIGH or A.B.C.D/BITS. CODES are 404, 4xx, 400-499 or none.
 
-Without conditions on single requests, and for whole quarters of an hour, top and totals come from totals
-that kp-capture keeps; otherwise every request of the days is looked at. An engine may record meanwhile.
+Without conditions on single requests top and totals come from totals that kp-capture keeps, when
+the times take days, or for totals quarters of an hour, whole; otherwise every request is looked
+at. An engine may record meanwhile. Run it in the time zone of the engine.
 response_ms is the mean time from the first byte of a request to that of its answer.
 
 Exit status: 0 done, also when nothing was found; 1 failed; 2 wrong command line.)";

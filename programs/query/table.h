@@ -31,7 +31,8 @@ public:
 
     /// Adds a row, of as many cells as there are columns.
     void add(Cells cells);
-    /// Writes what is left, and the end; throws std::system_error when something could not be written.
+    /// Writes what is left, and the end; throws std::system_error when something could not be
+    /// written.
     void finish();
 
 private:

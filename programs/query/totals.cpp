@@ -144,8 +144,8 @@ std::string bar(std::int64_t value, std::int64_t most) {
     return length == 0 && value == 0 ? " " : std::string(std::max<std::size_t>(length, 1), '#');
 }
 
-// The period that is told after one: empty ones are told, too, but for long gaps, which a damaged time
-// makes as easily as a pause.
+// The period that is told after one: empty ones are told, too, but for long gaps, which a damaged
+// time makes as easily as a pause.
 std::int64_t nextToTell(const std::map<std::int64_t, Counts>& periods, std::int64_t start,
                         Period period) {
     constexpr std::int64_t kLongGap = 366 * 86400;

@@ -35,8 +35,8 @@ class Database {
 public:
     enum class Access { kRead, kWrite };  ///< kWrite makes the file when there is none
 
-    /// Opens a file; waits up to @p patience whenever somebody else has it locked. What its schema tells
-    /// SQLite to run is not trusted.
+    /// Opens a file; waits up to @p patience whenever somebody else has it locked. What its schema
+    /// tells SQLite to run is not trusted.
     Database(const std::string& path, Access access,
              std::chrono::milliseconds patience = std::chrono::seconds(5));
     Database(Database&&) noexcept;  // before it has statements

@@ -63,8 +63,9 @@ std::int64_t Day::at(int seconds) const {
     return utc - offsetAt(utc - offsetAt(utc));
 }
 
-// The first moment that is not before the day: clocks may be set at midnight, and whole days are left
-// out. Not by mktime(), which reads the zone's file anew each time, and finds either of two midnights.
+// The first moment that is not before the day: clocks may be set at midnight, and whole days are
+// left out. Not by mktime(), which reads the zone's file anew each time, and finds either of two
+// midnights.
 std::int64_t Day::start() const {
     constexpr std::int64_t kFarthest = 26 * 3600;  // of local time from UTC
     std::tm tm = tmOf(*this);

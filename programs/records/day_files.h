@@ -21,7 +21,8 @@ std::vector<Day> daysWithRemains(const std::string& directory);
 /// Whether a day's file was not closed: what SQLite keeps of changes is beside it.
 bool isOpenOrLeft(const std::string& directory, const Day& day);
 
-/// Whether a day's file needs a log of changes beside it to be read, as it does while it is written.
+/// Whether a day's file needs a log of changes beside it to be read, as it does while it is
+/// written.
 bool needsLog(const std::string& directory, const Day& day);
 
 /// Deletes the files of a day; whoever reads them goes on reading. Returns why one could not be

@@ -11,8 +11,8 @@ constexpr int kSchemaVersion = 1;
 /// In the file's header (PRAGMA application_id), so that `file` and we know it: "kpdb".
 constexpr int kApplicationId = 0x6B706462;
 
-/// Seconds in a row of the table `slots`. They begin with the day, and the clocks are set by a multiple
-/// of it, so any hour or day is a sum of slots.
+/// Seconds in a row of the table `slots`. They begin with the day, and the clocks are set by a
+/// multiple of it, so any hour or day is a sum of slots.
 constexpr int kSlotSeconds = 900;
 
 /// Whether a database has the tables; false for one that is still empty.

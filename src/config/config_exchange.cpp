@@ -103,7 +103,8 @@ int receiveMimeType(int socket, MimeType& mime) {
     if (receiveCut(socket, mime.type) != 0 || readJ_UInt8(socket, &count) != 0) {
         return -1;
     }
-    // More extensions than there is room for are received and dropped: what follows is still in step.
+    // More extensions than there is room for are received and dropped: what follows is still in
+    // step.
     char dropped[sizeof mime.postfixes[0]];
     for (int i = 0; i < count; ++i) {
         auto& field = i < KP_Config::kMaxPostfixes ? mime.postfixes[i] : dropped;

@@ -138,8 +138,8 @@ bool any(Mask mask) {
     return (halves[0] | halves[1]) != 0;
 }
 
-// Proposes sixteen places at once, those where both ends of the pattern and its middle fit: the third
-// byte saves most of the comparisons where the ends are frequent ones.
+// Proposes sixteen places at once, those where both ends of the pattern and its middle fit: the
+// third byte saves most of the comparisons where the ends are frequent ones.
 class Scan {
 public:
     Scan(const char* pattern, std::size_t length)

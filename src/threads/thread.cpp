@@ -389,7 +389,8 @@ int KP_Thread::join(KP_Mutex*, int) {
         }
     }
     guard.unlock();
-    // The loop has one step left, giving up its reference; whoever has joined may destroy the object.
+    // The loop has one step left, giving up its reference; whoever has joined may destroy the
+    // object.
     if (loop != nullptr) {
         const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
         loop->waitForEnd(&deadline);

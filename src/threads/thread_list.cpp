@@ -138,7 +138,8 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
         if (!begin()) {
             return 0;
         }
-        // Not under the list's lock: a thread that is ended by force may need the list before it ends.
+        // Not under the list's lock: a thread that is ended by force may need the list before it
+        // ends.
         int position = 0;
         for (KP_Thread* thread = referenceTo(position); thread != nullptr;
              thread = referenceTo(++position)) {
@@ -151,12 +152,13 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
             thread->release();
         }
     }
-    // What one of the threads asked for meanwhile; the wish of one that was ended by force ends too.
+    // What one of the threads asked for meanwhile; the wish of one that was ended by force ends
+    // too.
     if (startWanted_.exchange(false) && !forced) {
         start();
     }
-    // By force it does not come back, so it must hold no lock; and whoever has started the list again
-    // has taken it for one that goes on.
+    // By force it does not come back, so it must hold no lock; and whoever has started the list
+    // again has taken it for one that goes on.
     if (forcedSelf != nullptr && running_ == 0 && forcedSelf->stop() != 0) {
         KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
     }

@@ -100,11 +100,11 @@ int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
     return 0;
 }
 
-// A worker looks at the queue after it was counted as waiting, and whoever leaves a task there looks
-// for waiting workers under the same lock: one of the two sees the other. Only one worker is on its
-// way at a time: it ends that state before it looks for tasks, and wakes the next one itself when
-// there are more. The workers wait on the pool's event, since a thread's
-// own also wakes those who join it, and a signal for the worker could go to one of them.
+// A worker looks at the queue after it was counted as waiting, and whoever leaves a task there
+// looks for waiting workers under the same lock: one of the two sees the other. Only one worker is
+// on its way at a time: it ends that state before it looks for tasks, and wakes the next one itself
+// when there are more. The workers wait on the pool's event, since a thread's own also wakes those
+// who join it, and a signal for the worker could go to one of them.
 void KP_ThreadPool::wakeWorker() {
     if (!waking_.exchange(true)) {
         work_.signal();

@@ -27,8 +27,9 @@ protected:
 };
 
 TEST_F(DayTest, EveryMomentBelongsToTheDayBetweenItsStartAndTheNext) {
-    // Whole, half and quarter hours; clocks set forward at midnight (Sao Paulo until 2018, Beirut), back
-    // to it (Azores, Havana, Amman), and by half an hour (Lord Howe); a day that never was (Apia).
+    // Whole, half and quarter hours; clocks set forward at midnight (Sao Paulo until 2018, Beirut),
+    // back to it (Azores, Havana, Amman), and by half an hour (Lord Howe); a day that never was
+    // (Apia).
     for (const char* zone :
          {"UTC", "Europe/Berlin", "America/New_York", "Asia/Kathmandu", "Asia/Beirut",
           "America/Sao_Paulo", "Atlantic/Azores", "America/Havana", "Asia/Amman",

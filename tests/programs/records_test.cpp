@@ -310,8 +310,8 @@ TEST_F(RecordsTest, SharesNoDirectoryAndLeavesNoLockBehind) {
     EXPECT_EQ(record(captureOf("visit.pcap")).status, 0);
 }
 
-// KP_KILL_ROUNDS says how many times, and then that a row may be missing for a second only; a machine
-// that has other things to do can take longer.
+// KP_KILL_ROUNDS says how many times, and then that a row may be missing for a second only; a
+// machine that has other things to do can take longer.
 TEST_F(RecordsTest, AKilledEngineLeavesWholeFiles) {
     using Clock = std::chrono::steady_clock;
     const char* const wanted = std::getenv("KP_KILL_ROUNDS");

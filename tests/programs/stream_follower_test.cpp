@@ -14,7 +14,8 @@ using kp::capture::Segment;
 using kp::capture::Side;
 using kp::capture::StreamFollower;
 
-/// Writes down what happens: the connection's port, then bytes, "(n)" for missing ones, "." at the end.
+/// Writes down what happens: the connection's port, then bytes, "(n)" for missing ones, "." at the
+/// end.
 class Sink : public ConnectionSink {
 public:
     Sink(std::string& story, int port) : story_(story), name_(std::to_string(port)) {}

@@ -16,8 +16,8 @@ Outcome runProgram(const std::string& path, const std::vector<std::string>& argu
 /// A program that runs beside the test; its end kills it.
 class RunningProgram {
 public:
-    /// Starts @p path without a terminal; its output goes to the file @p output, its error beside it to
-    /// output.err.
+    /// Starts @p path without a terminal; its output goes to the file @p output, its error beside
+    /// it to output.err.
     RunningProgram(const std::string& path, const std::vector<std::string>& arguments,
                    const std::string& output);
     ~RunningProgram();

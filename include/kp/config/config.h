@@ -29,9 +29,9 @@
 /// line is an empty type. Texts that are too long for their field are cut, a filter and a password
 /// with a log line.
 ///
-/// What the file cannot hold: braces and line feeds in the password, line feeds in the filter, blanks
-/// in types and extensions, lines of more than 1024 characters. Whoever takes such values from
-/// people refuses them.
+/// What the file cannot hold: braces and line feeds in the password, line feeds in the filter,
+/// blanks in types and extensions, lines of more than 1024 characters. Whoever takes such values
+/// from people refuses them.
 ///
 /// Threads: no lock is taken. Load it before the engine's threads start; then they only query it.
 /// A host that changes it while they run guards it itself.
@@ -88,12 +88,12 @@ public:
     /// Returns 0, or -1 at the first value that does not go through.
     int writeJ(int socket) override;
     /// Receives the same from the front end, which sends applyNetAddress as one byte.
-    /// Mappings held before are given back. Of a mapping the first 63 characters of the type and the
-    /// first 16 extensions, 15 characters each, are kept. More than 5 networks, addresses that are
-    /// none, a device, filter or password that is too long, and a message that ends within a line are
-    /// refused. Returns 0; -1 at the first failure: what came before it is
-    /// changed then, and the rest is still unread, so a host receives into a copy and gives such a
-    /// connection up. netAddress follows when the configuration was saved and read again.
+    /// Mappings held before are given back. Of a mapping the first 63 characters of the type and
+    /// the first 16 extensions, 15 characters each, are kept. More than 5 networks, addresses that
+    /// are none, a device, filter or password that is too long, and a message that ends within a
+    /// line are refused. Returns 0; -1 at the first failure: what came before it is changed then,
+    /// and the rest is still unread, so a host receives into a copy and gives such a connection up.
+    /// netAddress follows when the configuration was saved and read again.
     int readJ(int socket) override;
 
     /// Opens @p fileName in the sub-directory @p dir of the installation directory, as fopen()

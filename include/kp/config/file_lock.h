@@ -8,33 +8,33 @@
 /// Locks the first byte of a file, one of its own or one that the caller has open.
 ///
 /// The lock belongs to the opened file, not to the process: two openings of the same file exclude
-/// each other, in one process too; copies of a descriptor, those in a forked child among them, share
-/// it. It ends with unlock(), when the last copy of the descriptor is closed, and with the process,
-/// however that ends: a lock file that lies about locks nobody out. It keeps out those who ask for
-/// it and nobody else.
+/// each other, in one process too; copies of a descriptor, those in a forked child among them,
+/// share it. It ends with unlock(), when the last copy of the descriptor is closed, and with the
+/// process, however that ends: a lock file that lies about locks nobody out. It keeps out those who
+/// ask for it and nobody else.
 ///
 /// As lock() and unlock() always return 0, isHeld() tells whether the lock was got. Their faults go
 /// to the log when its debug level is not 0. A descriptor of a caller's must be open for writing.
 ///
 /// A copy uses the descriptor of its source, which stays the source's, and has not locked it. Both
-/// are on the same side: they do not exclude each other, and what one gives back neither has, though
-/// the other's isHeld() does not know.
+/// are on the same side: they do not exclude each other, and what one gives back neither has,
+/// though the other's isHeld() does not know.
 ///
 /// Threads: one at a time.
 class KP_API KP_FileLock : public virtual KP_Object {
 public:
-    /// A lock without a file; its descriptor is 0, which is also that of standard input: lock() asks
-    /// for it.
+    /// A lock without a file; its descriptor is 0, which is also that of standard input: lock()
+    /// asks for it.
     KP_FileLock() = default;
     KP_FileLock(const KP_FileLock& other);
     KP_FileLock& operator=(const KP_FileLock& other);
     /// Closes a file that open() opened, and with it ends the lock; leaves any other as it is.
     ~KP_FileLock() override;
 
-    /// Opens @p path for reading and writing, or creates it, gives it to its owner alone, and closes
-    /// a file that it had opened before. A system that is short of something for a moment is asked
-    /// again after a second. Returns 0, or -1 without a file, with a line in the log and one on
-    /// standard error. Ends the process with status 1 when the permissions cannot be set.
+    /// Opens @p path for reading and writing, or creates it, gives it to its owner alone, and
+    /// closes a file that it had opened before. A system that is short of something for a moment is
+    /// asked again after a second. Returns 0, or -1 without a file, with a line in the log and one
+    /// on standard error. Ends the process with status 1 when the permissions cannot be set.
     virtual int open(const char* path);
     /// Uses the descriptor underneath @p file, which stays the caller's; returns 0.
     virtual int setFD(std::FILE* file);
@@ -43,8 +43,8 @@ public:
     /// Asks for the lock and does not wait for it: when somebody else has it, the lock is not held.
     /// Puts the descriptor's position at the start of the file. Returns 0 always.
     virtual int lock();
-    /// Gives the lock of the descriptor back, whoever has locked it; one that this object has not is
-    /// reported. Moves the position as lock() does. Returns 0 always.
+    /// Gives the lock of the descriptor back, whoever has locked it; one that this object has not
+    /// is reported. Moves the position as lock() does. Returns 0 always.
     virtual int unlock();
 
     /// Whether the last lock() of this object got it, and it was not given back since.

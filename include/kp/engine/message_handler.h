@@ -12,16 +12,16 @@ extern template class KP_API KP_List<KP_MessageHandler>;
 
 /// Offers messages to the handlers in its list, in order, until one answers non-zero.
 ///
-/// A class that acts on messages overrides handleMessage() and returns non-zero when it has dealt with
-/// one; it may call the default to pass others on. A plain handler passes everything on, so handlers
-/// in lists of handlers are asked depth first. A handler needs the message only while it is asked;
-/// what it wants to keep it copies.
+/// A class that acts on messages overrides handleMessage() and returns non-zero when it has dealt
+/// with one; it may call the default to pass others on. A plain handler passes everything on, so
+/// handlers in lists of handlers are asked depth first. A handler needs the message only while it
+/// is asked; what it wants to keep it copies.
 ///
 /// The list refers to its handlers and never ends one; whoever owns a handler removes it first.
 ///
-/// Threads: handlers may be added and removed at any time. Messages are sent through one handler from
-/// one thread at a time, and a handler that is asked neither changes the list of the one that asks
-/// nor sends through it.
+/// Threads: handlers may be added and removed at any time. Messages are sent through one handler
+/// from one thread at a time, and a handler that is asked neither changes the list of the one that
+/// asks nor sends through it.
 class KP_API KP_MessageHandler : public virtual KP_Object {
 public:
     KP_MessageHandler();

@@ -14,9 +14,9 @@
 /// reset() answers is ignored; it runs on this thread.
 ///
 /// The way to midnight is computed once a day as if the day had 24 hours, from the clock on the
-/// wall. On a day of 23 hours the reset comes an hour late, at 01:00 of the next day; on a day of 25
-/// hours an hour early, at 23:00, and once more an hour later at midnight: the cycle that begins at
-/// 23:00 is one hour long. When somebody sets the clock
+/// wall. On a day of 23 hours the reset comes an hour late, at 01:00 of the next day; on a day of
+/// 25 hours an hour early, at 23:00, and once more an hour later at midnight: the cycle that begins
+/// at 23:00 is one hour long. When somebody sets the clock
 /// forward, one reset comes late by as much; when it is set back, one comes early, and another at
 /// midnight.
 ///
@@ -32,8 +32,8 @@ public:
     /// Stops the thread and waits for it; touches no object of the list.
     ~KP_ResetThread() override;
 
-    /// As KP_Thread's; a cycle that sleeps ends without a reset, also when the thread is started again
-    /// before it has noticed.
+    /// As KP_Thread's; a cycle that sleeps ends without a reset, also when the thread is started
+    /// again before it has noticed.
     int stop() override;
     /// One day: sleeps until midnight, and resets the objects unless it was told to stop. The debug
     /// log gets a line before and after, with the time at which the sleep began. Returns 0.

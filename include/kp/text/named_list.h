@@ -18,7 +18,8 @@ public:
 
     /// As the list's; with setSortByName(1) links are compared by their names.
     int sortArray(KP_Object** links, int count) override;
-    /// A new link with an empty name; null when memory runs out. An override returns named links, too.
+    /// A new link with an empty name; null when memory runs out. An override returns named links,
+    /// too.
     KP_Link<T>* createLink(T* element) override { return new KP_NamedLink<T>(element); }
 
     /// Adds @p element at the end with an empty name, also in a link that is kept from earlier;

@@ -38,13 +38,14 @@ public:
     virtual int signal();
 
     /// Waits until @p condition() is true, however often it is signalled meanwhile, or until
-    /// @p milliseconds have passed (0: no limit). Whoever makes the condition true signals after it.
+    /// @p milliseconds have passed (0: no limit). Whoever makes the condition true signals after
+    /// it.
     ///
-    /// The condition is asked again after this thread was counted as waiting, so a signal that comes
-    /// between the question and the sleep is not lost, as it would be in front of a plain wait().
-    /// It runs on this thread, without a lock of the event's, and does not throw. All who wait on one
-    /// event wait for the same: a signal may release one whose condition is still false.
-    /// Returns 0 when it was true, -1 when the time passed without.
+    /// The condition is asked again after this thread was counted as waiting, so a signal that
+    /// comes between the question and the sleep is not lost, as it would be in front of a plain
+    /// wait(). It runs on this thread, without a lock of the event's, and does not throw. All who
+    /// wait on one event wait for the same: a signal may release one whose condition is still
+    /// false. Returns 0 when it was true, -1 when the time passed without.
     template <class Condition>
     int waitUntil(Condition condition, int milliseconds = 0) {
         using Clock = std::chrono::steady_clock;

@@ -72,8 +72,8 @@ public:
     int stop() override;
     /// Waits until the loop has ended; wakes it if it sleeps. With hard stop, ends it by force
     /// after a second. Returns 0; -1 when the last second of waiting passed without a signal, or
-    /// when the thread would wait for itself. Not to be called with the thread's own lock held, which
-    /// its loop needs to end.
+    /// when the thread would wait for itself. Not to be called with the thread's own lock held,
+    /// which its loop needs to end.
     int join(KP_Mutex* mutex, int milliseconds) override;
     /// The continue flag: whether the thread is meant to run, not whether it does.
     int isRunning() override;

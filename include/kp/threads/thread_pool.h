@@ -20,7 +20,8 @@
 /// is left behind between the two.
 ///
 /// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
-/// A hard stop of a worker can break off a task, never the pool's own code; the task does not run again.
+/// A hard stop of a worker can break off a task, never the pool's own code; the task does not run
+/// again.
 ///
 /// Destroying the pool stops it and waits for its workers, also when it was stopped before; tasks
 /// that have not begun are released without having run. A class that overrides what workers call
@@ -40,8 +41,8 @@ public:
     /// Queues a new task and wakes a worker; on a stopped pool, starts it if auto-start is set,
     /// else the task waits. Returns 0; -1 when createTask() of a derived class gave none.
     virtual int addTask(void (*function)(void*), void* arg, int id);
-    /// A new task, which is in no queue. When memory runs out, "malloc" and the system's reason go to standard error, and
-    /// the process ends with "out of memory" in the log.
+    /// A new task, which is in no queue. When memory runs out, "malloc" and the system's reason go
+    /// to standard error, and the process ends with "out of memory" in the log.
     virtual KP_Task* createTask(void (*function)(void*), void* arg, int id);
     /// Adds a worker, which is not started here; returns 0, or -1 when memory runs out.
     virtual int addThread();
@@ -57,8 +58,8 @@ public:
     /// Makes the workers anew if there are none; returns 0.
     int init() override;
     /// Stops the pool if it runs and waits for its workers, then releases all queued tasks and all
-    /// workers; returns 0. init() makes new ones. A task cannot wait for its own worker: called from
-    /// one, changes nothing and returns -1.
+    /// workers; returns 0. init() makes new ones. A task cannot wait for its own worker: called
+    /// from one, changes nothing and returns -1.
     int reset() override;
     /// Tells the workers to end, each after the task that it runs. Returns 0.
     int stop() override;

@@ -69,8 +69,8 @@ public:
     // A record is the length of the text in two bytes, least significant first, then the text.
 
     /// Reads a record into @p buf, which has room for @p size + 1 characters, as terminated text.
-    /// Returns 0; -1 when the record is cut off, or longer than @p size, as all are for a negative one
-    /// (then its text is unread and the debug log says so).
+    /// Returns 0; -1 when the record is cut off, or longer than @p size, as all are for a negative
+    /// one (then its text is unread and the debug log says so).
     static int readStringNoMalloc(char* buf, int size, std::FILE* f);
     /// Reads a record into new memory, to be freed with free(); an empty text gives a null pointer.
     /// Returns 0. Returns -1 with @p *out untouched when the length is missing, or above 2048 bytes
@@ -127,9 +127,9 @@ public:
     /// The next piece of @p s (null: of the last text) between runs of @p delimiters, or null.
     /// Writes NULs into the text. The position is kept per thread; @p state is not used.
     static char* strtok(char* s, const char* delimiters, char** state);
-    /// Sorts the @p n object pointers at @p base with @p comparison, which gets pointers to entries and
-    /// must not contradict itself. Null compares the objects through KP_Compare (mode 0); two that do
-    /// not know it give -1, and the order is then any. Equal entries may change places.
+    /// Sorts the @p n object pointers at @p base with @p comparison, which gets pointers to entries
+    /// and must not contradict itself. Null compares the objects through KP_Compare (mode 0); two
+    /// that do not know it give -1, and the order is then any. Equal entries may change places.
     static void sort(void* base, int n, int (*comparison)(const void*, const void*));
     /// 1: every device name is taken as one that can be opened; nothing is opened to find out.
     /// Whether it captures, and may, shows when a program opens it.
@@ -146,8 +146,9 @@ public:
 
     /// The installation directory: KP_INSTALLDIR, or "../conf" as seen from the program's folder.
     /// One buffer of 256 characters for all: each call rewrites it, so keep a copy, and call it
-    /// during start-up only; KP_Log::init() and whatever opens configuration files call it too. A path that is no directory, or is longer than 255 characters, ends
-    /// the process with status 1 and a message in the log.
+    /// during start-up only; KP_Log::init() and whatever opens configuration files call it too. A
+    /// path that is no directory, or is longer than 255 characters, ends the process with status 1
+    /// and a message in the log.
     static char* getInstallDir();
     /// Writes the local time, as in 2000Mar07-14:05, to @p dst, which has room for 60 characters.
     static void getTimeString1(char* dst);

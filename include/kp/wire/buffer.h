@@ -8,10 +8,10 @@
 
 /// A block of bytes with a capacity, its size, and the number of bytes in use, its length.
 ///
-/// The block comes from initBuffer(), or is one of the caller's, borrowed with setBuffer(). Changing
-/// the block leaves the length as it was; where that exceeds the new size, only the bytes of the
-/// block count as used. A block that was filled in place, by a read() into getBuffer() say, is told
-/// its length by copyBuffer(getBuffer(), n).
+/// The block comes from initBuffer(), or is one of the caller's, borrowed with setBuffer().
+/// Changing the block leaves the length as it was; where that exceeds the new size, only the bytes
+/// of the block count as used. A block that was filled in place, by a read() into getBuffer() say,
+/// is told its length by copyBuffer(getBuffer(), n).
 ///
 /// Ownership: a block of initBuffer() is freed by resetBuffer() and by nothing else: it outlives
 /// the buffer, and whoever kept its address frees it with std::free(). After setOwner(1) the buffer
@@ -49,8 +49,8 @@ public:
     /// Returns 0, or -1 with the buffer as it was when @p size has more than 32 bits.
     virtual int setBuffer(unsigned char* block, unsigned long size);
     /// Copies @p length bytes to the start of the block, and makes that the length.
-    /// The bytes may be the block's own. Returns 0, or -1 with the buffer as it was when they do not
-    /// fit.
+    /// The bytes may be the block's own. Returns 0, or -1 with the buffer as it was when they do
+    /// not fit.
     virtual int copyBuffer(const unsigned char* bytes, unsigned long length);
 
     /// Non-zero: a block of initBuffer(), held now or later, ends with the buffer or with its next

@@ -28,10 +28,11 @@
 ///         ...
 ///     }
 ///
-/// A class that overrides incNext() overrides ontoNext() and the copy() of text as well, which do not
-/// call it.
+/// A class that overrides incNext() overrides ontoNext() and the copy() of text as well, which do
+/// not call it.
 ///
-/// Threads: one at a time, add() included; a stream that several threads use needs a lock of theirs.
+/// Threads: one at a time, add() included; a stream that several threads use needs a lock of
+/// theirs.
 class KP_API KP_BufferStream : public virtual KP_Stream {
 public:
     KP_BufferStream();

@@ -58,9 +58,9 @@ public:
     /// whoever it belongs to, in front of the piece that follows. Returns 1.
     virtual int find(unsigned char* place) = 0;
     /// Moves the cursor to the next place, its own first, where the first five bytes of @p pattern
-    /// stand within one piece. A text that ends before counts as filled up with zero bytes. Returns 1, or 0
-    /// with the cursor at the start of the last piece, unless it was in that one already; 0 as well
-    /// before setFirst().
+    /// stand within one piece. A text that ends before counts as filled up with zero bytes. Returns
+    /// 1, or 0 with the cursor at the start of the last piece, unless it was in that one already; 0
+    /// as well before setFirst().
     virtual int findPattern(const char* pattern) = 0;
     /// A new block with the first @p count bytes of the stream, or with all for 0; the caller frees
     /// it with std::free(). What the stream does not have is left as the allocator had it.
