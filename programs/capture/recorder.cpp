@@ -134,7 +134,7 @@ int Recorder::doTask() {
     return 0;
 }
 
-// What cannot be written into a day is told once, however often it is tried again.
+// What cannot be written is told once, however often it is tried again, and for however many days.
 void Recorder::fail(const Day& day, const std::string& why) {
     days_.remove_if([&](const DayWriter& writer) {
         if (writer.day() != day)
@@ -142,9 +142,9 @@ void Recorder::fail(const Day& day, const std::string& why) {
         lost_ += writer.uncommitted();
         return true;
     });
-    Fault& fault = faults_[day];
-    const bool isNew = fault.why != why;
-    fault = {why, Clock::now() + settings_.retryPeriod};
+    const bool isNew = std::none_of(faults_.begin(), faults_.end(),
+                                    [&](const auto& fault) { return fault.second.why == why; });
+    faults_[day] = {why, Clock::now() + settings_.retryPeriod};
     if (!isNew)
         return;
     setFault(why);

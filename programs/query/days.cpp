@@ -1,5 +1,7 @@
 #include "days.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <exception>
@@ -59,7 +61,11 @@ void readDay(const std::string& directory, const records::Day& day, const DayFun
     if (std::filesystem::exists(path, none) && !std::filesystem::is_regular_file(path, none))
         throw records::DatabaseError(path + " is no file");
     try {
-        records::Database database(path, records::Database::Access::kRead);
+        // Where nothing can be written, SQLite reads a file only if it is told that nobody else can.
+        const bool isFrozen =
+            access(directory.c_str(), W_OK) != 0 && !records::isOpenOrLeft(directory, day);
+        using Access = records::Database::Access;
+        records::Database database(path, isFrozen ? Access::kReadFrozen : Access::kRead);
         database.execute("BEGIN");
         if (records::hasSchema(database))
             read(database);

@@ -8,6 +8,14 @@ namespace kp::records {
 
 namespace {
 
+// The path as a URI that says that the file does not change.
+std::string frozenName(const std::string& path) {
+    std::string name = "file:";
+    for (const char c : path)
+        name += c == '%' ? "%25" : c == '?' ? "%3f" : c == '#' ? "%23" : std::string(1, c);
+    return name + "?immutable=1";
+}
+
 // A null pointer would be NULL, an empty text is one.
 const char* startOf(std::string_view text) {
     return text.data() != nullptr ? text.data() : "";
@@ -21,10 +29,13 @@ void Database::Close::operator()(sqlite3* handle) const {
 
 Database::Database(const std::string& path, Access access, std::chrono::milliseconds patience)
     : path_(path) {
-    const int flags =
-        access == Access::kRead ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    const bool isFrozen = access == Access::kReadFrozen;
+    const int flags = access == Access::kWrite ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
+                                               : SQLITE_OPEN_READONLY;
     sqlite3* handle = nullptr;
-    const int result = sqlite3_open_v2(path.c_str(), &handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int result =
+        sqlite3_open_v2((isFrozen ? frozenName(path) : path).c_str(), &handle,
+                        flags | SQLITE_OPEN_NOMUTEX | (isFrozen ? SQLITE_OPEN_URI : 0), nullptr);
     handle_.reset(handle);
     if (!handle_)
         throw std::bad_alloc();

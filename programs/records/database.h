@@ -33,7 +33,11 @@ class Statement;
 /// Threads: one at a time.
 class Database {
 public:
-    enum class Access { kRead, kWrite };  ///< kWrite makes the file when there is none
+    enum class Access {
+        kRead,
+        kReadFrozen,  ///< nobody can change the file, and nothing is written beside it
+        kWrite        ///< makes the file when there is none
+    };
 
     /// Opens a file; waits up to @p patience whenever somebody else has it locked. What its schema
     /// tells SQLite to run is not trusted.
