@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <new>
+#include <system_error>
 
 namespace kp::records {
 
@@ -50,8 +51,14 @@ Database::Database(Database&&) noexcept = default;
 Database::~Database() = default;
 
 void Database::fail() const {
-    throw DatabaseError(path_ + ": " + sqlite3_errmsg(handle_.get()),
-                        sqlite3_errcode(handle_.get()) == SQLITE_BUSY);
+    sqlite3* const handle = handle_.get();
+    const int code = sqlite3_errcode(handle);
+    std::string text = path_ + ": " + sqlite3_errmsg(handle);
+    // Where the system has refused something, its reason says more.
+    const int reason = sqlite3_system_errno(handle);
+    if ((code == SQLITE_IOERR || code == SQLITE_CANTOPEN) && reason != 0)
+        text += " (" + std::generic_category().message(reason) + ")";
+    throw DatabaseError(text, code == SQLITE_BUSY);
 }
 
 void Database::execute(const std::string& sql) {
