@@ -66,8 +66,8 @@ void HttpConnection::closed() {
     second_.finish();
     if (!waiting_)
         return;
-    for (const Request& request : *waiting_)
-        sink_.transaction(request.transaction);
+    for (Request& request : *waiting_)
+        sink_.transaction(std::move(request.transaction));
     waiting_.reset();
 }
 
@@ -116,7 +116,7 @@ void HttpConnection::giveUpOldest() {
     // One whose answer is being read is about to leave by itself.
     const auto oldest = waiting_->begin() + (answering_ ? 1 : 0);
     waitingText_ -= textSize(oldest->transaction);
-    sink_.transaction(oldest->transaction);
+    sink_.transaction(std::move(oldest->transaction));
     waiting_->erase(oldest);
     ++givenUp_;
 }
@@ -133,7 +133,7 @@ bool HttpConnection::isAnswerOfFront(const Arrival& answer) {
             });
         for (auto lost = own == waiting_->end() ? 0 : own - waiting_->begin(); lost > 0; --lost) {
             waitingText_ -= textSize(waiting_->front().transaction);
-            sink_.transaction(waiting_->front().transaction);
+            sink_.transaction(std::move(waiting_->front().transaction));
             waiting_->pop_front();
         }
         mayHaveLostAnswers_ = false;
@@ -181,7 +181,7 @@ void HttpConnection::end(MessageKind kind, std::uint64_t bodyBytes) {
     Transaction& transaction = waiting_->front().transaction;
     transaction.bodyBytes = bodyBytes;
     waitingText_ -= textSize(transaction);
-    sink_.transaction(transaction);
+    sink_.transaction(std::move(transaction));
     waiting_->pop_front();
 }
 

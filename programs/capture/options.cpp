@@ -80,9 +80,13 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
            "Replay as if the first packet came then: now, YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\"")
         ->needs(replay)
         ->type_name("TIME");
-    app.add_flag("--record,!--no-record", options.record,
-                 "Write the transactions inside the ranges into the database directory, a file a\n"
-                 "day (default when a device is watched); kp-query asks them");
+    CLI::Option* const record = app.add_flag_callback(
+        "--record", [&] { options.record = true; },
+        "Write the transactions inside the ranges into the database directory, a file a day\n"
+        "(default when a device is watched); kp-query asks them");
+    app.add_flag_callback(
+           "--no-record", [&] { options.record = false; }, "Do not")
+        ->excludes(record);
     app.add_flag("--serve", options.serve,
                  "Serve the administration front end (kp-admin) on the configured port; a replay\n"
                  "goes on serving after its end, until it is told to stop");

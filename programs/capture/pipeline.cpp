@@ -67,8 +67,8 @@ std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, 
     return std::make_unique<HttpConnection>(first, second, fromStart, sink, number);
 }
 
-void Parser::transaction(const Transaction& transaction) {
-    rows_.rows.push_back({number_, isClosing_, transaction});
+void Parser::transaction(Transaction&& transaction) {
+    rows_.rows.push_back({number_, isClosing_, std::move(transaction)});
 }
 
 void Parser::work(const Batch& batch) {

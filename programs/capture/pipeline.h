@@ -97,7 +97,7 @@ public:
 private:
     std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second, bool fromStart,
                                            std::uint64_t number) override;
-    void transaction(const Transaction& transaction) override;
+    void transaction(Transaction&& transaction) override;
     void work(const Batch& batch);
 
     BatchQueue input_;

@@ -31,7 +31,7 @@ struct Transaction {
 class TransactionSink {
 public:
     virtual ~TransactionSink() = default;
-    virtual void transaction(const Transaction& transaction) = 0;
+    virtual void transaction(Transaction&& transaction) = 0;
 };
 
 }  // namespace kp::capture

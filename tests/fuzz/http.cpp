@@ -14,7 +14,7 @@ using namespace kp::capture;
 
 class Rows : public TransactionSink {
 public:
-    void transaction(const Transaction& t) override {
+    void transaction(Transaction&& t) override {
         text += t.method + ' ' + t.host + ' ' + t.target + ' ' + t.referer + ' ' +
                 std::to_string(t.status) + ' ' + t.contentType + ' ' + std::to_string(t.bodyBytes) +
                 '\n';

@@ -17,7 +17,7 @@ class Listener : public ConnectionListener, public TransactionSink {
                                            std::uint64_t number) override {
         return std::make_unique<HttpConnection>(first, second, fromStart, *this, number);
     }
-    void transaction(const Transaction&) override {}
+    void transaction(Transaction&&) override {}
 };
 
 }  // namespace

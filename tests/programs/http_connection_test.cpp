@@ -31,7 +31,7 @@ using Turns = std::vector<Turn>;
 
 class RowSink : public kp::capture::TransactionSink {
 public:
-    void transaction(const Transaction& t) override {
+    void transaction(Transaction&& t) override {
         const auto text = [](const std::string& s) { return s.empty() ? "-" : s; };
         rows.push_back(t.method + ' ' + text(t.host) + ' ' + t.target + ' ' +
                        std::to_string(t.status) + ' ' + text(t.contentType) + ' ' +
