@@ -115,7 +115,7 @@ int Recorder::doTask() {
         beginDay();
     constexpr std::size_t kRound = 1024;
     for (std::size_t i = 0; i < batch_.size(); ++i) {
-        write(batch_[i]);
+        put(batch_[i]);
         if (i % kRound == 0 && isCommitDue())
             commit();
     }
@@ -291,7 +291,7 @@ DayWriter& Recorder::writerOf(const Day& day) {
                                settings_.lockPatience);
 }
 
-void Recorder::write(const Entry& entry) {
+void Recorder::put(const Entry& entry) {
     const std::optional<Day> day = finder_.dayOf(entry.transaction.time.seconds);
     if (!day) {
         ++lost_;  // no calendar has this time

@@ -109,7 +109,7 @@ private:
     void closeDays();
     void tidyDays();
     bool isOpen(const records::Day& day) const;
-    void write(const Entry& entry);
+    void put(const Entry& entry);
     DayWriter& writerOf(const records::Day& day);
     bool isTooOld(const records::Day& day) const;
     bool isCommitDue() const;

@@ -142,6 +142,7 @@ void top(const std::string& directory, const Options& options, std::FILE* output
     Resolver resolver;
     if (isResolved) {
         std::vector<std::int64_t> addresses;
+        addresses.reserve(entries.size());
         for (const Entry* entry : entries)
             addresses.push_back(parseAddresses(entry->first).low);
         resolver.resolve(addresses);

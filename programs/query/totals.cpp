@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <ctime>
 #include <map>
 #include <mutex>
@@ -140,7 +141,7 @@ Cells cellsOf(const Counts& counts) {
 
 std::string bar(std::int64_t value, std::int64_t most) {
     const double share = static_cast<double>(value) / static_cast<double>(most);
-    const auto length = static_cast<std::size_t>(share * kBarWidth + 0.5);
+    const auto length = static_cast<std::size_t>(std::lround(share * kBarWidth));
     return length == 0 && value == 0 ? " " : std::string(std::max<std::size_t>(length, 1), '#');
 }
 
@@ -148,7 +149,7 @@ std::string bar(std::int64_t value, std::int64_t most) {
 // time makes as easily as a pause.
 std::int64_t nextToTell(const std::map<std::int64_t, Counts>& periods, std::int64_t start,
                         Period period) {
-    constexpr std::int64_t kLongGap = 366 * 86400;
+    constexpr std::int64_t kLongGap = std::int64_t{366} * 86400;
     const auto next = periods.upper_bound(start);
     if (next != periods.end() && next->first - start > kLongGap)
         return next->first;

@@ -67,7 +67,7 @@ std::int64_t Day::at(int seconds) const {
 // left out. Not by mktime(), which reads the zone's file anew each time, and finds either of two
 // midnights.
 std::int64_t Day::start() const {
-    constexpr std::int64_t kFarthest = 26 * 3600;  // of local time from UTC
+    constexpr std::int64_t kFarthest = std::int64_t{26} * 3600;  // of local time from UTC
     std::tm tm = tmOf(*this);
     const std::int64_t utc = timegm(&tm);
     std::int64_t before = utc - kFarthest;
