@@ -2,13 +2,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <ctime>
 #include <string>
 #include <vector>
 
 #include "client.h"
+#include "common/command_line.h"
 #include "common/password.h"
 #include "settings_text.h"
 
@@ -72,7 +72,6 @@ void addOptions(CLI::App& app, Options& options) {
     app.add_option("--timeout", options.timeout, "Seconds that an answer may take")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
-    app.set_version_flag("--version", std::string(KP_VERSION));
     app.footer(
         "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 the engine cannot be reached,\n"
         "did not answer in time or closed the connection.");
@@ -120,14 +119,11 @@ int run(const CLI::App& app, const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Administers a running kp-capture through its front end."};
+    CLI::App app("Administers a running kp-capture through its front end.", "kp-admin");
     Options options;
     addOptions(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
-    }
+    if (const auto status = kp::programs::readCommandLine(app, argc, argv))
+        return *status;
     try {
         return run(app, options);
     } catch (const kp::admin::UsageError& error) {

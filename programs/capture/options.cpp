@@ -1,8 +1,6 @@
 #include "options.h"
 
-#include <CLI/CLI.hpp>
-#include <iostream>
-
+#include "common/command_line.h"
 #include "records/time_text.h"
 
 namespace kp::capture {
@@ -46,7 +44,6 @@ std::string checkNotEmpty(const std::string& text) {
 std::optional<int> readOptions(int argc, char** argv, Options& options) {
     CLI::App app(kDescription, "kp-capture");
     app.footer(kFooter);
-    app.set_version_flag("--version", "kp-capture " KP_VERSION);
     app.add_option("--dir", options.directory, "Directory of the installation")
         ->envname("KP_INSTALLDIR")
         ->type_name("DIR");
@@ -99,15 +96,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     app.add_flag("--print", options.print, "Print a line for each transaction inside the ranges");
     app.add_flag("--all", options.all, "Print those outside the ranges as well");
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& success) {
-        return app.exit(success);  // prints the help or the version
-    } catch (const CLI::ParseError& error) {
-        std::cerr << "kp-capture: " << error.what() << "\nkp-capture --help tells the options.\n";
-        return 2;
-    }
-    return {};
+    return programs::readCommandLine(app, argc, argv);
 }
 
 }  // namespace kp::capture

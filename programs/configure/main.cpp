@@ -1,9 +1,9 @@
 // kp-configure: makes an installation for kp-capture.
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 
+#include "common/command_line.h"
 #include "common/password.h"
 #include "installation.h"
 #include "plan.h"
@@ -42,7 +42,6 @@ void addOptions(CLI::App& app, kp::configure::Plan& plan, std::string& passwordF
     app.add_option("--password-file", passwordFile,
                    "File whose first line is the administrator's password (default: asked for)");
     app.add_flag("--force", plan.force, "Overwrite an installation that is there");
-    app.set_version_flag("--version", std::string(KP_VERSION));
     app.footer("Exit status: 0 written, 1 refused or failed, 2 wrong usage.");
 }
 
@@ -80,14 +79,13 @@ int run(kp::configure::Plan& plan, const std::string& passwordFile) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Makes an installation for kp-capture: its configuration files, logs/ and db/."};
+    CLI::App app("Makes an installation for kp-capture: its configuration files, logs/ and db/.",
+                 "kp-configure");
     kp::configure::Plan plan;
     std::string passwordFile;
     addOptions(app, plan, passwordFile);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
+    if (const auto status = kp::programs::readCommandLine(app, argc, argv)) {
+        return *status;
     }
     try {
         return run(plan, passwordFile);

@@ -1,10 +1,9 @@
 #include "options.h"
 
-#include <CLI/CLI.hpp>
 #include <functional>
-#include <iostream>
 #include <map>
 
+#include "common/command_line.h"
 #include "records/time_text.h"
 
 namespace kp::query {
@@ -106,7 +105,6 @@ void addQuestions(CLI::App& app, Options& options) {
 std::optional<int> readOptions(int argc, char** argv, Options& options) {
     CLI::App app("Asks the records of kp-capture.", "kp-query");
     app.footer(kFooter);
-    app.set_version_flag("--version", "kp-query " KP_VERSION);
     app.add_option("--dir", options.directory, "Directory of the installation")
         ->envname("KP_INSTALLDIR")
         ->type_name("DIR");
@@ -130,15 +128,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     app.fallthrough();  // options may stand behind the question, too
     addQuestions(app, options);
     app.require_subcommand(1);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& success) {
-        return app.exit(success);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << "kp-query: " << error.what() << "\nkp-query --help tells the options.\n";
-        return 2;
-    }
-    return {};
+    return programs::readCommandLine(app, argc, argv);
 }
 
 }  // namespace kp::query
