@@ -20,7 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A text of the general file stands on a line of its own, where blanks at its front are lost.
+// A text of the general file stands on a line of its own.
 std::string textFault(const char* what, const char* text, bool mayBeEmpty) {
     if (text[0] == '\0')
         return mayBeEmpty ? "" : std::string(what) + " must not be empty";

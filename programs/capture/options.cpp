@@ -30,7 +30,7 @@ Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command lin
 
 std::string checkName(const std::string& name) {
     if (name.empty() || name.size() > 100 || name.find_first_of("/\\.") != std::string::npos) {
-        return "a name has 1 to 100 characters, and neither a slash nor a dot";
+        return "a name has 1 to 100 characters, and neither a slash, a backslash nor a dot";
     }
     return {};
 }

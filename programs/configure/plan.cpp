@@ -51,13 +51,15 @@ void checkFilter(const std::string& filter) {
     }
 }
 
+// A dot would end the name of the log, and kp-capture takes none.
 void checkName(const std::string& name) {
+    constexpr std::size_t kLongest = 100;
     const bool plain = std::all_of(name.begin(), name.end(), [](unsigned char c) {
-        return std::isalnum(c) != 0 || c == '.' || c == '_' || c == '-';
+        return std::isalnum(c) != 0 || c == '_' || c == '-';
     });
-    if (name.empty() || !plain || name.size() >= sizeof KP_Config::name) {
-        refuse("the name '" + name + "' is not made of 1 to " +
-               std::to_string(sizeof KP_Config::name - 1) + " letters, digits, '.', '_' and '-'");
+    if (name.empty() || !plain || name.size() > kLongest) {
+        refuse("the name '" + name + "' is not made of 1 to " + std::to_string(kLongest) +
+               " letters, digits, '_' and '-'");
     }
 }
 

@@ -35,7 +35,7 @@ protected:
 
 TEST_F(ConfigureTest, WritesAnInstallationThatLoadsWithAllItsSettings) {
     const kp::test::OwnPort port;
-    const Outcome outcome = configure({"--name",    "engine.1",
+    const Outcome outcome = configure({"--name",    "engine-1",
                                        "--port",    std::to_string(port.number()),
                                        "--device",  "eth0",
                                        "--range",   "10.0.0.1-10.0.0.1",
@@ -47,17 +47,17 @@ TEST_F(ConfigureTest, WritesAnInstallationThatLoadsWithAllItsSettings) {
                                        "--network", "10.9.8.7/255.255.0.0",
                                        "--network", "10.1.1.1/32"});
     ASSERT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(permissions("new/admin/engine.1_prvt.cfg"), 0600U);
-    EXPECT_EQ(permissions("new/admin/engine.1_prvtDef.cfg"), 0600U);
+    EXPECT_EQ(permissions("new/admin/engine-1_prvt.cfg"), 0600U);
+    EXPECT_EQ(permissions("new/admin/engine-1_prvtDef.cfg"), 0600U);
 
     const auto load = [&] {
         ::setenv("KP_INSTALLDIR", site_.path("new").c_str(), 1);
         KP_Log::init("test", 0, nullptr);
         KP_ConfigAdmin admin;
-        admin.setName("engine.1");
+        admin.setName("engine-1");
         admin.init();
         KP_ConfigDef def;
-        def.setName("engine.1");
+        def.setName("engine-1");
         def.init();
         def.print(stdout);
         admin.print(stdout);
@@ -97,6 +97,7 @@ TEST_F(ConfigureTest, RefusesWhatTheLibraryWouldRefuseAndWritesNothing) {
         {"--days", "2147483648"},
         {"--name", ""},
         {"--name", "a/b"},
+        {"--name", "a.b"},
         {"--name", long128},
         {"--device", "eth0 # card"},
         {"--device", long128},

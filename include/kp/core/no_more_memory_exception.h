@@ -4,5 +4,6 @@
 #include "kp/export.h"
 
 /// Thrown, by value, when an operation cannot get the memory that its result needs.
-/// The one exception type that leaves the library; nothing in the library catches it.
+/// The one exception type that leaves the library, which catches it only where it ends the work of a
+/// thread or of a pool's task, as it does any other.
 class KP_API KP_NoMoreMemoryException {};

@@ -10,7 +10,8 @@ class KP_API KP_Runnable : public virtual KP_Object {
 public:
     virtual int start();
     virtual int stop();
-    /// Waits until it has ended. @p mutex is passed on to KP_Event::wait(); the int is not used.
+    /// Waits until it has ended. Neither argument changes what the library's
+    /// own classes do.
     virtual int join(KP_Mutex* mutex, int milliseconds);
     virtual int isRunning();
 
