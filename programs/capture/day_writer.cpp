@@ -91,8 +91,8 @@ Database DayWriter::openFile(const std::string& path, bool isDurable,
     Database database(path, Database::Access::kWrite, patience);
     // Before anything is changed: it may be somebody else's.
     records::hasSchema(database);
-    // Readers and the writer do not keep each other waiting, and whoever is killed leaves a whole
-    // file.
+    // From here on readers and the writer do not keep each other waiting, and whoever is killed
+    // leaves a whole file.
     database.execute("PRAGMA journal_mode = WAL");
     database.execute(isDurable ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
     database.execute("PRAGMA cache_size = -4096");

@@ -82,7 +82,7 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         "Write the transactions inside the ranges into the database directory, a file a day\n"
         "(default when a device is watched); kp-query asks them");
     app.add_flag_callback(
-           "--no-record", [&] { options.record = false; }, "Do not")
+           "--no-record", [&] { options.record = false; }, "Record nothing")
         ->excludes(record);
     app.add_flag("--serve", options.serve,
                  "Serve the administration front end (kp-admin) on the configured port; a replay\n"

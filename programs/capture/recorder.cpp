@@ -20,6 +20,7 @@ using records::Day;
 
 constexpr std::chrono::milliseconds kCommitPeriod{400};
 constexpr std::chrono::seconds kTellingPeriod{10};
+constexpr std::chrono::minutes kTidyPeriod{1};
 constexpr int kTurn = 100;  // milliseconds
 // What may wait to be written. One that can wait holds no more than is written in a moment; for one
 // that cannot it has to last until a slow disk has recovered.
@@ -123,6 +124,8 @@ int Recorder::doTask() {
         commit();
     if (isToClose)
         closeDays();
+    if (tidyAgain_ && Clock::now() >= *tidyAgain_)
+        tidy();
     tellLosses();
     if (isToSettle) {
         {
@@ -134,7 +137,7 @@ int Recorder::doTask() {
     return 0;
 }
 
-// What cannot be written is told once, however often it is tried again, and for however many days.
+// What cannot be written is told once, however often it is tried again.
 void Recorder::fail(const Day& day, const std::string& why) {
     days_.remove_if([&](const DayWriter& writer) {
         if (writer.day() != day)
@@ -151,8 +154,16 @@ void Recorder::fail(const Day& day, const std::string& why) {
     settings_.tell("cannot record: " + why + "; watching goes on, and it is tried again");
 }
 
+// One day that can be written says the same of those that nobody has tried since.
 void Recorder::recovered(const Day& day) {
-    if (faults_.erase(day) == 0 || !faults_.empty())
+    if (faults_.empty())
+        return;
+    const Clock::time_point now = Clock::now();
+    for (auto fault = faults_.begin(); fault != faults_.end();) {
+        const bool isOver = fault->first == day || fault->second.tryAgain <= now;
+        fault = isOver ? faults_.erase(fault) : std::next(fault);
+    }
+    if (!faults_.empty())
         return;
     setFault("");
     settings_.tell("recording again");
@@ -186,8 +197,7 @@ void Recorder::takeDirectory() {
     lock_.setFD(file.get());
     lock_.lock();
     if (!lock_.isHeld()) {
-        throw DirectoryTaken("another engine records into " + settings_.directory +
-                             "; --no-record watches without recording");
+        throw DirectoryTaken("another engine records into " + settings_.directory);
     }
     lockFile_ = std::move(file);
 }
@@ -219,6 +229,11 @@ void Recorder::beginDay() {
 
 void Recorder::closeDays() {
     days_.clear();
+    tidy();
+}
+
+void Recorder::tidy() {
+    tidyAgain_.reset();
     if (!lockFile_)
         return;  // they are somebody else's
     try {
@@ -243,6 +258,12 @@ void Recorder::deleteOldDays() {
     for (const Day& day : records::daysWithRemains(settings_.directory)) {
         if (!isTooOld(day) || isOpen(day))
             continue;
+        if (!records::isOurs(settings_.directory, day)) {
+            if (toldOld_.insert(day).second)
+                settings_.tell(records::dayPath(settings_.directory, day) +
+                               " is no day file of ours and is left alone");
+            continue;
+        }
         const std::string fault = records::deleteDay(settings_.directory, day);
         settings_.tell(fault.empty() ? "deleted the records of " + day.text() + ", older than " +
                                            std::to_string(settings_.daysToKeep()) + " days"
@@ -267,8 +288,11 @@ void Recorder::tidyDays() {
             if (records::hasSchema(database) && isToShrink)
                 database.execute("PRAGMA journal_mode = DELETE");
         } catch (const records::DatabaseError& error) {
-            if (!error.isBusy())  // whoever reads it will not read for ever
+            if (error.isBusy()) {
+                tidyAgain_ = Clock::now() + kTidyPeriod;  // whoever reads it will not read for ever
+            } else {
                 settings_.tell("cannot close a day: " + std::string(error.what()));
+            }
         }
     }
 }
@@ -310,7 +334,7 @@ void Recorder::put(const Entry& entry) {
                 begun_ = Clock::now();
             return;
         } catch (const records::DatabaseError& error) {
-            if (error.isBusy() && settings_.mayWait) {
+            if (error.isBusy() && settings_.mayWait && !settings_.isStopped()) {
                 if (!isToldBusy)
                     settings_.tell("waiting for " + std::string(error.what()));
                 isToldBusy = true;

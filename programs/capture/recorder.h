@@ -54,6 +54,8 @@ public:
         std::function<std::uint32_t()> daysToKeep;
         /// Gets a sentence for the user, on any thread.
         std::function<void(const std::string&)> tell;
+        /// Whether nothing may be waited for any longer; asked on the recorder's thread.
+        std::function<bool()> isStopped = [] { return false; };
         /// How long what the disk has refused is not tried again.
         std::chrono::milliseconds retryPeriod{5000};
         /// How long somebody else may have a file locked.
@@ -107,6 +109,7 @@ private:
     void beginDay();
     void deleteOldDays();
     void closeDays();
+    void tidy();
     void tidyDays();
     bool isOpen(const records::Day& day) const;
     void put(const Entry& entry);
@@ -144,7 +147,8 @@ private:
     std::list<DayWriter> days_;  // open ones, the last used first
     records::DayFinder finder_;
     std::map<records::Day, Fault> faults_;  // of days that cannot be written just now
-    std::set<records::Day> toldOld_;        // days that will not last
+    std::set<records::Day> toldOld_;        // days that will not last, or are not ours
+    std::optional<Clock::time_point> tidyAgain_;
     std::optional<Clock::time_point>
         begun_;  // when the first row that is not committed was written
     std::uint64_t toldLost_ = 0;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <mutex>
@@ -26,6 +27,7 @@ struct Work {
     KP_Event done;
     std::mutex mutex;
     std::exception_ptr fault;  // the first one
+    std::atomic<bool> isComplete;
 };
 
 struct Task {
@@ -34,7 +36,8 @@ struct Task {
 
     void run() noexcept {
         try {
-            readDay(work->directory, day, work->read);
+            if (!readDay(work->directory, day, work->read))
+                work->isComplete = false;
         } catch (...) {
             const std::lock_guard<std::mutex> lock(work->mutex);
             if (!work->fault)
@@ -44,6 +47,11 @@ struct Task {
         work->done.signal();
     }
 };
+
+bool isUnreadable(const std::string& why) {
+    std::fprintf(stderr, "kp-query: %s; the answer is without it\n", why.c_str());
+    return false;
+}
 
 }  // namespace
 
@@ -55,11 +63,11 @@ std::vector<records::Day> daysFor(const std::string& directory, const Filter& fi
     return days;
 }
 
-void readDay(const std::string& directory, const records::Day& day, const DayFunction& read) {
+bool readDay(const std::string& directory, const records::Day& day, const DayFunction& read) {
     const std::string path = records::dayPath(directory, day);
     std::error_code none;
     if (std::filesystem::exists(path, none) && !std::filesystem::is_regular_file(path, none))
-        throw records::DatabaseError(path + " is no file");
+        return isUnreadable(path + " is no file");
     try {
         // Where nothing can be written, SQLite reads a file only if it is told that nobody else can.
         const bool isFrozen =
@@ -69,15 +77,15 @@ void readDay(const std::string& directory, const records::Day& day, const DayFun
         database.execute("BEGIN");
         if (records::hasSchema(database))
             read(database);
-    } catch (const records::DatabaseError&) {
-        if (std::filesystem::exists(path, none))
-            throw;
+    } catch (const records::DatabaseError& error) {
+        return !std::filesystem::exists(path, none) || isUnreadable(error.what());
     }
+    return true;
 }
 
-void readDays(const std::string& directory, const Filter& filter, const DayFunction& read) {
+bool readDays(const std::string& directory, const Filter& filter, const DayFunction& read) {
     std::vector<Task> tasks;
-    Work work{directory, read, {}, {}, {}, {}};
+    Work work{directory, read, {}, {}, {}, {}, {true}};
     for (const records::Day& day : daysFor(directory, filter))
         tasks.push_back({&work, day});
     work.left = tasks.size();
@@ -92,6 +100,7 @@ void readDays(const std::string& directory, const Filter& filter, const DayFunct
     pool.join(nullptr, 0);
     if (work.fault)
         std::rethrow_exception(work.fault);
+    return work.isComplete;
 }
 
 }  // namespace kp::query

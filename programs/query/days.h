@@ -18,11 +18,12 @@ using DayFunction = std::function<void(records::Database&)>;
 
 /// Gives the open file of a day to @p read, which sees it as it is at this moment, whatever an
 /// engine adds to it. A day that has been deleted, or has no tables yet, is skipped.
-/// Throws records::DatabaseError.
-void readDay(const std::string& directory, const records::Day& day, const DayFunction& read);
+/// Returns false when the file cannot be read, which it tells on standard error.
+bool readDay(const std::string& directory, const records::Day& day, const DayFunction& read);
 
 /// readDay() for all those days, as many at a time as the machine has processors: @p read runs on
-/// several threads, and in no order. Throws the first fault of one of them.
-void readDays(const std::string& directory, const Filter& filter, const DayFunction& read);
+/// several threads, and in no order. Returns false when
+/// one of the files cannot be read; what else @p read throws is thrown when all have ended.
+bool readDays(const std::string& directory, const Filter& filter, const DayFunction& read);
 
 }  // namespace kp::query

@@ -63,13 +63,18 @@ public:
         Place place;
         do {
             rows_.clear();
-            readDay(directory, day,
-                    [&](records::Database& database) { place = read(database, place); });
+            isComplete_ &= readDay(directory, day, [&](records::Database& database) {
+                place = read(database, place);
+            });
             tell();
         } while (rows_.size() == kPiece && !isFull());
     }
 
-    void finish() { table_.finish(); }
+    /// Returns whether all days could be read.
+    bool finish() {
+        table_.finish();
+        return isComplete_;
+    }
 
 private:
     // A day is read in pieces, so that whoever looks at an answer for long, in a pager, say, does
@@ -175,18 +180,19 @@ private:
     Resolver resolver_;
     std::vector<Row> rows_;
     std::uint64_t told_ = 0;
+    bool isComplete_ = true;
 };
 
 }  // namespace
 
-void list(const std::string& directory, const Options& options, std::FILE* output) {
+bool list(const std::string& directory, const Options& options, std::FILE* output) {
     List answer(options, output);
     for (const records::Day& day : daysFor(directory, options.filter)) {
         if (answer.isFull())
             break;
         answer.add(directory, day);
     }
-    answer.finish();
+    return answer.finish();
 }
 
 }  // namespace kp::query

@@ -35,7 +35,7 @@ std::string databaseOf(const Options& options) {
     return value == "default" ? options.directory + "/db" : value;
 }
 
-void run(const Options& options) {
+bool run(const Options& options) {
     const std::string directory = options.database.empty() ? databaseOf(options) : options.database;
     if (!isDirectory(directory))
         throw std::runtime_error(directory + ": no such directory");
@@ -47,6 +47,7 @@ void run(const Options& options) {
         case Options::Question::kTotals:
             return totals(directory, options, stdout);
     }
+    return false;
 }
 
 }  // namespace
@@ -57,8 +58,7 @@ int main(int argc, char** argv) {
         kp::query::Options options;
         if (const auto status = kp::query::readOptions(argc, argv, options))
             return *status;
-        kp::query::run(options);
-        return 0;
+        return kp::query::run(options) ? 0 : 1;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kp-query: %s\n", error.what());
         return 1;

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <functional>
+#include <iostream>
 #include <map>
 
 #include "common/command_line.h"
@@ -116,8 +117,11 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->type_name("DIR");
     addConditions(app, options.filter);
     app.add_option("--limit", options.limit, "Rows at most (default: 10 of a ranking, else all)")
+        ->check(CLI::Range(0, 2147483647))
         ->type_name("N");
-    app.add_flag("--resolve", options.resolve, "Add the names of addresses; asks the name service");
+    app.add_flag(
+        "--resolve", options.resolve,
+        "Add the names of addresses to list, top clients and top servers; asks the name service");
     CLI::Option* const tsv = app.add_flag(
         "--tsv", [&](std::int64_t) { options.format = Format::kTsv; },
         "Columns separated by tabs, behind a line of their names; times in seconds since 1970");
@@ -128,7 +132,13 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     app.fallthrough();  // options may stand behind the question, too
     addQuestions(app, options);
     app.require_subcommand(1);
-    return programs::readCommandLine(app, argc, argv);
+    const auto status = programs::readCommandLine(app, argc, argv);
+    const Filter& filter = options.filter;
+    if (!status && filter.from && filter.to && *filter.from >= *filter.to) {
+        std::cerr << "kp-query: --from is behind --to\n";
+        return 2;
+    }
+    return status;
 }
 
 }  // namespace kp::query

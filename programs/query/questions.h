@@ -9,12 +9,13 @@
 namespace kp::query {
 
 // Each writes its answer to a stream and throws what went wrong; @p directory holds the day files.
+// False is an answer without days that could not be read, which was told.
 
 /// The requests, by their times.
-void list(const std::string& directory, const Options& options, std::FILE* output);
+bool list(const std::string& directory, const Options& options, std::FILE* output);
 /// The hosts, clients or others with the most.
-void top(const std::string& directory, const Options& options, std::FILE* output);
+bool top(const std::string& directory, const Options& options, std::FILE* output);
 /// How many requests there were, in all or by hour or day.
-void totals(const std::string& directory, const Options& options, std::FILE* output);
+bool totals(const std::string& directory, const Options& options, std::FILE* output);
 
 }  // namespace kp::query

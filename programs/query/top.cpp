@@ -111,11 +111,11 @@ std::vector<const Entry*> ranking(const Groups& groups, const Options& options) 
 
 }  // namespace
 
-void top(const std::string& directory, const Options& options, std::FILE* output) {
+bool top(const std::string& directory, const Options& options, std::FILE* output) {
     const Source& source = sourceOf(options.ranked);
     std::mutex mutex;
     Groups groups;
-    readDays(directory, options.filter, [&](records::Database& database) {
+    const bool isComplete = readDays(directory, options.filter, [&](records::Database& database) {
         Groups ofDay;
         const Filter filter = options.filter.within(database);
         if (filter.isEmpty() && source.table != nullptr) {
@@ -157,6 +157,7 @@ void top(const std::string& directory, const Options& options, std::FILE* output
         table.add(std::move(cells));
     }
     table.finish();
+    return isComplete;
 }
 
 }  // namespace kp::query

@@ -1,3 +1,4 @@
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,7 +19,32 @@ namespace kp::query {
 
 namespace {
 
-constexpr std::size_t kBarWidth = 40;
+constexpr int kMostBar = 40;
+constexpr int kLeastBar = 10;
+constexpr int kTableWidth = 105;  // of all columns, about; and of those that a narrow terminal gets
+constexpr int kNarrowWidth = 60;
+
+// Columns of the terminal; 0 when it is none.
+int widthOf(std::FILE* output) {
+    winsize size = {};
+    if (isatty(fileno(output)) == 0)
+        return 0;
+    return ioctl(fileno(output), TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : 80;
+}
+
+// What a table of periods shows beside the numbers that everybody wants.
+struct Shape {
+    bool isNarrow = false;
+    int bar = 0;  // characters; 0: none
+
+    Shape(const Options& options, std::FILE* output) {
+        const int width = widthOf(output);
+        if (options.period == Period::kAll || options.format != Format::kTable || width == 0)
+            return;
+        isNarrow = width < kTableWidth + kLeastBar;
+        bar = std::clamp(width - (isNarrow ? kNarrowWidth : kTableWidth), kLeastBar, kMostBar);
+    }
+};
 
 // What is told of a quarter of an hour, and of every longer time.
 struct Counts {
@@ -106,17 +132,21 @@ std::int64_t periodAfter(std::int64_t start, Period period) {
     return periodOf(start + 3600, period);
 }
 
-std::vector<Column> columnsOf(const Options& options, bool hasBar) {
+std::vector<Column> columnsOf(const Options& options, const Shape& shape) {
     std::vector<Column> columns;
     if (options.period != Period::kAll) {
         columns.push_back(
             {options.period == Period::kDay ? "day" : "hour",
              options.format == Format::kTable ? Column::Kind::kText : Column::Kind::kNumber});
     }
-    for (const char* name : {"requests", "bytes", "response_ms", "no_answer", "2xx", "3xx", "4xx",
-                             "5xx", "content", "pages", "entries"})
+    for (const char* name : {"requests", "bytes", "response_ms"})
         columns.push_back({name, Column::Kind::kNumber});
-    if (hasBar)
+    if (!shape.isNarrow) {
+        for (const char* name :
+             {"no_answer", "2xx", "3xx", "4xx", "5xx", "content", "pages", "entries"})
+            columns.push_back({name, Column::Kind::kNumber});
+    }
+    if (shape.bar != 0)
         columns.push_back({"bar", Column::Kind::kText});
     return columns;
 }
@@ -128,10 +158,12 @@ std::string label(std::int64_t start, const Options& options) {
     return records::timeText(start).substr(0, shown);
 }
 
-Cells cellsOf(const Counts& counts) {
+Cells cellsOf(const Counts& counts, const Shape& shape) {
     Cells cells = {std::to_string(counts.sums.requests), std::to_string(counts.sums.bodyBytes),
-                   counts.sums.meanResponse(),
-                   std::to_string(counts.sums.requests - counts.sums.answers)};
+                   counts.sums.meanResponse()};
+    if (shape.isNarrow)
+        return cells;
+    cells.push_back(std::to_string(counts.sums.requests - counts.sums.answers));
     for (const std::int64_t count : counts.byClass)
         cells.push_back(std::to_string(count));
     for (const std::int64_t count : {counts.content, counts.pages, counts.entries})
@@ -139,9 +171,9 @@ Cells cellsOf(const Counts& counts) {
     return cells;
 }
 
-std::string bar(std::int64_t value, std::int64_t most) {
+std::string bar(std::int64_t value, std::int64_t most, int width) {
     const double share = static_cast<double>(value) / static_cast<double>(most);
-    const auto length = static_cast<std::size_t>(std::lround(share * kBarWidth));
+    const auto length = static_cast<std::size_t>(std::lround(share * width));
     return length == 0 && value == 0 ? " " : std::string(std::max<std::size_t>(length, 1), '#');
 }
 
@@ -160,11 +192,10 @@ void write(const Slots& slots, const Options& options, std::FILE* output) {
     std::map<std::int64_t, Counts> periods;
     for (const auto& [start, counts] : slots)
         periods[options.period == Period::kAll ? 0 : periodOf(start, options.period)].add(counts);
-    const bool hasBar = options.period != Period::kAll && options.format == Format::kTable &&
-                        isatty(fileno(output)) != 0;
-    Table table(output, options.format, columnsOf(options, hasBar));
+    const Shape shape(options, output);
+    Table table(output, options.format, columnsOf(options, shape));
     if (options.period == Period::kAll)
-        table.add(cellsOf(periods[0]));
+        table.add(cellsOf(periods[0], shape));
     std::int64_t most = 1;
     for (const auto& [start, counts] : periods)
         most = std::max(most, counts.sums.requests);
@@ -175,10 +206,12 @@ void write(const Slots& slots, const Options& options, std::FILE* output) {
              start = nextToTell(periods, start, options.period), ++rows) {
             const auto found = periods.find(start);
             const Counts counts = found != periods.end() ? found->second : Counts();
-            Cells cells = cellsOf(counts);
+            Cells cells = cellsOf(counts, shape);
             cells.insert(cells.begin(), label(start, options));
-            if (hasBar)
-                cells.push_back(bar(std::max<std::int64_t>(counts.sums.requests, 0), most));
+            if (shape.bar != 0) {
+                const std::int64_t requests = std::max<std::int64_t>(counts.sums.requests, 0);
+                cells.push_back(bar(requests, most, shape.bar));
+            }
             table.add(std::move(cells));
         }
     }
@@ -187,10 +220,10 @@ void write(const Slots& slots, const Options& options, std::FILE* output) {
 
 }  // namespace
 
-void totals(const std::string& directory, const Options& options, std::FILE* output) {
+bool totals(const std::string& directory, const Options& options, std::FILE* output) {
     std::mutex mutex;
     Slots slots;
-    readDays(directory, options.filter, [&](records::Database& database) {
+    const bool isComplete = readDays(directory, options.filter, [&](records::Database& database) {
         Slots ofDay;
         const Filter filter = options.filter.within(database);
         if (filter.isOfWholeSlots(database)) {
@@ -203,6 +236,7 @@ void totals(const std::string& directory, const Options& options, std::FILE* out
             slots[start].add(counts);
     });
     write(slots, options, output);
+    return isComplete;
 }
 
 }  // namespace kp::query

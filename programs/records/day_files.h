@@ -25,6 +25,10 @@ bool isOpenOrLeft(const std::string& directory, const Day& day);
 /// written.
 bool needsLog(const std::string& directory, const Day& day);
 
+/// Whether a day's file is one of ours, or empty, as one is whose engine was killed at its beginning; the
+/// name alone says little.
+bool isOurs(const std::string& directory, const Day& day);
+
 /// Deletes the files of a day; whoever reads them goes on reading. Returns why one could not be
 /// deleted, empty when all were.
 std::string deleteDay(const std::string& directory, const Day& day);

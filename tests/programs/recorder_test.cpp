@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -28,6 +29,7 @@ protected:
         settings.directory = site_.path("db");
         settings.mayWait = mayWait;
         settings.daysToKeep = [] { return 2U; };
+        settings.isStopped = [this] { return isStopped_.load(); };
         settings.retryPeriod = std::chrono::milliseconds(10);
         settings.tell = [this](const std::string& text) {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -52,6 +54,7 @@ protected:
         return told_.find(text) != std::string::npos;
     }
 
+    std::atomic<bool> isStopped_{false};
     std::mutex mutex_;
     std::string told_;
 };
@@ -61,18 +64,19 @@ TEST_F(RecorderTest, ADayThatBeginsLosesNoRowAndDeletesWhatIsTooOld) {
     for (const int age : {2, 3, 4, 400})
         site_.write("db/" + now.plus(-age).text() + ".sqlite", "");
     site_.write("db/" + now.plus(-9).text() + ".sqlite-wal", "left alone by somebody");
-    fs::create_directory(
-        dayPath(site_.path("db"), now.plus(-8)));  // cannot be deleted: it is not empty
+    fs::create_directory(dayPath(site_.path("db"), now.plus(-8)));
     site_.write("db/" + now.plus(-8).text() + ".sqlite/x", "");
+    site_.write("db/" + now.plus(-5).text() + ".sqlite", "somebody else's");
     Recorder recorder(settings(true));
     recorder.open();
     recorder.start();
     recorder.flush();
     EXPECT_EQ(kp::records::daysIn(site_.path("db")),
-              (std::vector<Day>{now.plus(-8), now.plus(-2)}));
+              (std::vector<Day>{now.plus(-8), now.plus(-5), now.plus(-2)}));
     EXPECT_FALSE(fs::exists(dayPath(site_.path("db"), now.plus(-9)) + "-wal"));
     EXPECT_TRUE(isTold("deleted the records of " + now.plus(-3).text()));
-    EXPECT_TRUE(isTold("cannot delete " + dayPath(site_.path("db"), now.plus(-8))));
+    for (const int age : {5, 8})
+        EXPECT_TRUE(isTold(dayPath(site_.path("db"), now.plus(-age)) + " is no day file of ours"));
 
     site_.write("db/" + now.plus(-3).text() + ".sqlite", "");
     std::thread days([&] {
@@ -142,10 +146,19 @@ TEST_F(RecorderTest, WhoeverMayWaitWaitsForSomebodyElsesLock) {
             std::this_thread::yield();
         blocking.reset();
     });
-    recorder.finish();
+    recorder.flush();
     later.join();
     EXPECT_EQ(recorder.lost(), 0U);
     EXPECT_EQ(rowsOf(now), 2);
+    // But not once a stop was asked for.
+    blocking = std::make_unique<Database>(dayPath(site_.path("db"), now), Database::Access::kWrite);
+    blocking->execute("BEGIN IMMEDIATE");
+    isStopped_ = true;
+    record(recorder, now.start(), "/never");
+    recorder.flush();
+    EXPECT_EQ(recorder.lost(), 1U);
+    blocking.reset();
+    recorder.finish();
 }
 
 TEST_F(RecorderTest, ADayThatCannotBeWrittenCostsTheOthersNothing) {
@@ -178,7 +191,8 @@ TEST_F(RecorderTest, TriesAgainWhenTheDirectoryIsBack) {
     recorder.start();
     std::uint64_t handed = 0;
     const auto record = [&] {
-        RecorderTest::record(recorder, now.start(), "/");
+        // Another day than the one whose fault was told at the start.
+        RecorderTest::record(recorder, now.plus(-1).start(), "/");
         ++handed;
         recorder.flush();
     };
@@ -191,14 +205,14 @@ TEST_F(RecorderTest, TriesAgainWhenTheDirectoryIsBack) {
     EXPECT_EQ(recorder.fault(), "");
     EXPECT_TRUE(isTold("recording again"));
     // The same for a file that is taken away while it is written.
-    fs::remove(dayPath(site_.path("db"), now));
+    fs::remove(dayPath(site_.path("db"), now.plus(-1)));
     const std::uint64_t recorded = recorder.recorded();
     while (recorder.recorded() == recorded)
         record();
     recorder.finish();
     EXPECT_TRUE(isTold("was moved or deleted"));
     EXPECT_EQ(recorder.recorded() + recorder.lost(), handed);
-    EXPECT_EQ(static_cast<std::uint64_t>(rowsOf(now)), recorder.recorded() - recorded);
+    EXPECT_EQ(static_cast<std::uint64_t>(rowsOf(now.plus(-1))), recorder.recorded() - recorded);
 }
 
 }  // namespace

@@ -233,6 +233,18 @@ TEST_F(RecordsTest, WritesTablesTabsAndJson) {
     EXPECT_EQ(query({"list", "--json", "--status", "none"}), "[\n]\n");
     EXPECT_EQ(query({"top", "hosts", "--from", "2030-01-01", "--tsv"}),
               "host\trequests\tbytes\tresponse_ms\n");
+    EXPECT_EQ(number("SELECT count(*) FROM transactions_text WHERE client = '10.0.0.5' AND "
+                     "time LIKE '2023-11-15 03:58:20.0%' AND response_milliseconds > 2"),
+              4);
+    // On a terminal there are bars, and on a narrow one fewer numbers.
+    const auto shown = [](const std::string& columns) {
+        const std::string command = "stty cols " + columns + "; " + KP_QUERY + " totals --by day";
+        return kp::test::runProgram("/usr/bin/script", {"-qc", command, "/dev/null"}).out;
+    };
+    EXPECT_NE(shown("200").find(" entries  bar"), std::string::npos);
+    EXPECT_NE(shown("200").find("  " + std::string(40, '#')), std::string::npos);
+    EXPECT_NE(shown("80").find("response_ms  bar"), std::string::npos);
+    EXPECT_NE(shown("80").find("  " + std::string(20, '#')), std::string::npos);
     const std::string named = query({"top", "clients", "--resolve", "--json"});
     EXPECT_NE(named.find("\"client\": \"10.0.0.5\""), std::string::npos);
     EXPECT_NE(named.find("\"name\": "), std::string::npos);
@@ -260,8 +272,10 @@ TEST_F(RecordsTest, TellsFilesThatAreNoDaysAndTouchesThemNot) {
               std::string::npos);
     EXPECT_EQ(outcome.out, kp::test::contentOf(captureOf("visit.expected")));
     EXPECT_EQ(site_.read("db/2023-11-15.sqlite"), std::string(5000, 'x'));
-    const Outcome asked = kp::test::runProgram(KP_QUERY, {"totals"});
+    record(captureOf("visit.pcap"), {"--start", "2023-11-16"});
+    const Outcome asked = kp::test::runProgram(KP_QUERY, {"list", "--tsv"});
     EXPECT_EQ(asked.status, 1);
+    EXPECT_EQ(linesOf(asked.out).size(), 1 + 4U);  // the day beside it is answered
     EXPECT_NE(asked.err.find(dayFile()), std::string::npos) << asked.err;
     fs::remove(dayFile());
     record(captureOf("visit.pcap"));

@@ -15,7 +15,9 @@ public:
     KP_Message& operator=(const KP_Message&) = default;
     ~KP_Message() override;
 
+    /// Replaces the source, which stays its owner's and may be null; returns 0.
     virtual int setSource(KP_Object* source);
+    /// Who sent it; null for nobody.
     virtual KP_Object* getSource();
     /// Replaces the text by a copy of @p text; returns 0.
     virtual int setMessage(const char* text);

@@ -24,8 +24,10 @@ using Stored = std::conditional_t<std::is_same_v<T, unsigned long>, std::uint32_
 template <class K>
 class KP_Key : public virtual KP_Object {
 public:
+    /// An object with that key.
     explicit KP_Key(K key = K()) : key_(static_cast<kp::detail::Stored<K>>(key)) {}
 
+    /// The key; of a 32-bit type what was stored, cut to 32 bits.
     virtual K getKey() { return key_; }
     /// Takes over the key of @p other; returns 0, or -1 when there is no other.
     virtual int copyKey(KP_Key<K>* other) {
@@ -45,6 +47,7 @@ public:
     int queryInterface(unsigned long id, void** out) override {
         return kp::detail::answerAs<KP_Key, KP_Object>(this, id, out);
     }
+    /// Leaves the key alone; returns 0.
     int init() override { return 0; }
     int reset() override { return 0; }
     static unsigned long getClassID() { return 0x0F53C6D2; }

@@ -82,6 +82,7 @@ public:
     KP_Link& operator=(const KP_Link&) = default;
     ~KP_Link() override = default;
 
+    /// The element as a T; null when there is none, or when it is no T.
     virtual T* getElement() { return kp::detail::viewAs<T>(element_); }
     /// Replaces the element; the old one is left alone. Returns 0.
     virtual int setElement(KP_Object* element) {

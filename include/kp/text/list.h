@@ -174,18 +174,23 @@ protected:
 template <class T>
 class KP_List<T>::Iterator {
 public:
+    /// What the standard library asks of an iterator.
     using iterator_category = std::input_iterator_tag;
     using value_type = T*;
     using difference_type = std::ptrdiff_t;
     using pointer = T**;
     using reference = T*;
 
+    /// Stands on a link; null is the end.
     explicit Iterator(KP_Link<T>* link) : link_(link) {}
+    /// The element; null when it does not answer to the list's class.
     T* operator*() const { return link_->getElement(); }
+    /// Goes to the next link.
     Iterator& operator++() {
         link_ = link_->getNext();
         return *this;
     }
+    /// Whether both stand on the same link.
     bool operator==(const Iterator& other) const { return link_ == other.link_; }
     bool operator!=(const Iterator& other) const { return link_ != other.link_; }
 
@@ -197,7 +202,9 @@ private:
 template <class T>
 class KP_List<T>::Elements {
 public:
+    /// Locks the list.
     explicit Elements(KP_List& list) : list_(list), guard_(list) {}
+    /// The first element, and the place behind the last one.
     Iterator begin() const { return Iterator(list_.head_); }
     Iterator end() const { return Iterator(nullptr); }
 

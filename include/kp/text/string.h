@@ -113,6 +113,7 @@ public:
 
     // --- appending; each returns the string ---
 
+    /// Appends a text; a null one is empty. Returns the string.
     KP_String& operator<<(const char* s) { return *this &= s; }
     KP_String& operator<<(std::string_view text) {
         append(text.data(), text.size());
@@ -215,6 +216,7 @@ public:
 
     // --- comparing, by strcoll() of the current locale ---
 
+    /// Compares by strcoll() of the current locale; 1 or 0. A null text is empty.
     int operator==(const KP_String& t) const { return collate(t.text()) == 0; }
     int operator!=(const KP_String& t) const { return collate(t.text()) != 0; }
     bool operator<(const KP_String& t) const { return collate(t.text()) < 0; }

@@ -19,7 +19,9 @@ public:
     }
     ~KP_Counter() override;
 
+    /// The count at this moment.
     virtual unsigned long getCount();
+    /// Adds or takes away as much; wraps at 32 bits.
     virtual void increment(int by);
     virtual void decrement(int by);
 

@@ -8,11 +8,12 @@ class KP_Mutex;
 /// Something that runs: a thread, a list of threads, a pool. The defaults do nothing and return 0.
 class KP_API KP_Runnable : public virtual KP_Object {
 public:
+    /// Begins, or tells it to come to an end, which it may do later.
     virtual int start();
     virtual int stop();
-    /// Waits until it has ended. Neither argument changes what the library's
-    /// own classes do.
+    /// Waits until it has ended. Neither argument changes what the library's own classes do.
     virtual int join(KP_Mutex* mutex, int milliseconds);
+    /// Whether it was started and not stopped since.
     virtual int isRunning();
 
     char* getClassName() override;

@@ -52,6 +52,7 @@ public:
     virtual int start(void (*function)(void*), void* arg);
     /// Signals the thread's event: ends a sleep, or wakes one joiner. Returns 0.
     virtual int joinSignal();
+    /// Replaces what the next iteration calls, or what it hands over; returns 0.
     virtual int setFunction(void (*function)(void*));
     virtual int setArg(void* arg);
     /// A second pointer, kept for the host.
