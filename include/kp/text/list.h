@@ -181,16 +181,13 @@ public:
     using pointer = T**;
     using reference = T*;
 
-    /// Stands on a link; null is the end.
+    /// Stands on a link; null is the end. Its element is null when it is none of the list's class.
     explicit Iterator(KP_Link<T>* link) : link_(link) {}
-    /// The element; null when it does not answer to the list's class.
     T* operator*() const { return link_->getElement(); }
-    /// Goes to the next link.
     Iterator& operator++() {
         link_ = link_->getNext();
         return *this;
     }
-    /// Whether both stand on the same link.
     bool operator==(const Iterator& other) const { return link_ == other.link_; }
     bool operator!=(const Iterator& other) const { return link_ != other.link_; }
 
