@@ -131,6 +131,7 @@ int Recorder::doTask() {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             isToSettle_ = false;
+            isToClose_ = false;
         }
         settled_.signal();
     }

@@ -61,13 +61,14 @@ public:
 
     void add(const std::string& directory, const records::Day& day) {
         Place place;
+        bool isRead = true;
         do {
             rows_.clear();
-            isComplete_ &= readDay(directory, day, [&](records::Database& database) {
-                place = read(database, place);
-            });
+            isRead = readDay(directory, day,
+                             [&](records::Database& database) { place = read(database, place); });
+            isComplete_ = isComplete_ && isRead;
             tell();
-        } while (rows_.size() == kPiece && !isFull());
+        } while (isRead && rows_.size() == kPiece && !isFull());
     }
 
     /// Returns whether all days could be read.

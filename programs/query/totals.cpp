@@ -185,7 +185,8 @@ std::int64_t nextToTell(const std::map<std::int64_t, Counts>& periods, std::int6
     const auto next = periods.upper_bound(start);
     if (next != periods.end() && next->first - start > kLongGap)
         return next->first;
-    return periodAfter(start, period);
+    const std::int64_t after = periodAfter(start, period);
+    return next != periods.end() ? std::min(next->first, after) : after;  // none is left out
 }
 
 void write(const Slots& slots, const Options& options, std::FILE* output) {
