@@ -135,13 +135,11 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
     }
     {
         const std::lock_guard<KP_Mutex> guard(changing_, std::adopt_lock);
-        if (!begin()) {
-            return 0;
-        }
+        const bool begun = begin();
         // Not under the list's lock: a thread that is ended by force may need the list before it
         // ends.
         int position = 0;
-        for (KP_Thread* thread = referenceTo(position); thread != nullptr;
+        for (KP_Thread* thread = begun ? referenceTo(position) : nullptr; thread != nullptr;
              thread = referenceTo(++position)) {
             forced = forced || thread->hardStop_ != 0;
             if (thread->isOwnLoop() && thread->hardStop_ != 0) {
@@ -152,8 +150,8 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
             thread->release();
         }
     }
-    // What one of the threads asked for meanwhile; the wish of one that was ended by force ends
-    // too.
+    // What one of the threads asked for meanwhile, whether the list was stopped or not; the wish of
+    // one that was ended by force ends too.
     if (startWanted_.exchange(false) && !forced) {
         start();
     }

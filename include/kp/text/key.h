@@ -27,7 +27,7 @@ public:
     /// An object with that key.
     explicit KP_Key(K key = K()) : key_(static_cast<kp::detail::Stored<K>>(key)) {}
 
-    /// The key; of a 32-bit type what was stored, cut to 32 bits.
+    /// The key; a `long` or `unsigned long` is cut to 32 bits.
     virtual K getKey() { return key_; }
     /// Takes over the key of @p other; returns 0, or -1 when there is no other.
     virtual int copyKey(KP_Key<K>* other) {

@@ -13,7 +13,7 @@ public:
     virtual int stop();
     /// Waits until it has ended. Neither argument changes what the library's own classes do.
     virtual int join(KP_Mutex* mutex, int milliseconds);
-    /// Whether it was started and not stopped since.
+    /// What was asked for last: to run, or to end.
     virtual int isRunning();
 
     char* getClassName() override;

@@ -15,8 +15,8 @@
 /// after. The order in which tasks end is theirs. A burst of tasks wakes one worker after another,
 /// each by the one before it and never all of them at once: waking is what a small task costs most.
 ///
-/// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool without a task,
-/// queued or running, for 100 milliseconds stops itself, without calling stop(). With both, no task
+/// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool stops itself when a
+/// worker has waited 100 milliseconds for a task and none is queued or running; stop() is not called. With both, no task
 /// is left behind between the two.
 ///
 /// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
