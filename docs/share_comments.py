@@ -15,6 +15,7 @@ USUAL = [
     (r"getClassID\(\)", "The identifier of the class."),
     (r"create\(\)", "A new object on which init() has run, or null when memory runs out."),
     (r"~KP_", "Ends the object."),
+    (r"^KP_\w+\(\)", "A new object."),
     (r"operator=\(const KP_\w+&\)|operator=\(const KP_\w+& \w+\)", "As the copy constructor."),
     (r"KP_(\w+)\(const KP_\1(<T>)?&( \w+)?\)", "Copies the object."),
     (r"operator new|operator delete", "As KP_Object's."),
@@ -45,7 +46,7 @@ def shared(lines):
                                [f"/// {INTERNAL}"] if section == "protected" else [])
             for each in says:
                 yield f"    {each}\n"
-        if not text:
+        if not text or re.match(r"(class|struct|public)\b.*\{$", text):  # A class's comment is its own.
             comment = []
         if text:
             is_new = False

@@ -153,12 +153,17 @@ void Client::writeConfig(const KP_Config& config) {
     require(sendConfig(socket_, config));
     if (answer())
         return;
+    std::vector<std::string> lines;
+    try {
+        lines = readStatus();
+    } catch (const std::exception&) {  // It is refused all the same.
+    }
     const std::string key = "refusal=";
-    for (const std::string& line : readStatus()) {
+    for (const std::string& line : lines) {
         if (line.compare(0, key.size(), key) == 0)
             throw Refused("refused: " + line.substr(key.size()));
     }
-    throw Refused("refused");
+    throw Refused("refused, and " + peer_ + " does not say why");
 }
 
 std::vector<std::string> Client::status() {

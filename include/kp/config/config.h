@@ -9,8 +9,10 @@
 /// What an engine watches, for how long it keeps it, and who may administer it.
 ///
 /// The fields are public: the queries and the files work on them. Addresses are IPv4 in host byte
-/// order. A new configuration is empty in every field; setName() and then init() of KP_ConfigAdmin
-/// or KP_ConfigDef fill it from the files.
+/// order, so that 10.0.0.1 is 0x0A000001; of arguments the low 32 bits count. Texts are terminated.
+/// A new configuration is empty in every field; setName() and then init() of KP_ConfigAdmin or
+/// KP_ConfigDef fill it from the files. It has the identity of KP_Object, and so have these two:
+/// dynamic_cast tells which one it is.
 ///
 /// The general configuration file is machine-generated text of fixed lines; save() writes it and
 /// readGeneralConfigFile() reads it. Comment lines are counted, not looked at. With n mappings:
@@ -18,33 +20,35 @@
 ///     1-5    banner, empty line, "# Config version"     21 to 20+n  type, three tabs, extensions,
 ///     6      1                                                      each followed by a blank
 ///     9      network statistics, 1 or 0                 23+n  password{...}
-///     12     packet filter program                      24+n  applyNetAddress{1 or 0}
+///     12     packet filter program                      24+n  applyNetAddress{number}
 ///     15     days of data to keep                       25+n  numOfNets{k}
 ///     18     n                                          26+n  exampleAddress{k addresses}
 ///                                                       27+n  maskAddress{k masks}
 ///
 /// Faults: what is wrong with a file ends the process with status 1 and a message in the log, also
-/// a file that ends too early, and a number of days or of mappings that is missing. Elsewhere a
-/// missing number is 0 (for applyNetAddress: administration from everywhere), and an empty mapping
-/// line is an empty type. Texts that are too long for their field are cut, a filter and a password
-/// with a log line.
+/// a file that ends too early, and a number of days or of mappings that is missing. The log has to
+/// be open for that; otherwise nobody is told. Elsewhere a missing number is 0 (for
+/// applyNetAddress: administration from everywhere), and an empty mapping line is an empty type.
+/// Texts that are too long for their field are cut, a filter and a password with a log line.
 ///
 /// What the file cannot hold: braces and line feeds in the password, line feeds in the filter,
-/// blanks in types and extensions, lines of more than 1024 characters. Whoever takes such values
-/// from people refuses them.
+/// blanks in types and extensions, lines of 1024 characters or more. Whoever takes such values from
+/// people refuses them.
 ///
 /// Threads: no lock is taken. Load it before the engine's threads start; then they only query it.
-/// A host that changes it while they run guards it itself.
+/// A host that changes it while they run guards it itself. What opens a file uses the one buffer of
+/// KP_Tools::getInstallDir(): one thread at a time, whatever the configuration.
 class KP_API KP_Config : public KP_ConfigBase {
 public:
+    /// How many ranges, networks, and extensions of a mapping there can be.
     static constexpr int kMaxIPRanges = 64;
     static constexpr int kMaxNets = 5;
     static constexpr int kMaxPostfixes = 16;
 
-    /// A range of addresses; both bounds belong to it, and min is never above max.
+    /// A range of addresses.
     struct IPRange {
-        std::uint32_t min;
-        std::uint32_t max;
+        std::uint32_t min;  ///< The lowest address of it, never above max.
+        std::uint32_t max;  ///< The highest address of it.
     };
 
     /// A MIME type and the file extensions that stand for it.
@@ -67,42 +71,50 @@ public:
     /// rewritten in place: a process that is stopped meanwhile leaves it cut off. Returns 0; a file
     /// that cannot be opened ends the process; a disk that is full is not noticed here.
     virtual int save();
-    /// 1 when @p user is "root" and @p typed is the stored password, else 0.
+    /// 1 when @p user is "root" and @p typed is the stored password, else 0. Neither is null. While
+    /// the password is empty, as in a new configuration, an empty one is right.
     virtual int isValidPassword(const char* user, const char* typed);
     /// 1 when administration is accepted from @p address, else 0: from everywhere while
     /// applyNetAddress is 0, else from the networks (from nowhere when there are none).
     virtual int isValidSourceIP(unsigned long address);
-    /// 1 when one of the ranges contains @p address, else 0. Stands in the path of every packet:
-    /// a few nanoseconds for 64 ranges.
+    /// 1 when one of the ranges contains @p address, else 0. Takes a few nanoseconds for 64 ranges:
+    /// every packet asks.
     virtual int isInIPRanges(unsigned long address);
-    /// Sets the prefix of the configuration's file names, at most 127 characters; returns 0.
-    /// A longer name, which would name other files if it were cut, is refused with -1 and a log
-    /// line.
+    /// Sets the prefix of the configuration's file names to a copy of @p newName, which is not null
+    /// and has at most 127 characters; returns 0. A longer name, which would name other files if it
+    /// were cut, is refused with -1 and a log line.
     virtual int setName(const char* newName);
 
-    /// Gives the MIME mappings back; there are none afterwards. Returns 0.
+    /// Gives the MIME mappings back, and leaves the other fields as they are. Returns 0.
     int reset() override;
     /// Writes a summary, the password included, to @p file (null: the log); returns 0.
     int print(std::FILE* file) override;
-    /// Sends version, device, port, filter, days, mappings, password and networks to the front end.
-    /// Returns 0, or -1 at the first value that does not go through.
+    /// Sends the configuration to the front end on the connected @p socket, in this order and the
+    /// forms of kp/wire/primitives.h: version (UInt32), device (line), port (UInt32), filter
+    /// (line), days (UInt32), number of mappings (UInt16), of each its type (line), number of
+    /// extensions (UInt8) and extensions (lines), password (line), applyNetAddress (UInt8), number
+    /// of networks (UInt16), of each its address and its mask (lines in dotted form). The other
+    /// fields do not travel. Returns 0, or -1 at the first value that does not go through.
     int writeJ(int socket) override;
-    /// Receives the same from the front end, which sends applyNetAddress as one byte.
+    /// Receives the same from the front end, which sends applyNetAddress as one byte (Boolean), so
+    /// that what writeJ() has sent cannot be read here.
+    ///
     /// Mappings held before are given back. Of a mapping the first 63 characters of the type and
     /// the first 16 extensions, 15 characters each, are kept. More than 5 networks, addresses that
-    /// are none, a device, filter or password that is too long, and a message that ends within a
-    /// line are refused. Returns 0; -1 at the first failure: what came before it is changed then,
-    /// and the rest is still unread, so a host receives into a copy and gives such a connection up.
-    /// netAddress follows when the configuration was saved and read again.
+    /// are none, a device, filter or password that is too long, any line of more than 2047
+    /// characters, and a message that ends too early are refused. Returns 0; -1 at the first
+    /// failure: what came before it is changed then, and the rest is still unread, so a host
+    /// receives into a copy and gives such a connection up. netAddress stays as it was: the host
+    /// sets it, or saves the configuration and reads it again.
     int readJ(int socket) override;
 
     /// Opens @p fileName in the sub-directory @p dir of the installation directory, as fopen()
-    /// does.
+    /// does with @p mode; the caller closes it with fclose().
     /// @p dir begins with a slash, as in "/admin". Files that it creates are their owner's alone.
     /// Never returns null: every failure ends the process with status 1 and a message in the log.
     static std::FILE* openConfigFile(const char* dir, const char* fileName, const char* mode);
 
-    /// Name of the Ethernet device to capture from.
+    /// Name of the Ethernet device to capture from; empty for none.
     char device[256] = {};
     /// Used entries of ipRanges, at most 64.
     std::uint16_t numOfIPRanges = 0;
@@ -128,14 +140,16 @@ public:
     std::uint32_t exampleAddress[kMaxNets] = {};
     /// The mask of each network.
     std::uint32_t maskAddress[kMaxNets] = {};
-    /// exampleAddress & maskAddress, derived when a general configuration file is read.
+    /// exampleAddress & maskAddress, derived when a general configuration file is read, and only
+    /// then. isValidSourceIP() compares with it.
     std::uint32_t netAddress[kMaxNets] = {};
     /// Prefix of the file names.
     char name[128] = {};
 
 protected:
-    /// Reads a general configuration file; touches neither name, database directory, port, device
-    /// nor ranges. Mappings held before are given back. Returns 0; a fault ends the process.
+    /// Reads a general configuration file from @p file, which is open and stays the caller's;
+    /// touches neither name, database directory, port, device nor ranges. Mappings held before are
+    /// given back. Returns 0; a fault ends the process.
     virtual int readGeneralConfigFile(std::FILE* file);
     /// Writes the block with the password and the networks to @p file (null: the log); returns 0.
     virtual int writeUser(std::FILE* file);

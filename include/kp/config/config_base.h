@@ -6,7 +6,7 @@
 #include "kp/core/object.h"
 
 /// The base of the configurations: where the data lives and where the front end connects.
-/// The fields are the interface: host programs read and set them.
+/// The fields are the interface: host programs read and set them. At first they are empty and 0.
 class KP_API KP_ConfigBase : public virtual KP_Object {
 public:
     KP_ConfigBase() = default;
@@ -14,10 +14,11 @@ public:
     KP_ConfigBase& operator=(const KP_ConfigBase&) = default;
     ~KP_ConfigBase() override;
 
-    /// Directory of the engine's database.
+    /// Directory of the engine's database, as terminated text.
     char databaseDir[1024] = {};
     /// TCP port on which the engine accepts the front end.
     std::uint32_t connectionPort = 0;
-    /// Version of the configuration; reading a general configuration file sets it to 1.
+    /// Version of the configuration; reading a general configuration file sets it to 1, a message
+    /// of the front end to what that says.
     std::uint32_t configVersion = 0;
 };

@@ -7,6 +7,8 @@
 
 /// Locks the first byte of a file, one of its own or one that the caller has open.
 ///
+/// It has the identity of KP_Object, and no create() of its own.
+///
 /// The lock belongs to the opened file, not to the process: two openings of the same file exclude
 /// each other, in one process too; copies of a descriptor, those in a forked child among them,
 /// share it. It ends with unlock(), when the last copy of the descriptor is closed, and with the
@@ -31,14 +33,17 @@ public:
     /// Closes a file that open() opened, and with it ends the lock; leaves any other as it is.
     ~KP_FileLock() override;
 
-    /// Opens @p path for reading and writing, or creates it, gives it to its owner alone, and
-    /// closes a file that it had opened before. A system that is short of something for a moment is
-    /// asked again after a second. Returns 0, or -1 without a file, with a line in the log and one
-    /// on standard error. Ends the process with status 1 when the permissions cannot be set.
+    /// Opens @p path for reading and writing, or creates it, gives it to its owner alone (0600),
+    /// and closes a file that it had opened before. A system that is short of something for a
+    /// moment is asked again after a second. Returns 0, or -1 without a file, with a line in the
+    /// log and one on standard error. Ends the process with status 1 when the permissions cannot be
+    /// set.
     virtual int open(const char* path);
-    /// Uses the descriptor underneath @p file, which stays the caller's; returns 0.
+    /// Uses the descriptor underneath @p file, which is open and stays the caller's. Closes a file
+    /// that open() had opened. Returns 0.
     virtual int setFD(std::FILE* file);
-    /// Uses @p descriptor, which stays the caller's; returns 0.
+    /// Uses @p descriptor, likewise. Handed the one that open() had opened, it leaves that to the
+    /// caller. Returns 0.
     virtual int setFD(int descriptor);
     /// Asks for the lock and does not wait for it: when somebody else has it, the lock is not held.
     /// Puts the descriptor's position at the start of the file. Returns 0 always.
@@ -51,7 +56,9 @@ public:
     bool isHeld() const { return isHeld_; }
 
 protected:
-    std::int32_t fd_ = 0;  // 0: none
+    /// The descriptor: 0 without a file, -1 after an open() that failed.
+    std::int32_t fd_ = 0;
+    /// Non-zero: the lock closes the descriptor.
     std::int32_t ownsFD_ = 1;
 
 private:

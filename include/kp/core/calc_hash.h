@@ -6,7 +6,8 @@
 /// Finds the bucket of an object.
 class KP_API KP_CalcHash : public virtual KP_Object {
 public:
-    /// The object's bucket in a table of @p buckets buckets; -1, the default, says not hashable.
+    /// The object's bucket in a table of @p buckets buckets, counted from 0. -1, which the default
+    /// returns, says that the object has none.
     virtual int calcHash(int buckets);
 
     char* getClassName() override;

@@ -7,13 +7,16 @@
 
 /// An error with its code, its text and the place where it was noticed; prints itself to the log.
 ///
-/// The library never throws it; host programs may. A text that cannot be copied for want of memory
-/// is left out rather than reported: the error at hand is the one that matters.
+/// It derives from no other class. The library never throws it; host programs may. A text that
+/// cannot be copied for want of memory is left out rather than reported: the error at hand is the
+/// one that matters.
 class KP_API KP_Exception {
 public:
-    /// Keeps private copies of @p text and @p file; either may be null.
+    /// @p err is the host's own code; @p file and @p line are a place in its source. Keeps private
+    /// copies of @p text and @p file; either may be null.
     explicit KP_Exception(int err = 0, const char* text = nullptr, const char* file = nullptr,
                           int line = 0);
+    /// A copy has texts of its own.
     KP_Exception(const KP_Exception& other);
     KP_Exception& operator=(const KP_Exception& other);
 
@@ -22,6 +25,7 @@ public:
     virtual int print(std::FILE* file);
     /// The error code.
     virtual int err();
+    /// Frees the texts.
     virtual ~KP_Exception();
 
 private:

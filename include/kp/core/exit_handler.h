@@ -5,8 +5,9 @@
 
 /// What a host wants to be told when the process ends; KP_Log::init() keeps one.
 ///
-/// The library records the handler and never calls it: a host's own shutdown code does. Objects of
-/// derived classes are not to be deleted through this class, which has no virtual destructor.
+/// The library neither calls the handler nor hands it out again: a host's own shutdown code keeps
+/// it, too, and calls it. Objects of derived classes are not to be deleted through this class,
+/// which has no virtual destructor.
 class KP_API KP_ExitHandler {
 public:
     KP_ExitHandler() = default;

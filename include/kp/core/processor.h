@@ -7,7 +7,7 @@
 /// As a KP_Processor an object answers to this identifier only, not to KP_Object's.
 class KP_API KP_Processor : public virtual KP_Object {
 public:
-    /// Processes @p object, which stays the caller's. The default does nothing and returns 0.
+    /// Processes @p object, which stays the caller's; 0 or -1. The default does nothing.
     virtual int processObject(KP_Object* object);
 
     char* getClassName() override;

@@ -4,11 +4,15 @@
 #include "kp/core/object.h"
 #include "kp/text/string.h"
 
-/// A text with the object that sent it. The sender owns the message, and nobody owns the source.
+/// A text with the object that sent it. The sender owns the message, which does not own its source.
+///
+/// It has the identity of KP_Object, and no create() of its own. Where a text is copied,
+/// KP_NoMoreMemoryException is thrown when there is no memory for it.
+///
 /// Threads: takes no lock; a message is sent from one thread at a time.
 class KP_API KP_Message : public virtual KP_Object {
 public:
-    /// Copies @p text (null: the empty text) and keeps @p source.
+    /// Copies @p text (null: the empty text) and keeps @p source, which may be null.
     explicit KP_Message(const char* text = nullptr, KP_Object* source = nullptr);
     /// A copy has the same source and a text of its own.
     KP_Message(const KP_Message&) = default;
@@ -19,9 +23,9 @@ public:
     virtual int setSource(KP_Object* source);
     /// Who sent it; null for nobody.
     virtual KP_Object* getSource();
-    /// Replaces the text by a copy of @p text; returns 0.
+    /// Replaces the text by a copy of @p text (null: the empty text); returns 0.
     virtual int setMessage(const char* text);
-    /// The text, valid until it changes or the message ends.
+    /// The text, never null, valid until it changes or the message ends.
     virtual const char* getMessage();
 
 private:

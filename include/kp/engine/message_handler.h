@@ -17,9 +17,13 @@ extern template class KP_API KP_List<KP_MessageHandler>;
 /// handlers in lists of handlers are asked depth first. A handler needs the message only while it
 /// is asked; what it wants to keep it copies.
 ///
-/// The list refers to its handlers and never ends one; whoever owns a handler removes it first.
+/// The list refers to its handlers and never ends one; whoever owns a handler removes it first. A
+/// class that overrides queryInterface() has to answer to KP_MessageHandler there: one that does
+/// not is taken for the end of the list.
 ///
-/// Threads: handlers may be added and removed at any time. Messages are sent through one handler
+/// Threads: handlers may be added and removed at any time, by any thread. A removal that comes
+/// while a message goes round can make it miss handlers, and does not wait for one that is being
+/// asked: before a handler ends, see to it that nobody sends. Messages are sent through one handler
 /// from one thread at a time, and a handler that is asked neither changes the list of the one that
 /// asks nor sends through it.
 class KP_API KP_MessageHandler : public virtual KP_Object {
@@ -36,7 +40,8 @@ public:
     /// Offers @p message to the handlers; returns the first non-zero answer, or 0.
     virtual int sendMessage(KP_Message* message);
     /// Adds @p handler at the end, also if it is there already, and is asked twice then; returns 0.
-    /// Throws KP_NoMoreMemoryException when there is no memory for the entry.
+    /// A null is not to be added. Throws KP_NoMoreMemoryException when there is no memory for the
+    /// entry.
     virtual int addHandler(KP_MessageHandler* handler);
     /// Removes one entry of @p handler, if there is one; returns 0.
     virtual int removeHandler(KP_MessageHandler* handler);

@@ -16,9 +16,9 @@
 /// The way to midnight is computed once a day as if the day had 24 hours, from the clock on the
 /// wall. On a day of 23 hours the reset comes an hour late, at 01:00 of the next day; on a day of
 /// 25 hours an hour early, at 23:00, and once more an hour later at midnight: the cycle that begins
-/// at 23:00 is one hour long. When somebody sets the clock
-/// forward, one reset comes late by as much; when it is set back, one comes early, and another at
-/// midnight.
+/// at 23:00 is one hour long. When somebody sets the clock forward, one reset comes late by as
+/// much; when it is set back, one comes early, and another at midnight. So a reset() asks the
+/// calendar which day it is, and bears to be called twice.
 ///
 /// Threads: as KP_Thread. A stop() while it sleeps ends the cycle without a reset; a join() without
 /// a stop() before it wakes the thread as any signal does, and that is taken for midnight.

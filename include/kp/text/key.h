@@ -24,7 +24,7 @@ using Stored = std::conditional_t<std::is_same_v<T, unsigned long>, std::uint32_
 template <class K>
 class KP_Key : public virtual KP_Object {
 public:
-    /// An object with that key.
+    /// An object with that key; without one it is K(), 0 for a number.
     explicit KP_Key(K key = K()) : key_(static_cast<kp::detail::Stored<K>>(key)) {}
 
     /// The key; a `long` or `unsigned long` is cut to 32 bits.

@@ -78,6 +78,7 @@ class KP_Link : public virtual KP_Object, public virtual KP_Compare {
 public:
     /// A link without neighbours that carries @p element, or nothing.
     explicit KP_Link(T* element = nullptr) : element_(element) {}
+    /// A copy points to the neighbours of its source, as told above.
     KP_Link(const KP_Link&) = default;
     KP_Link& operator=(const KP_Link&) = default;
     ~KP_Link() override = default;
@@ -95,6 +96,7 @@ public:
         previous_ = nullptr;
         return 0;
     }
+    /// The neighbour; null when there is none.
     virtual KP_Link<T>* getNext() { return next_; }
     virtual KP_Link<T>* getPrevious() { return previous_; }
     /// The element of the next link; null when there is no next link.
@@ -103,7 +105,8 @@ public:
     virtual T* getPreviousElement() {
         return previous_ != nullptr ? previous_->getElement() : nullptr;
     }
-    /// Puts @p link, which is in no chain, between this link and the one that follows. Returns 0.
+    /// Puts @p link, which is in no chain, between this link and the one that follows. Returns 0,
+    /// also when it is that one already, and nothing changes.
     virtual int linkAfter(KP_Link<T>* link) {
         if (link == nullptr || link == this) {
             return -1;
@@ -123,7 +126,8 @@ public:
         next_ = link;
         return 0;
     }
-    /// Puts @p link, which is in no chain, between this link and the one before. Returns 0.
+    /// Puts @p link, which is in no chain, between this link and the one before. Returns 0, also
+    /// when it is that one already, and nothing changes.
     virtual int linkBefore(KP_Link<T>* link) {
         if (link == nullptr || link == this) {
             return -1;
@@ -175,7 +179,7 @@ public:
         }
         return 0;
     }
-    /// The number of links from this one to the end.
+    /// The number of links from this one to the end, this one included.
     virtual int countChain() {
         int count = 0;
         for (KP_Link<T>* link = this; link != nullptr; link = link->next_) {
@@ -188,7 +192,7 @@ public:
     int queryInterface(unsigned long id, void** out) override {
         return kp::detail::answerAs<KP_Link, KP_Compare, KP_Object>(this, id, out);
     }
-    /// Forgets the neighbours.
+    /// Forgets the neighbours; returns 0.
     int init() override {
         next_ = nullptr;
         previous_ = nullptr;
@@ -215,6 +219,7 @@ protected:
     template <class>
     friend class KP_NamedList;
 
+    /// The neighbours, and the element; none of them is owned.
     KP_Link<T>* next_ = nullptr;
     KP_Link<T>* previous_ = nullptr;
     KP_Object* element_;

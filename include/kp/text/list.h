@@ -19,17 +19,17 @@
 /// A list of objects that are handed out as @p T, with one cursor that all its users share.
 ///
 /// Elements sit in links of their own, or, with setSelfLinked(1), are links themselves (as
-/// KP_String is); such an element can be in one list at a time. An element that does not answer to
-/// T is handed out as null, which a walk with first() and next() takes for the end.
+/// KP_String is); such an element can be in one list at a time. One that does not answer to T is
+/// handed out as null, which ends a walk with first() and next(), and is never released.
 ///
 /// The cursor: first(), last(), next(), previous(), getAt(), the searches, remove(), clear() and
 /// sort() move it. append() leaves it alone, except that the first element of an empty list gets
 /// it. removeCurrent() moves it to the element that follows; beyond the last one it is nowhere, and
-/// insert() then adds at the end.
+/// insert() then adds at the end. A search that comes to the end leaves it on the last element.
 ///
 /// Ownership: with setOwner(1) an element that is removed, or left over when the list is destroyed,
 /// is released. Without it the list frees its links and never an element. setRecycle(1) keeps the
-/// links of removed elements for later append()s.
+/// links of removed elements, but not those of clear(), for later append()s.
 ///
 /// Memory: append() and insert() throw KP_NoMoreMemoryException when there is none for a link; the
 /// list is as before, and the element is still the caller's. A list of elements that are links
@@ -46,9 +46,9 @@
 template <class T>
 class KP_List : public virtual KP_Object, public virtual KP_Mutex {
 public:
+    /// An empty list with all options off.
     KP_List() = default;
-    /// Two lists cannot share links, and whether two may own the same elements only their user
-    /// knows.
+    /// Two lists cannot share links, and only their user knows whether both may own the elements.
     KP_List(const KP_List&) = delete;
     KP_List& operator=(const KP_List&) = delete;
     ~KP_List() override;
@@ -65,16 +65,17 @@ public:
     virtual int setSelfLinked(int on) { return setOption(Options::kSelfLinked, on); }
     /// Non-zero: the list owns its elements.
     virtual int setOwner(int on) { return setOption(Options::kOwner, on); }
+    /// The link at the cursor; null when the cursor is nowhere.
     virtual KP_Link<T>* getCurrentLink() { return current_; }
     /// Moves the cursor to @p link, which is in this list, or null.
     virtual int setCurrentLink(KP_Link<T>* link) {
         current_ = link;
         return 0;
     }
-    /// Moves the cursor to the first element and returns it; null when the list is empty.
+    /// Moves the cursor to the first or last element and returns it; null when the list is empty.
     virtual T* first();
     virtual T* last();
-    /// Moves the cursor on and returns the element there; at the end, null, and the cursor stays.
+    /// Moves the cursor on or back and returns the element; at the end null, and the cursor stays.
     virtual T* next();
     virtual T* previous();
     /// The element at the cursor; null when the cursor is nowhere.
@@ -86,13 +87,13 @@ public:
     virtual int insert(T* element);
     /// Removes the element at the cursor; does nothing when the cursor is nowhere. Returns 0.
     virtual int removeCurrent();
-    /// Removes @p element itself, at the cursor if it is there, else where it first stands; returns
-    /// 0, whether it was found or not.
+    /// Removes @p element, at the cursor or else where it first stands. Returns 0 in any case.
     virtual int remove(T* element);
-    /// Puts the @p count links in order by KP_Tools::sort(); returns 0.
+    /// What sort() calls: puts @p count links in order by KP_Tools::sort(); returns 0.
     virtual int sortArray(KP_Object** links, int count);
-    /// Sorts the list by comparing its elements, unless it is sorted already; the cursor is on the
-    /// first element afterwards. Returns 0, or -1 with the list unchanged when memory runs out.
+    /// Sorts the list by comparing its elements (mode 0) and puts the cursor on the first. Does
+    /// nothing when there are fewer than two, or when none was added since the last sort(), however
+    /// they have changed. Returns 0, or -1 with the list unchanged when memory runs out.
     virtual int sort();
     /// Moves the cursor to the element at @p position, counted from 1, and returns it.
     /// The last one for a position that does not exist; null when the list is empty.
@@ -101,11 +102,10 @@ public:
     virtual int clear();
     /// Moves the cursor to @p element itself and returns it; null when it is not in the list.
     virtual T* find(T* element);
-    /// From the element after the cursor on, finds one that answers to @p id, and stores that view
-    /// in
-    /// @p out, or the view @p id2 of the same element when id2 is not 0. Returns 0, or -1.
+    /// Finds the first element behind the cursor that answers to @p id; @p out gets that view, or
+    /// the view @p id2 of the same element when id2 is not 0. Returns 0, or -1 with a null out.
     virtual int findNextByInterface(unsigned long id, void** out, unsigned long id2);
-    /// The same from the first element on.
+    /// The same from the first element of the list on.
     virtual int findByInterface(unsigned long id, void** out, unsigned long id2);
     /// The link for a new element: the element itself in a self-linked list, else a new one.
     /// Null when memory runs out, or when the element is no link.
@@ -119,6 +119,7 @@ public:
     int print(std::FILE* file) override;
     /// Writes "Count{n}" and a line feed, then every element, back to back; links whose element is
     /// null count nothing. Returns 0, the first non-zero result of an element, or -1 for no file.
+    /// A list has no counterpart that reads: read() and readJ() do nothing.
     int write(std::FILE* file) override;
     /// Sends the count as UInt16, so the low 16 bits of it, then every element that write() would
     /// write; returns 0 or -1.
@@ -286,7 +287,6 @@ T* KP_List<T>::getCurrentElement() {
     return current_ != nullptr ? current_->getElement() : nullptr;
 }
 
-// A link kept from earlier, made ready for the element; null when none is kept.
 template <class T>
 KP_Link<T>* KP_List<T>::takePooled(T* element) {
     KP_Link<T>* const link = pool_;
@@ -342,7 +342,6 @@ void KP_List<T>::unchain(KP_Link<T>* link) {
     --count_;
 }
 
-// Keeps an unchained link for a later append().
 template <class T>
 void KP_List<T>::keepLink(KP_Link<T>* link) {
     link->next_ = pool_;  // Not linkAfter(), which would cut off the links kept so far.

@@ -6,7 +6,16 @@
 #include "kp/text/list.h"
 #include "kp/text/named_link.h"
 
-/// A KP_List whose links carry names. Names need not be unique; searches go byte for byte.
+/// A KP_List whose links carry names. Names need not be unique. Searches go byte for byte, sorting
+/// by strcoll() of the current locale. Where a name is handed over, null means an empty one, unless
+/// it says otherwise; the list copies it.
+///
+/// elements() gives no names. A walk that needs them uses the cursor, under the lock:
+///
+///     const std::lock_guard guard(list);
+///     for (T* element = list.first(); element != nullptr; element = list.next()) {
+///         ... list.getCurrentName() ... element ...
+///     }
 ///
 /// Elements always sit in links of their own; the self-linked option is not for this list.
 /// What KP_List says of cursor, ownership, memory and threads holds; getCurrentNamedLink(),
@@ -14,6 +23,7 @@
 template <class T>
 class KP_NamedList : public KP_List<T> {
 public:
+    /// An empty list with all options off, which sorts by elements.
     KP_NamedList() = default;
 
     /// As the list's; with setSortByName(1) links are compared by their names.
@@ -30,22 +40,25 @@ public:
     virtual int append(T* element, const char* name);
     /// The link at the cursor; null when the cursor is nowhere.
     virtual KP_NamedLink<T>* getCurrentNamedLink() { return named(this->current_); }
-    /// The name at the cursor; null when the cursor is nowhere.
+    /// The name at the cursor, valid until its link is renamed or removed; null when the cursor is
+    /// nowhere.
     virtual const char* getCurrentName();
-    /// Puts @p element in the place of the one at the cursor, which is not released.
-    /// Returns 0, or -1 when the cursor is nowhere.
+    /// Puts @p element in the place of the one at the cursor, which is not released; the name
+    /// stays. Returns 0, or -1 when the cursor is nowhere.
     virtual int setCurrent(T* element);
     /// Moves the cursor to the first element named @p name and returns it; null, with the cursor on
     /// the last element, when there is none. A null name finds the first element.
     virtual T* findByName(const char* name);
-    /// The same from the element after the cursor on; a null name finds that.
+    /// The same from the element after the cursor on; a null name finds that one. A cursor that is
+    /// nowhere stays there.
     virtual T* findNextByName(const char* name);
     /// The number of elements named @p name, the cursor being on the last element afterwards; of
     /// all elements for a null name, the cursor staying where it is.
     virtual int countByName(const char* name);
     /// Adds @p element before the cursor under @p name; returns 0.
     virtual int insert(T* element, const char* name);
-    /// Non-zero: sort() goes by names. Returns 0.
+    /// Non-zero: sort() goes by names, but a list that is sorted already stays as it is until an
+    /// element is added. Returns 0.
     virtual int setSortByName(int on) {
         sortByName_ = on;
         return 0;

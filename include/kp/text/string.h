@@ -69,7 +69,7 @@ public:
     /// A copy of @p t with as much room as t has and for @p extra characters more.
     KP_String(const KP_String& t, unsigned int extra);
     KP_String(const KP_String& t, int extra);
-    /// A copy of @p t with room for one character more than t has.
+    /// A copy of @p t; of a borrowed text a private one.
     KP_String(const KP_String& t);
     /// Takes over the text of @p t, which becomes empty and stays usable.
     /// A borrowed text is copied; if there is no memory for that, the loan itself moves.
@@ -81,10 +81,11 @@ public:
     /// The allocation step of the constructors: an empty text with room for @p n characters.
     /// Returns 0. It frees no earlier buffer, so on a finished string it loses that one.
     virtual int init2(unsigned int n);
-    /// A new string with the same text; null when there is no memory for the object.
+    /// A new string with the same text, which the caller releases; null when there is no memory for
+    /// the object.
     virtual KP_Object* copy();
     using KP_Object::copy;
-    /// Makes room for @p n characters in all and keeps the text.
+    /// Makes room for @p n characters in all and keeps the text; a smaller n changes nothing.
     void grow(unsigned int n);
 
     /// Takes over the text; a text that collates equal leaves this string's buffer as it is.
@@ -97,29 +98,31 @@ public:
 
     // --- joining and removing ---
 
-    /// This text followed by @p b.
+    /// A new string: this text followed by @p b.
     KP_String operator&(const KP_String& b) const;
     KP_String operator&(const char* b) const;
+    /// Appends @p b; returns the string.
     KP_String& operator&=(const KP_String& b);
     KP_String& operator&=(const char* b) {
         append(b, b != nullptr ? std::strlen(b) : 0);
         return *this;
     }
-    /// A copy without the first occurrence of @p b.
+    /// A new string: this text without the first occurrence of @p b.
     KP_String operator%(const KP_String& b) const;
     KP_String operator%(const char* b) const;
+    /// Removes the first occurrence of @p b; returns the string.
     KP_String& operator%=(const KP_String& b);
     KP_String& operator%=(const char* b);
 
     // --- appending; each returns the string ---
 
-    /// Appends a text; a null one is empty. Returns the string.
+    /// Appends a text.
     KP_String& operator<<(const char* s) { return *this &= s; }
     KP_String& operator<<(std::string_view text) {
         append(text.data(), text.size());
         return *this;
     }
-    /// Appends the character itself.
+    /// Appends the character itself; a NUL counts in the length as any other.
     KP_String& operator<<(char c);
     /// Numbers are appended in decimal: digits, and a "-" in front of a negative one.
     KP_String& operator<<(unsigned long value);
@@ -167,7 +170,8 @@ public:
 
     // --- conversions in place ---
 
-    /// Letters by the current locale; in the default locale A to Z only.
+    /// Changes the letters up to the first NUL, byte by byte, by the current locale; in the default
+    /// one A to Z, or a to z, only.
     void toLower();
     void toUpper();
     /// Cleans the text in place, counts its length again and returns it. Bits of @p flags:
@@ -186,6 +190,7 @@ public:
     /// of spaces even when it is removed. Bytes above 127 are neither, and have no case.
     char* stpcvt(int flags);
     /// Sets the text to the @p n bytes at @p data, two upper-case hexadecimal digits each.
+    /// Null @p data give an empty text.
     void hexify(const void* data, unsigned long n);
 
     // --- searching; positions count bytes from 0, all comparison is byte for byte ---
@@ -209,7 +214,8 @@ public:
     void truncateString(int n);
     /// Whether the whole text matches @p pattern: '*' any run of bytes, '%' exactly one byte.
     /// An empty text and an empty or null pattern match nothing. What follows the last '*' is
-    /// matched against the end, and the rest without regard to that end, so "a*a" matches "a".
+    /// matched against the end, where a '%' in front of the whole text matches too, and the rest
+    /// without regard to that end: "*%%" and "a*a" match "a".
     /// Time grows with pattern times text at most.
     bool wildcardSearch(const char* pattern);
     bool wildcardSearch(const KP_String& pattern);
@@ -256,27 +262,33 @@ public:
     }
 
     /// -1, 0 or 1 as this text collates before, with or after @p other; -1 when that is no string.
+    /// @p mode has no meaning.
     int compare(KP_Compare* other, int mode) override;
     /// h = (h * 127 + c) % buckets over the characters as signed bytes, from 0, in 32 bits.
-    /// Bytes above 127 can make it negative. -1 when @p buckets is not positive.
+    /// Bytes above 127 can make it negative, and so can more than 16 million buckets, for which the
+    /// product wraps. -1 when @p buckets is not positive.
     int calcHash(int buckets) override;
 
     // --- the root's operations ---
 
     char* getClassName() override;
     int queryInterface(unsigned long id, void** out) override;
-    /// Forgets the neighbours in the list; the text stays.
+    /// Forgets the neighbours in the list; the text stays. Returns 0.
     int init() override;
     /// Writes "value\t\t: %s\n" to @p file, or to the log when it is null; returns 0.
     int print(std::FILE* file) override;
-    /// Writes the text alone; returns 0.
+    /// Writes the text alone, to no file nothing; returns 0, also when the file refuses it.
     int write(std::FILE* file) override;
     /// Reads one line of at most 2048 characters and takes the text between its braces.
-    /// A line label{text} gives text; a line without such a text, an empty one. Returns 0.
+    /// A line label{text} gives text; a line without such a text (as write() writes it), the end of
+    /// the file and no file give an empty one. Returns 0.
     int read(std::FILE* file) override;
-    /// Sends the text and a line feed; returns 0, or -1 when the socket did not take them all.
+    /// Sends the text and a line feed; returns 0, or -1 when the socket did not take them all. A
+    /// line feed within the text ends it for the receiver.
     int writeJ(int socket) override;
-    /// Receives one line of at most 2048 characters; returns 0, or -1 with the text unchanged.
+    /// Receives one line of at most 2048 characters, the rest of a longer one with the next call.
+    /// Returns 0, with an empty text when the peer has closed, or -1 with the text unchanged when
+    /// receiving fails.
     int readJ(int socket) override;
     static unsigned long getClassID() { return 0x2371E481; }
 
@@ -349,6 +361,7 @@ KP_API KP_String operator&(const char* s, const KP_String& a);
 /// @p s without the first occurrence of @p a; a null s gives a copy of a.
 KP_API KP_String operator%(const char* s, const KP_String& a);
 
+/// As the string's own, with the text in front.
 inline int operator==(const char* s, const KP_String& t) {
     return t == s;
 }

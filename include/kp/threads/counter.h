@@ -10,6 +10,7 @@
 /// Threads: every operation may be called from any thread at any time.
 class KP_API KP_Counter : public virtual KP_Object {
 public:
+    /// A count of 0.
     KP_Counter() = default;
     /// A copy starts with the count of its source.
     KP_Counter(const KP_Counter& other) : KP_Object(other), count_(other.count_.load()) {}
@@ -21,7 +22,7 @@ public:
 
     /// The count at this moment.
     virtual unsigned long getCount();
-    /// Adds or takes away as much; wraps at 32 bits.
+    /// Adds @p by to the count, or takes it away; wraps at 32 bits.
     virtual void increment(int by);
     virtual void decrement(int by);
 

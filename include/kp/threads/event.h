@@ -16,9 +16,17 @@ class KP_Mutex;
 ///
 /// Threads: every operation may be called from any thread at any time, by up to 65535 that wait.
 /// Order: what a thread wrote before signal() is visible to the thread that it releases.
-/// Lifetime: nobody may be inside wait() when the event is destroyed.
+///
+/// Lifetime: nobody may be inside an operation of the event when it is destroyed. A thread that is
+/// released goes on while the signaller may still be inside signal(), and waitUntil() returns as
+/// soon as the condition is true, which can be before the signal; neither is a reason to destroy
+/// the event. Let it outlive its signallers: join() them first, or declare it in front of the
+/// KP_ThreadPool that signals, which waits for its workers when it ends. Or make the condition true
+/// and signal() under one KP_Mutex that the condition locks as well: whoever finds it true then
+/// finds signal() done.
 class KP_API KP_Event : public virtual KP_Object {
 public:
+    /// An event that nobody waits for.
     KP_Event() = default;
     /// A copy is an event of its own that nobody waits for.
     KP_Event(const KP_Event& other) : KP_Object(other) {}
@@ -26,11 +34,12 @@ public:
     KP_Event& operator=(const KP_Event&) { return *this; }
     ~KP_Event() override;
 
-    /// Waits until a signal releases this thread, or @p milliseconds have passed (0: no limit).
-    /// The mutex is neither released nor taken; callers let go of their own locks first.
-    /// Returns 0 when signalled, -1 on timeout. Changing the system clock does not change the wait.
+    /// Waits until a signal releases this thread, or @p milliseconds have passed (0 or less: no
+    /// limit). @p mutex is neither released nor taken, and may be null; callers let go of their own
+    /// locks first. Returns 0 when signalled, -1 on timeout. Changing the system clock does not
+    /// change the wait.
     virtual int wait(KP_Mutex* mutex, int milliseconds);
-    /// The number of threads inside wait().
+    /// The number of threads that are counted as waiting at this moment.
     virtual int numWaiting();
     /// Releases one waiting thread, if there is one; returns 0.
     /// If the system refuses to wake it, "setEvent -1" goes to standard error and the process ends
@@ -38,8 +47,8 @@ public:
     virtual int signal();
 
     /// Waits until @p condition() is true, however often it is signalled meanwhile, or until
-    /// @p milliseconds have passed (0: no limit). Whoever makes the condition true signals after
-    /// it.
+    /// @p milliseconds have passed (0 or less: no limit). Whoever makes the condition true signals
+    /// after it, numWaiting() times when several threads may wait.
     ///
     /// The condition is asked again after this thread was counted as waiting, so a signal that
     /// comes between the question and the sleep is not lost, as it would be in front of a plain

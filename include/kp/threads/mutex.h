@@ -14,6 +14,7 @@
 /// Lifetime: nobody may hold it or wait for it when it is destroyed.
 class KP_API KP_Mutex : public virtual KP_Object {
 public:
+    /// A free lock.
     KP_Mutex() = default;
     /// A copy is a lock of its own, and free.
     KP_Mutex(const KP_Mutex& other) : KP_Object(other) {}

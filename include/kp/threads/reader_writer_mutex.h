@@ -14,12 +14,15 @@
 /// that leaves the lock free wakes one waiting thread; readers that waited come in one after
 /// another.
 ///
-/// Not recursive: a thread that holds the read lock and asks for the write lock waits for ever.
+/// Not recursive: a thread that holds the lock and asks for it again waits for ever, unless it
+/// reads and asks to read, and then gives up as often.
+///
 /// Works with std::shared_lock for reading, std::unique_lock and std::lock_guard for writing.
 /// Order: what a thread did before it released is visible to those that get in after it.
 /// Lifetime: nobody may hold it or wait for it when it is destroyed.
 class KP_API KP_ReaderWriterMutex : public virtual KP_Object {
 public:
+    /// A free lock.
     KP_ReaderWriterMutex() = default;
     /// A copy is a lock of its own, and free.
     KP_ReaderWriterMutex(const KP_ReaderWriterMutex& other) : KP_Object(other) {}
@@ -29,11 +32,11 @@ public:
 
     /// Takes the lock for reading; waits while a writer holds it. Returns 0.
     int rLock();
-    /// Gives the read lock up; returns 0.
+    /// Gives the read lock up, which the caller holds; returns 0.
     int rUnlock();
     /// Takes the lock for writing; waits while anybody holds it. Returns 0.
     int wLock();
-    /// Gives the write lock up; returns 0.
+    /// Gives the write lock up, which the caller holds; returns 0.
     int wUnlock();
 
     /// The same under the names that the standard guards call.

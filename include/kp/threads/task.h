@@ -6,9 +6,14 @@
 #include "kp/core/object.h"
 
 /// A function with its argument, and an identifier by which its owner finds it again.
+///
+/// KP_ThreadPool::addTask() makes its tasks, and the pool owns them; a pool that overrides
+/// createTask() makes tasks of a host's class.
+///
 /// Threads: takes no lock; a task that is queued or runs is left alone.
 class KP_API KP_Task : public virtual KP_Object {
 public:
+    /// A task that calls @p function (null: nothing) with @p arg, which stays the caller's.
     explicit KP_Task(void (*function)(void*) = nullptr, void* arg = nullptr, int id = 0);
     /// A copy is in no queue.
     KP_Task(const KP_Task& other);
@@ -18,8 +23,10 @@ public:
 
     /// Calls the function, if there is one, with the argument; returns 0.
     virtual int doTask();
+    /// Replaces what doTask() calls, or what it hands over; both return 0.
     virtual int setFunction(void (*function)(void*));
     virtual int setArg(void* arg);
+    /// The identifier, any number and not necessarily unique; setting it returns 0.
     virtual int getID();
     virtual int setID(int id);
 

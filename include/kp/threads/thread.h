@@ -36,7 +36,8 @@ class KP_API KP_Thread : public virtual KP_Runnable,
                          public virtual KP_ReferenceCounter,
                          public virtual KP_Mutex {
 public:
-    /// A thread that is not started. @p function may be null, and gets @p arg.
+    /// A thread that is not started. @p function may be null, and gets @p arg, which stays the
+    /// caller's.
     explicit KP_Thread(void (*function)(void*) = nullptr, void* arg = nullptr);
     /// A copy has the settings of its source, is not running, and has one reference.
     KP_Thread(const KP_Thread& other);
@@ -48,35 +49,41 @@ public:
     virtual int run();
     /// One iteration's work: calls the function, if there is one, and returns 0.
     virtual int doTask();
-    /// Stores those of the two that are not null, and starts.
+    /// Stores those of the two that are not null, and returns what start() does.
     virtual int start(void (*function)(void*), void* arg);
-    /// Signals the thread's event: ends a sleep, or wakes one joiner. Returns 0.
+    /// Signals the thread's event: ends a sleep, or wakes one joiner, which looks whether the loop
+    /// has ended. Returns 0.
     virtual int joinSignal();
     /// Replaces what the next iteration calls, or what it hands over; returns 0.
     virtual int setFunction(void (*function)(void*));
     virtual int setArg(void* arg);
-    /// A second pointer, kept for the host.
+    /// A second pointer, kept for the host; setting it returns 0.
     virtual int setArg2(void* arg2);
     virtual void* getArg2();
-    /// Seconds to sleep before each iteration; 0: none.
+    /// Seconds to sleep before each iteration, 2147483 at most; 0 or less: none. Returns 0, as the
+    /// two setters below.
     virtual int setSleepInterval(int seconds);
     /// Non-zero: stop() and join() may end the loop by force.
     virtual int setHardStop(int on);
-    /// Non-zero: go on; 0: end after the current iteration.
+    /// Non-zero: go on; 0: end after the current iteration. Unlike stop() it does not end a sleep.
     virtual int setContinue(int on);
 
     /// Starts the loop on a new thread; a loop that runs already is left alone, and one that was
-    /// told to end and has not yet goes on. Returns 0, or -1 when the system refuses a thread.
+    /// told to end and has not yet goes on. Waits for one that is just ending, 10 seconds at most.
+    /// Returns 0, or -1 when the system refuses a thread or memory runs out.
     int start() override;
     /// Tells the loop to end, and ends its sleep; does not wait for it. With hard stop, ends it by
     /// force and waits until its work has been left (10 seconds at most). Returns 0.
     int stop() override;
-    /// Waits until the loop has ended; wakes it if it sleeps. With hard stop, ends it by force
-    /// after a second. Returns 0; -1 when the last second of waiting passed without a signal, or
-    /// when the thread would wait for itself. Not to be called with the thread's own lock held,
-    /// which its loop needs to end.
+    /// Waits until the loop has ended; wakes it if it sleeps, but leaves it to stop() to tell it to
+    /// end. With hard stop, ends it by force after a second. The arguments are not used: pass
+    /// nullptr and 0. Returns 0; -1 when the last second of waiting passed without a signal, as
+    /// before an end by force, and the loop has ended then, too; -1 at once when the thread would
+    /// wait for itself. Not to be called with the thread's own lock held, which its loop needs to
+    /// end.
     int join(KP_Mutex* mutex, int milliseconds) override;
-    /// The continue flag: whether the thread is meant to run, not whether it does.
+    /// The continue flag: whether the thread is meant to run, not whether it does. It is 1 in a new
+    /// thread, and stop() leaves it alone when there is no loop.
     int isRunning() override;
 
     char* getClassName() override;
@@ -86,7 +93,8 @@ public:
     static void asyncCallback(void* thread);
 
 protected:
-    /// Sleeps for so many seconds, or until a signal; returns at once when the thread is to end.
+    /// Sleeps for so many seconds, or until a signal; not at all when the thread is to end. Returns
+    /// 0. The loop calls it.
     virtual int sleep(int seconds);
 
 private:

@@ -27,6 +27,7 @@ extern template class KP_API KP_List<KP_Thread>;
 /// when that has ended. Order of locks: the list's, then a thread's.
 class KP_API KP_ThreadList : public KP_List<KP_Thread>, public virtual KP_Runnable {
 public:
+    /// An empty list that does not run.
     KP_ThreadList();
     /// The same threads cannot be owned by two lists.
     KP_ThreadList(const KP_ThreadList&) = delete;
@@ -40,15 +41,18 @@ public:
     /// Starts every thread, unless the list runs already; returns 0. A thread that cannot be
     /// started ends the process with "KP_ThreadList::start: Error starting a thread" in the log.
     int start() override;
-    /// Tells every thread to end, if the list runs; does not wait. Returns 0.
+    /// Tells every thread to end, if the list runs, by its stop(), which waits only with hard stop.
+    /// Returns 0. A host's stop() that fails ends the process, as a failed start() does.
     int stop() override;
-    /// Waits for the end of every thread, whether or not the list runs; returns 0. What goes wrong
-    /// with a thread is logged, and the next one is waited for.
+    /// Waits for the end of every thread, whether or not the list runs; stop() tells them to end,
+    /// this does not. The arguments are not used: pass nullptr and 0. Returns 0. Where a thread's
+    /// join() says -1, as of one that it ends by force, the log gets a line, and the next thread is
+    /// waited for.
     int join(KP_Mutex* mutex, int milliseconds) override;
-    /// Whether the list was started and not stopped since.
+    /// 1 when the list was started and not stopped since, else 0.
     int isRunning() override;
 
-    /// A thread that holds the list's lock is not ended by force before it lets go of it.
+    /// As KP_Mutex's. A thread that holds the list's lock is not ended by force until it lets go.
     void lock() override;
     void unlock() override;
 

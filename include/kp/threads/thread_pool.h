@@ -16,8 +16,13 @@
 /// each by the one before it and never all of them at once: waking is what a small task costs most.
 ///
 /// Auto-start: adding a task starts a pool that does not run. Auto-stop: a pool stops itself when a
-/// worker has waited 100 milliseconds for a task and none is queued or running; stop() is not called. With both, no task
-/// is left behind between the two.
+/// worker has waited 100 milliseconds for a task and none is queued or running; stop() is not
+/// called. With both, no task is left behind between the two.
+///
+/// To wait for all tasks, set auto-stop, start(), and join(nullptr, 0), which takes 100
+/// milliseconds more than the tasks; or let them count themselves, and wait for the last one with
+/// KP_Event::waitUntil(). Without auto-stop join() waits until somebody calls stop(), and what is
+/// queued then stays for the next start().
 ///
 /// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
 /// A hard stop of a worker can break off a task, never the pool's own code; the task does not run
@@ -31,20 +36,24 @@
 /// Threads: every operation may be called from any thread, and from a task.
 class KP_API KP_ThreadPool : public virtual KP_ThreadList {
 public:
-    /// A stopped pool with so many workers; none for a number below 1.
+    /// A stopped pool with so many workers; none for a number below 1, and fewer when memory runs
+    /// out.
     explicit KP_ThreadPool(int threads);
     /// Neither workers nor queued tasks can belong to two pools.
     KP_ThreadPool(const KP_ThreadPool&) = delete;
     KP_ThreadPool& operator=(const KP_ThreadPool&) = delete;
     ~KP_ThreadPool() override;
 
-    /// Queues a new task and wakes a worker; on a stopped pool, starts it if auto-start is set,
-    /// else the task waits. Returns 0; -1 when createTask() of a derived class gave none.
+    /// Queues a new task, which calls @p function with @p arg, and wakes a worker; on a stopped
+    /// pool, starts it if auto-start is set, else the task waits. @p arg stays the caller's. @p id
+    /// is any number, for removeTasksByID(); several tasks may have the same. Returns 0; -1 when
+    /// createTask() of a derived class gave none.
     virtual int addTask(void (*function)(void*), void* arg, int id);
     /// A new task, which is in no queue. When memory runs out, "malloc" and the system's reason go
     /// to standard error, and the process ends with "out of memory" in the log.
     virtual KP_Task* createTask(void (*function)(void*), void* arg, int id);
-    /// Adds a worker, which is not started here; returns 0, or -1 when memory runs out.
+    /// Adds a worker, which is not started here (restart() does that in a running pool); returns 0,
+    /// or -1 when memory runs out.
     virtual int addThread();
     /// One iteration of @p worker: waits for a task and runs it; returns 0.
     virtual int doTask(KP_Thread* worker);
@@ -52,16 +61,18 @@ public:
     /// was stopped; the others keep their order. When it returns no such task runs any more, unless
     /// it was called from a task of this pool. Returns 0.
     virtual int removeTasksByID(int id);
+    /// Non-zero: on; 0: off, as in a new pool. Returns 0.
     virtual int setAutoStop(int on);
     virtual int setAutoStart(int on);
 
-    /// Makes the workers anew if there are none; returns 0.
+    /// Makes as many workers as the constructor did if there are none; returns 0.
     int init() override;
     /// Stops the pool if it runs and waits for its workers, then releases all queued tasks and all
     /// workers; returns 0. init() makes new ones. A task cannot wait for its own worker: called
     /// from one, changes nothing and returns -1.
     int reset() override;
-    /// Tells the workers to end, each after the task that it runs. Returns 0.
+    /// Tells the workers to end, each after the task that it runs, as KP_ThreadList::stop() does;
+    /// queued tasks stay. Returns 0.
     int stop() override;
 
     /// The work of a worker: calls doTask() of the pool that the thread @p worker belongs to.

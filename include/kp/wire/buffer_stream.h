@@ -12,16 +12,22 @@
 
 /// A chain of buffers with a cursor on one of their bytes.
 ///
-/// The stream owns its buffers: it releases them when it is reset and when it ends. Their bytes are
-/// theirs, see KP_Buffer::setOwner(). A buffer that is in a stream keeps its block and its length;
-/// add() adds the length to the total, as it is then.
+/// The stream owns its buffers: it releases them when it is reset and when it ends. Their blocks
+/// end with them only after KP_Buffer::setOwner(1). A buffer that is in a stream keeps its block
+/// and its length; add() adds the length to the total, as it is then.
 ///
 /// The cursor never leaves the bytes that were added, whatever it is asked, with one exception:
 /// find() of an address that no buffer holds believes its caller, and the cursor is then on that
 /// single byte, in front of the buffer that follows the current one.
 ///
-/// Cost: a step within a buffer is one virtual call by incNext() or ontoNext() and none by step();
-/// a parser is fastest when it takes what stands in one buffer at once:
+/// Which walk to take, with what a byte costs beside a loop over an array, about:
+///
+/// - run() and nextRun(), as much: the one to take where code can look at all bytes of a buffer and
+///   then carry on in the next, as below.
+/// - step(), 3 times as much: a byte at a time, with the cursor on it for the other operations. The
+///   byte is stream.KP_BufferStream::getNext(), no virtual call when it is written like this.
+/// - ontoNext(), 6 times as much, or incNext() and getNext(), which are two calls: for code that
+///   takes a KP_Stream, and for classes that override them.
 ///
 ///     for (bool more = stream.firstRun(); more; more = stream.nextRun()) {
 ///         const std::string_view run = stream.run();
@@ -35,6 +41,7 @@
 /// theirs.
 class KP_API KP_BufferStream : public virtual KP_Stream {
 public:
+    /// A stream without buffers.
     KP_BufferStream();
     /// Two streams cannot both release their buffers.
     KP_BufferStream(const KP_BufferStream&) = delete;
@@ -67,7 +74,7 @@ public:
     int copy(unsigned char* out, int count) override;
     using KP_Stream::copy;
 
-    /// incNext() without a virtual call.
+    /// incNext() without a virtual call; true where that is 1.
     bool step() {
         if (end_ - next_ > 1) {
             ++next_;
@@ -75,7 +82,8 @@ public:
         }
         return next_ != nullptr && stepBuffer();
     }
-    /// The bytes of the current buffer from the cursor on; none when the cursor is nowhere.
+    /// The bytes of the current buffer from the cursor on, where they lie; none when the cursor is
+    /// nowhere.
     std::string_view run() const {
         return {reinterpret_cast<const char*>(next_), static_cast<std::size_t>(end_ - next_)};
     }
@@ -84,7 +92,8 @@ public:
     /// Moves the cursor to the first byte of the next buffer that has one.
     /// Returns false when there is none; the cursor then stays.
     bool nextRun();
-    /// findPattern() for bytes of any number and value: zero bytes count as any other.
+    /// findPattern() for bytes of any number and value: zero bytes count as any other. What goes
+    /// over the end of a buffer is not found; an empty pattern stands at the cursor.
     bool findBytes(std::string_view pattern);
     /// The buffer that the cursor is in; null when the cursor is nowhere.
     KP_Buffer* getCurrentBuffer();
@@ -93,13 +102,14 @@ public:
     int queryInterface(unsigned long id, void** out) override;
     /// Releases all buffers and unsets the marks; the cursor is nowhere. Returns 0.
     int reset() override;
-    /// Writes the total.
+    /// Writes the total; returns 0.
     int print(std::FILE* file) override;
     static unsigned long getClassID() { return 0x411CDB04; }
     /// A new empty stream, or null when memory runs out.
     static KP_BufferStream* create();
 
 protected:
+    /// What total() tells.
     std::uint32_t m_iTotal = 0;
 
 private:

@@ -21,7 +21,10 @@
 // with a log line. Nothing is retried; after -1 the caller gives the connection up. A signal that
 // interrupts the system is no failure.
 //
-// Sockets are blocking ones. A peer that has gone raises no signal.
+// Sockets are blocking ones. A peer that has gone raises no signal. A time limit that the caller
+// sets on the socket (SO_RCVTIMEO, SO_SNDTIMEO) works: when it passes, that is a failure as any
+// other, with -1, and what had come of the value is lost. It holds for each call of the system, so
+// for each byte of a line: a peer that sends a byte now and then stays within it.
 //
 // Threads: no state is kept; one thread at a time reads a socket, and one at a time writes it.
 #pragma once
@@ -30,6 +33,7 @@
 
 #include "kp/export.h"
 
+/// Reads a value as told above: 0, or -1 with a zero value. @p value is not null.
 KP_API int readJ_Boolean(int socket, int* value);
 KP_API int readJ_UInt8(int socket, unsigned char* value);
 KP_API int readJ_SInt16(int socket, short* value);
@@ -38,6 +42,7 @@ KP_API int readJ_SInt32(int socket, long* value);
 KP_API int readJ_UInt32(int socket, unsigned long* value);
 KP_API int readJ_SInt64(int socket, std::int64_t* value);
 
+/// Writes a value as told above: 0, or -1.
 KP_API int writeJ_Boolean(int socket, int value);
 KP_API int writeJ_UInt8(int socket, unsigned char value);
 KP_API int writeJ_UInt16(int socket, unsigned short value);
@@ -48,10 +53,15 @@ KP_API int writeJ_SInt64(int socket, std::int64_t value);
 /// Reads a line into @p buffer of @p size bytes and terminates it; the line feed is not stored.
 /// Stops after size - 1 characters, and the next call goes on with the rest of the line. Returns
 /// the number of characters stored: 0 for an empty line, for a peer that has closed, and for a size
-/// below 2, which reads nothing. Returns -1 when receiving fails; the buffer is then undefined.
+/// below 2, which reads nothing. A line that the end of the connection cuts off counts as one, and
+/// the next call returns 0. Returns -1 when receiving fails, errno being the system's (EAGAIN for a
+/// time limit); the buffer is then undefined. Whoever must tell an empty line from a peer that has
+/// closed reads by readJ_n_chars(), whose 0 is the latter alone. Calls the system for each byte.
 KP_API int readJ_line(int socket, char* buffer, int size);
 
-/// Reads @p n raw bytes; returns how many came before the peer closed, or -1 when receiving fails.
+/// Reads @p n raw bytes into @p buffer and adds no terminator. Returns how many came before the
+/// peer closed, 0 for an n below 1, or -1 when receiving fails, errno being the system's; the
+/// buffer is then undefined.
 KP_API int readJ_n_chars(int socket, char* buffer, int n);
 
 /// Sends @p n raw bytes; returns n (0 for an n below 1), or -1 when sending fails.

@@ -11,20 +11,21 @@
 /// are twenty marks, 0 to 19, for positions to come back to. bumpToNext(), lookNextIndex(), find(),
 /// findPattern() and the copy() of text use mark 0 themselves.
 ///
-/// KP_BufferStream is the library's implementation, and has a faster walk than these operations: an
-/// abstract class costs a virtual call a byte.
+/// KP_BufferStream is the library's implementation. Code that takes a KP_Stream works with a host's
+/// own as well, and pays a virtual call a byte; KP_BufferStream tells of its faster walks.
 ///
 /// Threads: one at a time; the cursor and the marks have no lock.
 class KP_API KP_Stream : public virtual KP_Object {
 public:
     ~KP_Stream() override;
 
-    /// Puts the cursor on the first piece; returns 0, or -1 when there is none it can stand on.
+    /// Puts the cursor on the first piece; returns 0, or -1 with the cursor unmoved when there is
+    /// none or it has no block.
     virtual int setFirst() = 0;
     /// 1 when a byte follows in this piece or the piece after it, else 0.
     /// An empty piece hides what comes after it.
     virtual int isNext() = 0;
-    /// The byte at the cursor; the cursor stays.
+    /// The byte at the cursor, which stays; 0 when it is on none.
     virtual unsigned char getNext() = 0;
     /// The address of the byte at the cursor, or null when the cursor is nowhere.
     virtual unsigned char* getNextPtr() = 0;
@@ -35,16 +36,18 @@ public:
     /// Moves the cursor to the following byte, or onto an empty piece that comes first.
     /// Returns 1, or 0 at the end, where the cursor stays, and on a piece without a block.
     virtual int incNext() = 0;
-    /// incNext(), and the byte at the cursor, moved or not.
+    /// incNext(), and the byte at the cursor, moved or not: at the end the last byte again.
     virtual unsigned char ontoNext() = 0;
     /// Moves the cursor by @p count bytes, back when it is negative; empty pieces count nothing.
     /// Returns 1, or 0 with the cursor unmoved when there are not as many.
     virtual int bumpToNext(long count) = 0;
     /// Keeps the current piece in @p mark.
-    /// Returns the cursor's address, which the caller keeps; null when there is no such mark.
+    /// Returns the cursor's address, which the caller keeps for resetNext(); null when there is no
+    /// such mark, or when the cursor is nowhere.
     virtual unsigned char* markNext(int mark) = 0;
     /// Returns to the piece in @p mark and puts the cursor at @p place, found by find() if it is in
-    /// another one. Returns 0, or -1 with the cursor unmoved when the mark was not set.
+    /// another one. Returns 0, or -1 with the cursor unmoved when the mark was not set or does not
+    /// exist.
     virtual int resetNext(unsigned char* place, int mark) = 0;
     /// The same as getNextPtr(); @p distance is not used.
     virtual unsigned char* aheadNext(short distance) = 0;
@@ -67,10 +70,11 @@ public:
     /// Null when the stream has no piece, when memory runs out and when @p count has more than 32
     /// bits. Makes the piece where the copy ends the current one, as getLastPtr() does the last.
     virtual unsigned char* copy(unsigned long count) = 0;
-    /// Copies up to @p count bytes from the cursor on to @p out, which has room for one more.
+    /// Copies up to @p count bytes from the cursor on to @p out, which has room for count + 1.
     /// A line feed or a carriage return ends the copy; a byte that does not print becomes '*'; a
     /// zero byte is added. The cursor is then on the first byte that was not copied. Returns 0, or
-    /// -1 with nothing written when there is no byte @p count ahead, or @p count is negative.
+    /// -1 with nothing written when there is no byte @p count ahead (so the last byte of the stream
+    /// is never copied), or @p count is negative.
     virtual int copy(unsigned char* out, int count) = 0;
 
     /// Any whole number is a count, so that copy(0) is not taken for the root's copy().
