@@ -10,6 +10,9 @@ install(TARGETS kp EXPORT kpTargets
 install(DIRECTORY include/kp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.h")
 
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+  USE_SOURCE_PERMISSIONS)
+
 install(EXPORT kpTargets NAMESPACE kp:: DESTINATION ${KP_PACKAGE_DIR} COMPONENT development)
 configure_package_config_file(cmake/kpConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/kpConfig.cmake
   INSTALL_DESTINATION ${KP_PACKAGE_DIR})

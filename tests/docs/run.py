@@ -209,7 +209,7 @@ def run(page, place, long, work, prefix, own_network):
         if block.language in SHOWN:
             continue
         if block.place != place:
-            if block.place:
+            if block.place and not place:
                 script = open(os.path.join(ROOT, block.place), encoding="utf-8").read()
                 if f"--place {block.place}" not in script and block.text not in script:
                     fail(f"{block.where()}: {block.place} does not run it")

@@ -103,7 +103,8 @@ public:
     /// Moves the cursor to @p element itself and returns it; null when it is not in the list.
     virtual T* find(T* element);
     /// Finds the first element behind the cursor that answers to @p id; @p out gets that view, or
-    /// the view @p id2 of the same element when id2 is not 0. Returns 0, or -1 with a null out.
+    /// the view @p id2 of the same element when id2 is not 0, which is asked for when the lock was
+    /// given up. Returns 0, or -1 with a null out.
     virtual int findNextByInterface(unsigned long id, void** out, unsigned long id2);
     /// The same from the first element of the list on.
     virtual int findByInterface(unsigned long id, void** out, unsigned long id2);
