@@ -42,8 +42,8 @@ def shared(lines):
                                        text))
         if is_declaration and not is_new and section != "private" and "///<" not in text:
             usual = next((says for pattern, says in USUAL if re.search(pattern, text)), None)
-            says = comment or ([f"/// {usual}"] if usual else
-                               [f"/// {INTERNAL}"] if section == "protected" else [])
+            says = ([f"/// {usual}"] if usual else comment or
+                    ([f"/// {INTERNAL}"] if section == "protected" else []))
             for each in says:
                 yield f"    {each}\n"
         if not text or re.match(r"(class|struct|public)\b.*\{$", text):  # A class's comment is its own.

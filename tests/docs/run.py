@@ -140,7 +140,7 @@ def matches(expected, said):
 
 def play(session, port):
     """Sends the client's bytes of a session and compares the engine's."""
-    connection = socket.create_connection(("127.0.0.1", port), timeout=120)
+    connection = socket.create_connection(("127.0.0.1", port), timeout=30)  # an engine drops clients after 60
     speaker, drains = None, False
     for number, line in enumerate(open(session, encoding="utf-8").read().split("\n"), 1):
         match = re.fullmatch(r"(client|engine|      )  ((?:[0-9A-F]{2} ?)+|closes|\.\.\.)(?:  .*)?", line)
