@@ -3,8 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kp)
 set(CPACK_PACKAGE_VENDOR "libkp authors")
-set(CPACK_PACKAGE_CONTACT "libkp authors <libkp@users.noreply.libkp.net>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "class library and programs of a network monitor")
+set(CPACK_PACKAGE_CONTACT "libkp authors <libkp@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL library development documentation programs)
@@ -14,37 +13,45 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-set(library libkp${PROJECT_VERSION_MAJOR})
+set(library libkp${KP_SOVERSION})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
-file(WRITE ${PROJECT_BINARY_DIR}/shlibs
-     "libkp ${PROJECT_VERSION_MAJOR} ${library} (>= ${PROJECT_VERSION})\n")
+file(WRITE ${PROJECT_BINARY_DIR}/shlibs "libkp ${KP_SOVERSION} ${library} (>= ${PROJECT_VERSION})\n")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
     ${PROJECT_BINARY_DIR}/triggers ${PROJECT_BINARY_DIR}/shlibs)
-set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "The library: objects with fixed class identities, strings and self-locking
-lists, locks, threads and a pool, the configuration of an engine and its
-exchange with a front end, byte streams and wire primitives.")
+set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "class library of a network monitor's programs
+Objects with fixed class identities, strings and self-locking lists, locks,
+threads and a pool, the configuration of an engine and its exchange with a
+front end, byte streams and wire primitives.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkp-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "For those who write host programs: the public headers, each
-one the manual of its class, the CMake package kp and a pkg-config file.")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS libkp-doc)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "class library of a network monitor's programs (development)
+For those who write host programs: the public headers, each one the manual of
+its class, the CMake package kp, a pkg-config file, and examples.")
+
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME libkp-doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SHLIBDEPS OFF)
-set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "The site: a guide to library and programs, the formats of files and
-wire, and the manual of every class. It begins with html/index.html.")
+set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "class library of a network monitor's programs (documentation)
+A guide to library and programs, the formats of files and wire, and the manual
+of every class. It begins with html/index.html.")
+
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME kp-programs)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
+# systemd-sysusers makes the user of the service.
+set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS
+    "${library} (= ${PROJECT_VERSION}), systemd | systemd-standalone-sysusers")
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/prerm)
-set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION "The programs: kp-configure makes an installation, kp-capture
-watches a device and records the web traffic of chosen addresses, kp-admin
-administers it while it runs, kp-query asks its records. With a systemd unit,
-manual pages and completions.")
+set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION "network monitor that records web traffic
+kp-configure makes an installation, kp-capture watches a device and records the
+web traffic of chosen addresses, kp-admin administers it while it runs, kp-query
+asks its records. With a systemd unit, manual pages and completions.")
 
 # What Debian wants of every package.
 string(TIMESTAMP KP_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
@@ -56,9 +63,9 @@ foreach(component library development documentation programs)
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
           COMPONENT ${component})
 endforeach()
-add_custom_target(kp-docs ALL COMMAND ${PROJECT_SOURCE_DIR}/script/docs VERBATIM
+add_custom_target(kp-docs ALL COMMAND ${PROJECT_SOURCE_DIR}/script/docs ${PROJECT_BINARY_DIR}/docs VERBATIM
                   COMMENT "Making the site of headers and docs")
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/build/docs/html
+install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/html
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libkp-doc COMPONENT documentation)
 install(FILES packaging/kp-capture.service DESTINATION lib/systemd/system COMPONENT programs)
 install(FILES packaging/kp.sysusers DESTINATION lib/sysusers.d RENAME kp.conf COMPONENT programs)

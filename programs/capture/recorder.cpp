@@ -198,7 +198,8 @@ void Recorder::takeDirectory() {
     lock_.setFD(file.get());
     lock_.lock();
     if (!lock_.isHeld()) {
-        throw DirectoryTaken("another engine records into " + settings_.directory);
+        throw DirectoryTaken("another engine records into " + settings_.directory +
+                             "; --no-record watches without recording");
     }
     lockFile_ = std::move(file);
 }

@@ -94,7 +94,8 @@ void writeOption(std::ostream& page, const CLI::Option& option) {
         page << (i == 0 ? "\\fB" : "\\fR, \\fB") << roff(names[i]) << "\\fR";
     if (!names.empty() && !isFlag(option))
         page << " \\fI" << roff(valueOf(option)) << "\\fR";
-    page << '\n' << roff(descriptionOf(option)) << ".\n";
+    const std::string description = descriptionOf(option);
+    page << '\n' << roff(description) << (description.back() == '.' ? "\n" : ".\n");
     if (const std::string limits = limitsOf(option); !limits.empty())
         page << "Within " << roff(limits) << ".\n";
     if (!option.get_default_str().empty())

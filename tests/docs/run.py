@@ -7,10 +7,10 @@ Each page is one session of a shell, in a folder of its own, with the programs a
 build, as if they were installed. What it does is told by the language of a block:
 
     sh, console   commands; those of console begin with "$ ", and what they say is compared: "..." stands for any text
-    cpp, cmake    is written to the file that its first line names as a comment; a cpp block without a name is a
-                  program, and compiled
+    cpp, cmake,   is written to the file that its first line names as a comment; a cpp block without a name is a
+    sql           program, and compiled
     session       bytes of a front-end connection, which are sent to the engine that listens on $PORT, and compared
-    text, sql     are shown only
+    text          is shown only
 
 and by comments in front of it, which readers of the page do not see:
 
@@ -35,8 +35,8 @@ import subprocess
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-SHOWN = {"text", "sql"}
-RUN = {"sh", "console", "cpp", "cmake", "session"}
+SHOWN = {"text"}
+RUN = {"sh", "console", "cpp", "cmake", "sql", "session"}
 OWN_NETWORK = ("ip link set lo up && { ip link add eth0 type veth peer name peer0 || ip link add eth0 type dummy; } && "
                "ip address add 192.168.1.5/24 dev eth0 && ip link set eth0 up")
 PRELUDE = """
@@ -186,10 +186,10 @@ def script_of(blocks, work):
             copy = os.path.join(work, f"session.{index}")
             open(copy, "w", encoding="utf-8").write(block.text)
             script.append(f'{shlex.quote(sys.executable)} {os.path.abspath(__file__)} --play {copy} "$PORT" >{said} 2>&1')
-        elif block.language in ("cpp", "cmake"):
+        elif block.language in ("cpp", "cmake", "sql"):
             copy = os.path.join(work, f"block.{index}.cpp")
             open(copy, "w", encoding="utf-8").write(block.text + "\n")
-            name = re.match(r"(?://|#) (\S*[\w/]+\.(?:h|cpp|txt))\n", block.text)
+            name = re.match(r"(?://|#|--) (\S*[\w/]+\.(?:h|cpp|txt|sql))\n", block.text)
             if name:
                 script.append(f"mkdir -p $(dirname {name[1]}) && cp {copy} {name[1]}")
             else:

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <regex>
+#include <set>
 
 #include "support/installation.h"
 #include "support/program.h"
@@ -18,23 +19,44 @@ std::string withoutBackslashes(std::string text) {
     return text;
 }
 
-TEST(CommandLineTest, ManualAndCompletionsHaveEveryOptionOfTheHelp) {
+// What the pattern's group finds in the text, each once.
+std::set<std::string> allOf(const std::string& text, const char* pattern) {
+    const std::regex regex(pattern, std::regex::multiline);
+    std::set<std::string> result;
+    for (std::sregex_iterator each(text.begin(), text.end(), regex), end; each != end; ++each)
+        result.insert(each->str(1));
+    return result;
+}
+
+TEST(CommandLineTest, ManualAndCompletionsHaveEveryOptionAndCommandOfTheHelp) {
     const kp::test::Installation site;
-    const std::regex option("--[a-z][a-z-]+");
     for (const std::string program : {KP_ADMIN, KP_CAPTURE, KP_CONFIGURE, KP_QUERY}) {
         const std::string name = std::filesystem::path(program).filename().string();
         ASSERT_EQ(runProgram(program, {"--write-texts", site.path()}).status, 0);
-        const Outcome help = runProgram(program, {"--help"});
-        EXPECT_EQ(help.status, 0);
+        std::string help = runProgram(program, {"--help"}).out;
+        std::set<std::string> words;
+        if (const std::size_t list = help.find("\nSubcommands:\n"); list != std::string::npos) {
+            for (const std::string& command : allOf(help.substr(list), "^  ([a-z]+) ")) {
+                help += runProgram(program, {command, "--help"}).out;
+                words.insert(command);
+            }
+            EXPECT_GE(words.size(), 3U) << name;
+        }
         const std::string manual = withoutBackslashes(site.read(name + ".1"));
         const std::string zsh = site.read(name + ".zsh");
-        int options = 0;
-        for (std::sregex_iterator each(help.out.begin(), help.out.end(), option), end; each != end;
-             ++each, ++options) {
-            EXPECT_NE(manual.find("fB" + each->str() + "fR"), std::string::npos) << each->str();
-            EXPECT_NE(zsh.find(each->str() + "["), std::string::npos) << each->str();
+        const std::string bash = site.read(name + ".bash");
+        for (const std::string& word : words)
+            EXPECT_NE(manual.find(word), std::string::npos) << word;
+        const std::set<std::string> options = allOf(help, "(--[a-z][a-z-]+)");
+        EXPECT_GT(options.size(), 5U) << name;
+        for (const std::string& option : options) {
+            EXPECT_NE(manual.find("fB" + option + "fR"), std::string::npos) << option;
+            EXPECT_NE(zsh.find(option + "["), std::string::npos) << option;
+            words.insert(option);
         }
-        EXPECT_GT(options, 5) << name;
+        for (const std::string& word : words)
+            EXPECT_TRUE(std::regex_search(bash, std::regex("-W '.*" + word + "[ ']"))) << word;
+        EXPECT_EQ(manual.find(".."), std::string::npos);
         EXPECT_EQ(runProgram(program, {"--version"}).out, name + " " KP_VERSION "\n");
         EXPECT_EQ(runProgram(program, {"--nonsense"}).status, 2);
         EXPECT_EQ(runProgram(program, {"--write-texts", site.path("none")}).status, 2);
