@@ -49,9 +49,10 @@ set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/prerm)
 set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION "network monitor that records web traffic
-kp-configure makes an installation, kp-capture watches a device and records the
-web traffic of chosen addresses, kp-admin administers it while it runs, kp-query
-asks its records. With a systemd unit, manual pages and completions.")
+kp-configure makes an installation, kp-capture watches a device and records
+the web traffic of chosen addresses, kp-admin administers it while it runs,
+kp-query queries the records. With a systemd unit, manual pages and
+completions.")
 
 # What Debian wants of every package.
 string(TIMESTAMP KP_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)

@@ -380,7 +380,6 @@ inline int operator<=(const char* s, const KP_String& t) {
 inline int operator>=(const char* s, const KP_String& t) {
     return t <= s;
 }
-
 template <class Char, kp::detail::IfChar<Char> = 0>
 int operator==(Char* s, const KP_String& t) {
     return t == s;

@@ -76,7 +76,7 @@ public:
     /// returns 0. A @p *p at or beyond @p end stays and gives 0.
     static int IgnoreLine_r(char** p, const char* end);
 
-    // --- binary string records and byte patterns (src/tools/records.cpp) ---
+    // --- binary string records and byte patterns (src/tools/string_records.cpp) ---
     // A record is the length of the text in two bytes, least significant first, then the text.
 
     /// Reads a record into @p buf, which has room for @p size + 1 bytes, as terminated text.
@@ -159,7 +159,7 @@ public:
     /// system.
     static int strioctl(int socket, int command, int value, char* data);
     /// 1 when a TCP socket can be bound to @p port (its low 16 bits) on all local addresses, else 0
-    /// with a log line that says why. No socket stays open. (src/wire/socket_test.cpp)
+    /// with a log line that says why. No socket stays open. (src/wire/port_check.cpp)
     static int testSocket(int port);
 
     // --- installation directory and time text (src/tools/installation.cpp) ---

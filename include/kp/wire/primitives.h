@@ -3,14 +3,14 @@
 // Everything is big-endian. Unsigned values travel in a field twice their own width, whose high
 // half is zero when sent and ignored when received:
 //
-//   type      bytes sent                  bytes received
-//   Boolean   2 (as UInt8, low 8 bits)    1 (0 to 255, kept as it is)
-//   UInt8     2: 00 v                     2: the second is the value
-//   SInt16    (there is no writer)        2
-//   UInt16    4: 00 00 v v                4: the last two are the value
-//   SInt32    4                           4
-//   UInt32    8: 00 00 00 00 v v v v      8: the last four are the value
-//   SInt64    8                           8
+//     type      bytes sent                  bytes received
+//     Boolean   2 (as UInt8, low 8 bits)    1 (0 to 255, kept as it is)
+//     UInt8     2: 00 v                     2: the second is the value
+//     SInt16    (there is no writer)        2
+//     UInt16    4: 00 00 v v                4: the last two are the value
+//     SInt32    4                           4
+//     UInt32    8: 00 00 00 00 v v v v      8: the last four are the value
+//     SInt64    8                           8
 //
 // A line is the bytes up to a line feed, a carriage return being one of them; n chars are n bytes.
 //

@@ -2,7 +2,8 @@
 """Doxygen's input filter for our headers: writes out the comments that stand for more than one declaration.
 
 In a header a comment holds for the declarations behind it up to the next blank line or comment, and what
-every class has (identity, copies, an end) has none where there is nothing to say. Doxygen wants one each.
+every class has (identity, copies, an end) has none where there is nothing to say. Doxygen wants one each. The
+comment at the head of a header becomes the text of its page.
 
 usage: share_comments.py HEADER
 """
@@ -25,8 +26,14 @@ INTERNAL = "For the library's own classes."
 
 def shared(lines):
     comment, is_new, section, depth = [], False, "public", 0
+    in_head = True
+    yield "/// @file\n"  # Without it what stands outside of classes has no page.
     for line in lines:
         text = line.strip()
+        in_head = in_head and text.startswith("//")
+        if in_head:
+            yield "/" + line
+            continue
         if depth == 0 and text.startswith("///"):
             if not is_new:
                 comment = []
@@ -40,12 +47,14 @@ def shared(lines):
                           text[:1] not in ("", "/", "#", "}", "*", ":") and
                           not re.match(r"(friend|template|struct|class|enum|public|protected|private)\b",
                                        text))
+        if depth == 0 and re.match(r"(KP_API|inline|template) ", line):  # A function outside of classes.
+            is_declaration, section = True, "public"
         if is_declaration and not is_new and section != "private" and "///<" not in text:
             usual = next((says for pattern, says in USUAL if re.search(pattern, text)), None)
             says = ([f"/// {usual}"] if usual else comment or
                     ([f"/// {INTERNAL}"] if section == "protected" else []))
             for each in says:
-                yield f"    {each}\n"
+                yield re.match(" *", line).group() + each + "\n"
         if not text or re.match(r"(class|struct|public)\b.*\{$", text):  # A class's comment is its own.
             comment = []
         if text:
