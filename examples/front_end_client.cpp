@@ -1,5 +1,6 @@
-// Logs in to a running kp-capture --serve and prints its status: front_end_client HOST PORT PASSWORD.
-// (A program for every day asks for the password: other users of the machine see command lines.)
+// Logs in to a running kp-capture --serve and prints its status:
+//     front_end_client HOST PORT PASSWORD
+// A program for everyday use asks for the password: other users of the machine see command lines.
 #include <kp/kp.h>
 #include <netdb.h>
 #include <sys/socket.h>

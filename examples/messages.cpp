@@ -1,5 +1,5 @@
-// Messages go through a tree of handlers, depth first, until one of them deals with it. The root is an
-// engine manager, which also opens the log: KP_INSTALLDIR names a directory with logs/ in it.
+// A message goes through a tree of handlers, depth first, until one of them deals with it. The root
+// is an engine manager, which also opens the log: KP_INSTALLDIR names a directory with logs/ in it.
 #include <kp/kp.h>
 
 #include <cstdio>

@@ -1,5 +1,6 @@
-// An option of a file that has NAME=VALUE on each line: printed, or changed in the file (which loses
-// its comments then, since the list has none): options FILE NAME [VALUE]
+// Prints an option of a file that has NAME=VALUE on each line, or changes it in the file:
+//     options FILE NAME [VALUE]
+// A changed file loses its comments, because the list has none.
 #include <kp/kp.h>
 
 #include <cstdio>

@@ -113,9 +113,8 @@ void Client::lost() {
     if (isLate_)
         throw Unreachable(peer_ + " did not answer within " + std::to_string(limit_.count()) +
                           " s");
-    throw Unreachable(peer_ + (isAccepted_ ? " has closed the connection"
-                                           : " has closed the connection; it may not take any "
-                                             "from this address"));
+    throw Unreachable(peer_ + " has closed the connection" +
+                      (isAccepted_ ? "" : "; it may not accept clients from this address"));
 }
 
 void Client::sendLine(std::string line) {
@@ -143,7 +142,7 @@ void Client::readConfig(KP_Config& config) {
     const Turn turn(*this);
     sendLine("GET_CONFIG");
     if (!answer())
-        throw Refused(peer_ + " does not tell its configuration");
+        throw Refused(peer_ + " did not send its configuration");
     require(receiveConfig(socket_, config));
 }
 
@@ -174,7 +173,7 @@ std::vector<std::string> Client::status() {
 std::vector<std::string> Client::readStatus() {
     sendLine("GET_STATUS");
     if (!answer())
-        throw Refused(peer_ + " does not tell its status");
+        throw Refused(peer_ + " did not send its status");
     unsigned short count = 0;
     require(readJ_UInt16(socket_, &count) == 0);
     std::vector<std::string> lines;

@@ -64,28 +64,39 @@ void watch(kp::admin::Client& client, std::FILE* output, unsigned long count) {
 }
 
 void addOptions(CLI::App& app, Options& options) {
-    app.add_option("--host", options.host, "Host of the engine")->capture_default_str();
-    app.add_option("--port", options.port, "Its port")->capture_default_str();
-    app.add_option("--user", options.user, "User")->capture_default_str();
+    app.add_option("--host", options.host, "Host of the engine")
+        ->capture_default_str()
+        ->type_name("HOST");
+    app.add_option("--port", options.port, "Port of its front end")
+        ->capture_default_str()
+        ->type_name("PORT");
+    app.add_option("--user", options.user, "Name of the administrator")
+        ->capture_default_str()
+        ->type_name("USER");
     app.add_option("--password-file", options.passwordFile,
-                   "File whose first line is the password (default: asked for)");
+                   "File whose first line is the password\n(default: ask at the terminal)")
+        ->type_name("FILE");
     app.add_option("--timeout", options.timeout, "Seconds that an answer may take")
         ->check(CLI::Range(1, 3600))
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("SECONDS");
     app.footer(
-        "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 the engine cannot be reached,\n"
-        "did not answer in time or closed the connection.");
+        "Exit status: 0 done, 1 refused or failed, 2 wrong command line, 3 the engine cannot be\n"
+        "reached, did not answer in time or closed the connection.");
     app.require_subcommand(1);
     app.fallthrough();
-    app.add_subcommand("show", "Shows the configuration as KEY=VALUE lines, the password left out");
+    app.add_subcommand("show", "Shows the configuration as KEY=VALUE lines, without the password");
     CLI::App* const set = app.add_subcommand("set", "Changes the configuration");
-    set->add_option("changes", options.changes,
-                    "KEY=VALUE; keys: filter, days, mime, network, password-file; device and port "
-                    "take a new installation. mime and network replace the whole list.")
-        ->required();
+    set->add_option("CHANGE", options.changes,
+                    "KEY=VALUE; keys: filter, days, mime, network, password-file.\n"
+                    "mime and network replace the whole list; device and port can only\n"
+                    "be changed by kp-configure and a restart.")
+        ->required()
+        ->type_name("");
     app.add_subcommand("status", "Shows the status");
     CLI::App* const watch = app.add_subcommand("watch", "Shows the status every second");
-    watch->add_option("--count", options.count, "So many times (default: for ever)");
+    watch->add_option("--count", options.count, "Number of times (default: for ever)")
+        ->type_name("N");
 }
 
 int run(const CLI::App& app, const Options& options) {

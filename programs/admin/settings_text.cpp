@@ -74,7 +74,7 @@ Changes::Changes(const std::vector<std::string>& texts) {
         const std::string name = text.substr(0, separator);
         const std::string value = text.substr(separator + 1);
         if (name == "range" || name == "name" || name == "dbpath" || name == "dir")
-            throw UsageError(name + " is set where the engine is installed, by kp-configure");
+            throw UsageError(name + " is set by kp-configure");
         const Key& key = findKey(name);
         auto change = std::find_if(changes_.begin(), changes_.end(),
                                    [&](const Change& each) { return each.key == name; });

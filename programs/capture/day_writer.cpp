@@ -33,7 +33,7 @@ int bindTotals(Statement& statement, int parameter, const Totals& totals) {
 
 }  // namespace
 
-// The id of a name is the table's to choose, an address is its own.
+// The table chooses the id of a name. An address is its own id.
 template <class Key>
 TotalsTable<Key>::TotalsTable(Database& database, const std::string& table,
                               const std::string& column)
@@ -83,8 +83,8 @@ void TotalsTable<Key>::write() {
 
 Database DayWriter::openFile(const std::string& path, bool isDurable,
                              std::chrono::milliseconds patience) {
-    // What people ask the web for is theirs: the file is its owner's alone, and SQLite makes those
-    // beside it the same.
+    // The file tells who has visited which site, so only its owner may read it. SQLite gives the
+    // files beside it the same permissions.
     const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (descriptor >= 0)
         ::close(descriptor);

@@ -356,7 +356,8 @@ PacketSource::Result Engine::readPackets(PacketSource& source) {
         if (filterChanged_.exchange(false)) {
             const std::string fault = source.setFilter(config_.current()->filterProgram);
             if (!fault.empty())
-                KP_Log::ret("kp-capture: the old filter stays: %s", fault.c_str());
+                KP_Log::ret("kp-capture: the new filter is refused, the old one stays: %s",
+                            fault.c_str());
         }
         summary_.setFilteredOut(source.filteredOut());
         summary_.setDropped(source.dropped());
@@ -380,7 +381,7 @@ void Engine::readSource(PacketSource& source) {
     summary_.setFilteredOut(source.filteredOut());
     summary_.setDropped(source.dropped());
     if (end == PacketSource::Result::kFault)
-        complain(source.fault() + "; what came before is used");
+        complain(source.fault() + "; the packets before that are used");
 }
 
 int Engine::run() {

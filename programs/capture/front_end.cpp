@@ -68,9 +68,9 @@ public:
         try {
             serve();
         } catch (const std::exception& error) {
-            KP_Log::ret("kp-capture: a front end was dropped: %s", error.what());
+            KP_Log::ret("kp-capture: a client was dropped: %s", error.what());
         } catch (const KP_NoMoreMemoryException&) {
-            KP_Log::ret("kp-capture: a front end was dropped: out of memory");
+            KP_Log::ret("kp-capture: a client was dropped: out of memory");
         }
         sayGoodbye();
         setContinue(0);
@@ -93,8 +93,9 @@ private:
     void sayGoodbye() {
         ::shutdown(socket_, SHUT_WR);
         char unread[4096];
-        for (int i = 0; i<kMostUnread&& ::recv(socket_, unread, sizeof unread, 0)> 0; ++i) {
-        }
+        int left = kMostUnread;
+        while (left > 0 && ::recv(socket_, unread, sizeof unread, 0) > 0)
+            --left;
         ::shutdown(socket_, SHUT_RDWR);
     }
 
@@ -130,7 +131,7 @@ private:
             owner_.succeeded(address_);
             return answer(true);
         }
-        KP_Log::ret("kp-capture: a front end at %s was refused", textOf(address_).c_str());
+        KP_Log::ret("kp-capture: a client at %s was refused", textOf(address_).c_str());
         const std::chrono::milliseconds delay = owner_.failed(address_);
         extend(delay);
         if (owner_.pause(delay))

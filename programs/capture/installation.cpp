@@ -95,7 +95,7 @@ void checkDirectory(const std::string& directory) {
         throw InstallationError(directory + ": no such directory");
     for (const char* part : {"/logs", "/admin"}) {
         if (!isDirectory(directory + part)) {
-            throw InstallationError(directory + " is no installation, it has no directory \"" +
+            throw InstallationError(directory + " is not an installation: it has no directory \"" +
                                     (part + 1) + "\"; kp-configure makes one");
         }
     }

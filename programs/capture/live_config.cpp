@@ -5,12 +5,14 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "packet_source.h"
 
@@ -31,36 +33,49 @@ std::string textFault(const char* what, const char* text, bool mayBeEmpty) {
     return "";
 }
 
-std::string contentOf(const fs::path& path) {
+// As the reader counts: the last line is the 27th, and one more for each mapping, of which line 18
+// has the number. A file without it was cut off.
+bool isWhole(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        lines.push_back(line);
+    if (lines.size() < 18)
+        return false;
+    const std::size_t mappings = std::strtoul(lines[17].c_str(), nullptr, 10) & 0xFFFF;
+    return lines.size() > 26 + mappings && lines[26 + mappings].find('}') != std::string::npos;
 }
 
-// The file ends with the block of the networks; one that does not was cut off.
-bool isWhole(const fs::path& path) {
-    const std::string content = contentOf(path);
-    const std::size_t last = content.rfind("\nmaskAddress{");
-    return last != std::string::npos && content.find('}', last) != std::string::npos;
+// After a rename: what was answered to be saved is there after a loss of power, too.
+void syncDirectory(const fs::path& path) {
+    const int directory = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ::fsync(directory);
+    ::close(directory);
 }
 
 // Writes the configuration beside the file that it is to replace, where only its owner can read it:
 // it holds the password. Returns why it could not.
 std::string writeBeside(const KP_ConfigAdmin& config, const fs::path& path,
                         const std::string& name) {
-    // save() ends the process when it cannot open its file, so ours is opened first.
+    // save() ends the process when it cannot open its file: ours is opened first, and a descriptor
+    // is kept for it.
     const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (descriptor < 0)
-        return "the configuration file cannot be written: " + std::string(std::strerror(errno));
+    const int spare = descriptor < 0 ? -1 : ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    if (spare < 0) {
+        const std::string reason = std::strerror(errno);
+        ::close(descriptor);
+        return "the configuration file cannot be written: " + reason;
+    }
     KP_ConfigAdmin copy = config;
+    const bool isNamed = copy.setName(name.c_str()) == 0;
+    ::close(spare);
     std::string fault;
-    if (copy.setName(name.c_str()) != 0) {
+    if (!isNamed) {
         fault = "the name of the engine is too long for a second configuration file";
     } else {
         copy.save();
         if (::fsync(descriptor) != 0 || !isWhole(path))
-            fault = "the configuration file could not be written to its end; is the disk full?";
+            fault = "the configuration file could not be written completely; is the disk full?";
     }
     ::close(descriptor);
     return fault;
@@ -96,7 +111,7 @@ std::string LiveConfig::refusal(const KP_ConfigAdmin& wanted) const {
     if (wanted.configVersion != config_.configVersion)
         return "unknown version of the configuration";
     if (wanted.daysOfDataToKeep == 0 || wanted.daysOfDataToKeep > 0x7FFFFFFF)
-        return "days must be 1 to 2147483647";
+        return "the days must be from 1 to 2147483647";
     for (const std::string& fault : {textFault("the password", wanted.password, false),
                                      textFault("the filter", wanted.filterProgram, true)}) {
         if (!fault.empty())
@@ -143,12 +158,14 @@ std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
         if (!error)
             fs::rename(part, kept, error);
         if (error)
-            fault = "the last configuration file cannot be kept: " + error.message();
+            fault = "the previous configuration file cannot be kept: " + error.message();
     }
     if (fault.empty()) {
         fs::rename(beside, file, error);
         if (error)
             fault = "the configuration file cannot be replaced: " + error.message();
+        else
+            syncDirectory(file.parent_path());
     }
     if (!fault.empty()) {
         fs::remove(beside, error);
@@ -160,7 +177,7 @@ std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
         current_ = next;
     }
     changed_();
-    KP_Log::ret("kp-capture: the front end has changed the configuration");
+    KP_Log::ret("kp-capture: a client has changed the configuration");
     return "";
 }
 

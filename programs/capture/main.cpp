@@ -21,16 +21,22 @@ void fillStandardStreams() {
     }
 }
 
+// What is to be said when no address ranges are configured; null when that changes nothing.
+const char* warningWithoutRanges(const Options& options) {
+    if (!options.print || !options.all) {
+        return "no address ranges are configured, nothing is watched; "
+               "--print --all prints all transactions";
+    }
+    return options.isRecorded() ? "no address ranges are configured, nothing is recorded" : nullptr;
+}
+
 int run(const Options& options) {
     fillStandardStreams();
     const EnginePointer engine =
         startInstallation(options.directory, options.name, options.verbose);
-    if (configurationOf(*engine).numOfIPRanges == 0 && !options.all) {
-        std::fputs(
-            "kp-capture: warning: no address ranges are configured, nothing is watched; "
-            "--all takes everything\n",
-            stderr);
-    }
+    const char* const warning = warningWithoutRanges(options);
+    if (configurationOf(*engine).numOfIPRanges == 0 && warning != nullptr)
+        std::fprintf(stderr, "kp-capture: warning: %s\n", warning);
     // The library writes to standard output when a peer vanishes. Lines have a descriptor of their
     // own, so that nothing gets between them.
     const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

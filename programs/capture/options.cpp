@@ -9,10 +9,9 @@ namespace {
 
 constexpr const char* kDescription =
     "Watches web traffic: recognises HTTP/1.x on any TCP port, pairs requests with their answers\n"
-    "and judges them as the installation says. Ends with a summary on standard error.";
+    "and judges them by the installation's configuration. Ends with a summary on standard error.";
 
-constexpr const char* kFooter = R"(
-The configured packet filter holds for devices and files alike.
+constexpr const char* kFooter = R"(The configured packet filter applies to devices and files alike.
 
 Columns of --print, separated by tabs, a line for each request when its answer has ended:
    1  time of the request, seconds.microseconds     9  status, or -
@@ -23,14 +22,14 @@ Columns of --print, separated by tabs, a line for each request when its answer h
    8  target as sent                               14  valid page, by its status, 1 or 0
                                                    15  entry point, 1 or 0
 An entry point is content that was not reached from a page of the same site: there is no Referer,
-or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are no
+or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are not
 printable ASCII are written as \xHH.
 
 Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line.)";
 
 std::string checkName(const std::string& name) {
     if (name.empty() || name.size() > 100 || name.find_first_of("/\\.") != std::string::npos) {
-        return "a name has 1 to 100 characters, and neither a slash, a backslash nor a dot";
+        return "a name must have 1 to 100 characters, without slash, backslash or dot";
     }
     return {};
 }
@@ -52,9 +51,9 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->capture_default_str()
         ->type_name("NAME");
     CLI::Option* replay =
-        app.add_option(
-               "--replay", options.replay,
-               "Read a capture file (pcap, pcapng; - is standard input) instead of a device")
+        app.add_option("--replay", options.replay,
+                       "Read a capture file (pcap or pcapng; - is standard input)\n"
+                       "instead of watching a device")
             ->check(checkNotEmpty)
             ->type_name("FILE");
     app.add_option("--device", options.device, "Watch this device instead of the configured one")
@@ -74,27 +73,31 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
                    throw CLI::ValidationError("--start", error.what());
                }
            },
-           "Replay as if the first packet came then: now, YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\"")
+           "Shift the times so that the first packet arrives at TIME:\n"
+           "now, YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\"")
         ->needs(replay)
         ->type_name("TIME");
     CLI::Option* const record = app.add_flag_callback(
         "--record", [&] { options.record = true; },
-        "Write the transactions inside the ranges into the database directory, a file a day\n"
-        "(default when a device is watched); kp-query asks them");
+        "Write the transactions inside the ranges into the database\n"
+        "directory, one file per day; kp-query reads them\n"
+        "(default when a device is watched)");
     app.add_flag_callback(
            "--no-record", [&] { options.record = false; }, "Record nothing")
         ->excludes(record);
     app.add_flag("--serve", options.serve,
-                 "Serve the administration front end (kp-admin) on the configured port; a replay\n"
-                 "goes on serving after its end, until it is told to stop");
+                 "Serve the administration front end (for kp-admin) on the configured\n"
+                 "port; after a replay, serving continues until a signal ends it");
     app.add_option("--client-timeout", options.clientTimeout,
-                   "Seconds that a front end may take for its login and for each command")
+                   "Seconds that a client of the front end may take for its login,\n"
+                   "for each command and between two commands")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str()
         ->type_name("SECONDS");
     app.add_flag("-v,--verbose", options.verbose, "Write debug lines to the log");
     app.add_flag("--print", options.print, "Print a line for each transaction inside the ranges");
-    app.add_flag("--all", options.all, "Print those outside the ranges as well");
+    app.add_flag("--all", options.all,
+                 "With --print: print transactions outside the ranges as well");
 
     return programs::readCommandLine(app, argc, argv);
 }

@@ -13,8 +13,8 @@ struct Options {
     std::string replay;  ///< file to read, "-" for standard input; empty: none
     std::string device;  ///< empty: the configured one
     unsigned threads = 1;
-    std::optional<std::int64_t>
-        start;                   ///< when a replay's first packet is to have come, since 1970
+    /// When the first packet of a replay is to arrive, in seconds since 1970.
+    std::optional<std::int64_t> start;
     std::optional<bool> record;  ///< none: a device is recorded, a file is not
     bool serve = false;
     unsigned clientTimeout = 60;  ///< seconds

@@ -120,8 +120,9 @@ Timestamp timestamp(const timeval& time) {
 
 }  // namespace
 
-// A filter that says nothing of tags means tagged frames as well: they are shown to it without. A
-// device takes the tags off by itself.
+// A filter that does not mention VLAN tags is meant for tagged frames too. So a frame that does not
+// pass with its tags is tried without them. On a device the system filters, after it has removed
+// the tags.
 bool PacketSource::Handle::passes(const pcap_pkthdr& header, const u_char* bytes) {
     if (pcap_offline_filter(&program, &header, bytes) != 0)
         return true;
@@ -258,7 +259,8 @@ PacketSource::Result PacketSource::nextOfPcapng(Packet& packet) {
     header.caplen = static_cast<bpf_u_int32>(record.bytes.size());
     header.len = std::max(record.size, header.caplen);
     const auto* const bytes = reinterpret_cast<const u_char*>(record.bytes.data());
-    // Whether a filter can be meant for a kind of link is told for the first one only.
+    // A filter that cannot be compiled for the link type of the first packet is an error. Packets
+    // of other types for which it cannot be compiled do not pass.
     if (!handle.useLink(record.linkType) || (handle.hasProgram && !handle.passes(header, bytes))) {
         ++handle.filteredOut;
         return Result::kNothing;

@@ -47,13 +47,13 @@ std::string Faults::first() const {
     return first_;
 }
 
-Parser::Parser(std::size_t place, std::size_t memoryLimit, RowsQueue& output, Faults& faults)
+Parser::Parser(std::size_t place, std::size_t memoryLimit, RowQueue& output, Faults& faults)
     : input_(kRounds),
       emptied_(2 * kRounds),
       output_(output),
       faults_(faults),
       follower_(*this, memoryLimit) {
-    rows_.parser = place;
+    made_.parser = place;
 }
 
 Parser::~Parser() {
@@ -68,7 +68,7 @@ std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, 
 }
 
 void Parser::transaction(Transaction&& transaction) {
-    rows_.rows.push_back({number_, isClosing_, std::move(transaction)});
+    made_.rows.push_back({number_, isClosing_, std::move(transaction)});
 }
 
 void Parser::work(const Batch& batch) {
@@ -97,19 +97,19 @@ int Parser::doTask() {
         faults_.add("out of memory");
     }
     isClosing_ = false;
-    rows_.connections = follower_.connections();
-    rows_.open = follower_.open();
-    rows_.givenUp = follower_.givenUp();
-    rows_.missing = follower_.missingBytes();
-    rows_.isLast = batch->isLast;
+    made_.connections = follower_.connections();
+    made_.open = follower_.open();
+    made_.givenUp = follower_.givenUp();
+    made_.missing = follower_.missingBytes();
+    made_.isLast = batch->isLast;
     if (batch->isLast)
         setContinue(0);
     batch->clear();
     emptied_.push(std::move(batch));
-    Rows rows;
-    rows.parser = rows_.parser;
-    std::swap(rows, rows_);
-    output_.push(std::move(rows));
+    RowBatch made;
+    made.parser = made_.parser;
+    std::swap(made, made_);
+    output_.push(std::move(made));
     return 0;
 }
 
@@ -184,12 +184,12 @@ Output::~Output() {
 
 bool Output::isRoundComplete() const {
     return std::all_of(waiting_.begin(), waiting_.end(),
-                       [](const std::deque<Rows>& rows) { return !rows.empty(); });
+                       [](const std::deque<RowBatch>& batches) { return !batches.empty(); });
 }
 
 void Output::writeRound() {
-    std::vector<Rows> parts;
-    for (std::deque<Rows>& parser : waiting_) {
+    std::vector<RowBatch> parts;
+    for (std::deque<RowBatch>& parser : waiting_) {
         parts.push_back(std::move(parser.front()));
         parser.pop_front();
     }
@@ -198,14 +198,14 @@ void Output::writeRound() {
     std::size_t open = 0;
     std::uint64_t givenUp = 0;
     std::uint64_t missing = 0;
-    for (Rows& rows : parts) {
-        for (Row& row : rows.rows)
+    for (RowBatch& part : parts) {
+        for (Row& row : part.rows)
             round.push_back(&row);
-        connections += rows.connections;
-        open += rows.open;
-        givenUp += rows.givenUp;
-        missing += rows.missing;
-        sawLast_ = rows.isLast;
+        connections += part.connections;
+        open += part.open;
+        givenUp += part.givenUp;
+        missing += part.missing;
+        sawLast_ = part.isLast;
     }
     // A connection is one parser's, and its own rows stand in their order already.
     std::stable_sort(round.begin(), round.end(), [](const Row* a, const Row* b) {
@@ -233,10 +233,10 @@ void Output::finish() {
 }
 
 int Output::doTask() {
-    Rows rows;
+    RowBatch part;
     try {
-        if (input_.pop(rows, kTurn)) {
-            waiting_[rows.parser].push_back(std::move(rows));
+        if (input_.pop(part, kTurn)) {
+            waiting_[part.parser].push_back(std::move(part));
             if (isRoundComplete())
                 writeRound();
         }

@@ -54,7 +54,7 @@ struct Row {
 };
 
 /// What one parser made of a round.
-struct Rows {
+struct RowBatch {
     std::size_t parser = 0;
     std::vector<Row> rows;
     std::uint64_t connections = 0;  // seen by this parser so far
@@ -65,7 +65,7 @@ struct Rows {
 };
 
 using BatchQueue = BoundedQueue<std::unique_ptr<Batch>>;
-using RowsQueue = BoundedQueue<Rows>;
+using RowQueue = BoundedQueue<RowBatch>;
 
 /// Faults of any stage; the first one is kept. Threads: any.
 class Faults {
@@ -85,7 +85,7 @@ private:
 class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
 public:
     /// @p memoryLimit: bytes that its connections may use.
-    Parser(std::size_t place, std::size_t memoryLimit, RowsQueue& output, Faults& faults);
+    Parser(std::size_t place, std::size_t memoryLimit, RowQueue& output, Faults& faults);
     ~Parser() override;
 
     BatchQueue& input() { return input_; }
@@ -102,10 +102,10 @@ private:
 
     BatchQueue input_;
     BatchQueue emptied_;
-    RowsQueue& output_;
+    RowQueue& output_;
     Faults& faults_;
     StreamFollower follower_;
-    Rows rows_;
+    RowBatch made_;
     std::uint64_t number_ = 0;  // of the packet that is being read
     bool isClosing_ = false;
 };
@@ -153,7 +153,7 @@ public:
     Output(std::size_t parsers, RowFunction row, IdleFunction idle, Faults& faults);
     ~Output() override;
 
-    RowsQueue& input() { return input_; }
+    RowQueue& input() { return input_; }
     bool isFinished() const { return isFinished_; }
     std::uint64_t connections() const { return connections_; }
     std::size_t openConnections() const { return open_; }
@@ -169,11 +169,11 @@ private:
     void writeRound();
     void finish();
 
-    RowsQueue input_;
+    RowQueue input_;
     RowFunction row_;
     IdleFunction idle_;
     Faults& faults_;
-    std::vector<std::deque<Rows>> waiting_;  // by parser
+    std::vector<std::deque<RowBatch>> waiting_;  // By parser.
     bool sawLast_ = false;
     std::atomic<std::uint64_t> connections_{0};
     std::atomic<std::size_t> open_{0};

@@ -16,11 +16,9 @@ namespace kp::capture {
 /// Of bytes that come twice the first copy counts, held back or not. Sequence numbers wrap. Bytes
 /// that never come are stepped over by skipGap(), which is due when
 ///   - the other side has acknowledged what is missing, and kPatience has passed since it was
-///   missed:
-///     packets may be captured in another order than they were sent;
-///   - kLongPatience has passed without that and without anything in order, since the other side
-///   may
-///     not be in the capture;
+///     missed: packets may be captured in another order than they were sent;
+///   - kLongPatience has passed without that and without anything in order: the other side may not
+///     be in the capture;
 ///   - as much is held back as may be.
 class Reassembly {
 public:

@@ -22,11 +22,13 @@ constexpr std::chrono::milliseconds kCommitPeriod{400};
 constexpr std::chrono::seconds kTellingPeriod{10};
 constexpr std::chrono::minutes kTidyPeriod{1};
 constexpr int kTurn = 100;  // milliseconds
-// What may wait to be written. One that can wait holds no more than is written in a moment; for one
-// that cannot it has to last until a slow disk has recovered.
-constexpr std::size_t kMostWaiting = std::size_t{4} * 1024 * 1024;
-constexpr std::size_t kMostKept = std::size_t{64} * 1024 * 1024;
-constexpr std::size_t kEnough = std::size_t{512} * 1024;  // not to wait for more
+// The most bytes that wait to be written. A replay waits while its queue is full, so it needs no
+// more than is written in a moment. A device cannot wait: its queue has to bridge the time until a
+// slow disk has recovered.
+constexpr std::size_t kMostQueuedReplay = std::size_t{4} * 1024 * 1024;
+constexpr std::size_t kMostQueuedDevice = std::size_t{64} * 1024 * 1024;
+// A queue of this size wakes the recorder's thread before the end of its turn.
+constexpr std::size_t kWakeSize = std::size_t{512} * 1024;
 constexpr std::size_t kMostOpenDays = 4;
 
 [[noreturn]] void refuse(const std::string& what) {
@@ -50,7 +52,7 @@ std::size_t Recorder::sizeOf(const Transaction& transaction) {
 void Recorder::record(Transaction&& transaction, const Judgement& judgement) {
     const std::size_t size = sizeOf(transaction);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (queued_ >= (settings_.mayWait ? kMostWaiting : kMostKept)) {
+    if (queued_ >= (settings_.mayWait ? kMostQueuedReplay : kMostQueuedDevice)) {
         if (!settings_.mayWait) {
             ++lost_;
             return;
@@ -61,10 +63,10 @@ void Recorder::record(Transaction&& transaction, const Judgement& judgement) {
         room_.waitUntil([this] { return !isFull_; });
         lock.lock();
     }
-    const bool hadEnough = queued_ >= kEnough;
+    const bool hadEnough = queued_ >= kWakeSize;
     queued_ += size;
     queue_.push_back({std::move(transaction), judgement});
-    const bool hasEnough = queued_ >= kEnough;
+    const bool hasEnough = queued_ >= kWakeSize;
     lock.unlock();
     if (hasEnough && !hadEnough)
         more_.signal();
@@ -97,7 +99,7 @@ int Recorder::doTask() {
     more_.waitUntil(
         [this] {
             const std::lock_guard<std::mutex> lock(mutex_);
-            return queued_ >= kEnough || isToSettle_ || dayBegan_;
+            return queued_ >= kWakeSize || isToSettle_ || dayBegan_;
         },
         kTurn);
     batch_.clear();
@@ -152,10 +154,11 @@ void Recorder::fail(const Day& day, const std::string& why) {
     if (!isNew)
         return;
     setFault(why);
-    settings_.tell("cannot record: " + why + "; watching goes on, and it is tried again");
+    settings_.tell("cannot record: " + why + "; the engine continues, and recording is retried");
 }
 
-// One day that can be written says the same of those that nobody has tried since.
+// Also ends the faults of other days whose retry is due: there may be nothing left to record for
+// them, so that no attempt would ever end them.
 void Recorder::recovered(const Day& day) {
     if (faults_.empty())
         return;
@@ -263,7 +266,7 @@ void Recorder::deleteOldDays() {
         if (!records::isOurs(settings_.directory, day)) {
             if (toldOld_.insert(day).second)
                 settings_.tell(records::dayPath(settings_.directory, day) +
-                               " is no day file of ours and is left alone");
+                               " is not a day file of kp-capture and is left alone");
             continue;
         }
         const std::string fault = records::deleteDay(settings_.directory, day);
@@ -273,10 +276,11 @@ void Recorder::deleteOldDays() {
     }
 }
 
-// Puts in what a killed engine has left beside its files, or somebody was reading when they were
-// closed. Days that are over become files that need nothing beside them, so that they can be
-// copied, and read from where nothing can be written. Late rows are those of yesterday, so that may
-// still grow.
+// SQLite keeps the latest changes in a log beside a file. The log stays when an engine is killed,
+// and when somebody reads the file while it is closed: opening and closing the file again puts it
+// in. The file of a day that is over is also changed so that it needs no log. Then it can be copied
+// alone, and be read in a directory that cannot be written. Yesterday's file may still get late
+// rows, so it keeps its log.
 void Recorder::tidyDays() {
     using records::Database;
     const Day yesterday = records::today().plus(-1);
@@ -309,9 +313,9 @@ DayWriter& Recorder::writerOf(const Day& day) {
     if (days_.size() >= kMostOpenDays && commit(days_.back()))
         days_.pop_back();
     if (isTooOld(day) && toldOld_.insert(day).second) {
-        settings_.tell("warning: " + day.text() + " is older than " +
-                       std::to_string(settings_.daysToKeep()) +
-                       " days: its records will be deleted when the next day or engine begins");
+        settings_.tell(
+            "warning: " + day.text() + " is older than " + std::to_string(settings_.daysToKeep()) +
+            " days: its records will be deleted when the next day begins or an engine starts");
     }
     return days_.emplace_front(settings_.directory, day, !settings_.mayWait,
                                settings_.lockPatience);

@@ -149,8 +149,8 @@ private:
     std::map<records::Day, Fault> faults_;  // of days that cannot be written just now
     std::set<records::Day> toldOld_;        // days that will not last, or are not ours
     std::optional<Clock::time_point> tidyAgain_;
-    std::optional<Clock::time_point>
-        begun_;  // when the first row that is not committed was written
+    // When the first row that is not committed was written.
+    std::optional<Clock::time_point> begun_;
     std::uint64_t toldLost_ = 0;
     Clock::time_point toldAt_;
 };

@@ -49,7 +49,7 @@ bool SegmentReader::read(int linkType, std::string_view frame, Timestamp time, S
     return true;
 }
 
-std::uint64_t mixed(std::uint64_t low, std::uint64_t high) {
+std::uint64_t mixHash(std::uint64_t low, std::uint64_t high) {
     static const std::uint64_t seed = std::uint64_t{std::random_device()()} << 32 | 1;
     // The finalizer of Austin Appleby's MurmurHash3.
     const auto spread = [](std::uint64_t value) {
@@ -62,7 +62,7 @@ std::uint64_t mixed(std::uint64_t low, std::uint64_t high) {
 
 std::uint64_t connectionHash(Endpoint a, Endpoint b) {
     const auto [low, high] = std::minmax({number(a), number(b)});
-    return mixed(low, high);
+    return mixHash(low, high);
 }
 
 }  // namespace kp::capture

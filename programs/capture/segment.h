@@ -42,8 +42,8 @@ private:
     Fragments fragments_;
 };
 
-/// A number of two that spreads well; nobody outside can tell which pairs fall together.
-std::uint64_t mixed(std::uint64_t low, std::uint64_t high);
+/// A hash of two numbers. Its seed is random, so nobody outside can choose pairs that collide.
+std::uint64_t mixHash(std::uint64_t low, std::uint64_t high);
 
 /// A number that both directions of a connection share, and that spreads well.
 std::uint64_t connectionHash(Endpoint a, Endpoint b);

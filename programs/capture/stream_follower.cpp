@@ -15,7 +15,7 @@ std::uint64_t number(Endpoint end) {
 }  // namespace
 
 std::size_t StreamFollower::KeyHash::operator()(const Key& key) const {
-    return static_cast<std::size_t>(mixed(key.low, key.high));
+    return static_cast<std::size_t>(mixHash(key.low, key.high));
 }
 
 StreamFollower::Key StreamFollower::keyOf(const Segment& segment) {
@@ -67,7 +67,8 @@ StreamFollower::Connection& StreamFollower::open(const Segment& segment,
     connection.number = segment.number;
     connection.first = isAnswer ? segment.destination : segment.source;
     connection.second = isAnswer ? segment.source : segment.destination;
-    // An answer to a start that was not captured, or comes later, tells as much.
+    // The SYN+ACK shows the start of a connection as well as the SYN, which may be captured later
+    // or not at all.
     connection.sawStart = isStart;
     connection.isFromStart = isStart;
     connection.start = isAnswer ? segment.acknowledgement - 1 : segment.sequence;
@@ -151,7 +152,6 @@ void StreamFollower::take(Connection& connection, Side side, const Segment& segm
         direction.setEnd(end);
 }
 
-// Hands the sink what is in the stream.
 void StreamFollower::deliver(Connection& connection, Side side) {
     due_.setFirst();
     if (connection.isWanted)
@@ -163,8 +163,9 @@ void StreamFollower::deliver(Connection& connection, Side side) {
     due_.reset();
 }
 
-// Whoever sent something had what we still miss of the other side: first that, then this. A side
-// that is not in the capture at all is not waited for.
+// Whether a segment acknowledges bytes of the other side that were not handed out yet. They were
+// sent before it, so they are handed out before it. It waits for them only while the other side
+// holds something back: that side may not be in the capture at all.
 bool StreamFollower::isTooEarly(Connection& connection, Side side, const Arrival& arrival) {
     const Reassembly& other = connection.direction(otherSide(side));
     return arrival.hasAcknowledged && other.isHoldingBack() &&

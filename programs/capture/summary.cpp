@@ -88,11 +88,11 @@ std::string Summary::text() const {
         text += " (" + std::to_string(missingBytes_) + " bytes of connections are missing)";
     text += "\nconnections  " + std::to_string(connections_);
     if (givenUp_ != 0)
-        text += " (" + std::to_string(givenUp_) + " given up for want of memory)";
+        text += " (" + std::to_string(givenUp_) + " given up because of the memory limit)";
     if (isRecorded_)
         text += "\nrecorded     " + std::to_string(recorded_) + " transactions";
     if (notRecorded_ != 0)
-        text += " (" + std::to_string(notRecorded_) + " more could not be)";
+        text += " (" + std::to_string(notRecorded_) + " more could not be recorded)";
     text += "\nseconds      " + fixed(elapsed, 3);
     text += "\nrate         " + fixed(static_cast<double>(packets_.load()) / divisor, 0) +
             " packets/s, " + fixed(static_cast<double>(bytes_.load()) / 1e6 / divisor, 1) +

@@ -31,7 +31,8 @@ public:
     }
     void addTransaction(const Transaction& transaction, const Judgement& judgement);
     void setConnections(std::uint64_t connections) { connections_ = connections; }
-    /// Connections that were given up for want of memory, and bytes that were never captured.
+    /// Connections that were given up because of the memory limit, and bytes that were never
+    /// captured.
     void setLosses(std::uint64_t givenUp, std::uint64_t missingBytes) {
         givenUp_ = givenUp;
         missingBytes_ = missingBytes;
@@ -48,10 +49,10 @@ public:
     /// A progress line without its line end; @p done is 0 to 1, negative when it is not known.
     std::string progressLine(double done) const;
 
-    /// The counters as names and values.
+    /// The lines of the front end's status that come from the counters.
     std::vector<std::pair<std::string, std::string>> status() const;
 
-    /// The summary, several lines.
+    /// What a run writes to standard error at its end.
     std::string text() const;
 
 private:

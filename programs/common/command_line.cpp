@@ -37,11 +37,6 @@ std::string upper(std::string text) {
     return text;
 }
 
-// What the user sees: not what the build uses.
-std::vector<const CLI::Option*> optionsOf(const CLI::App& app) {
-    return app.get_options([](const CLI::Option* option) { return !option->get_group().empty(); });
-}
-
 std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
     return app.get_subcommands([](const CLI::App*) { return true; });
 }
@@ -101,7 +96,7 @@ void writeOption(std::ostream& page, const CLI::Option& option) {
     if (!option.get_default_str().empty())
         page << "Default: " << roff(option.get_default_str()) << ".\n";
     if (!option.get_envname().empty())
-        page << "Instead of it the environment may have " << option.get_envname() << ".\n";
+        page << "The environment variable " << option.get_envname() << " has the same effect.\n";
 }
 
 std::string functionName(const std::string& program) {
@@ -113,14 +108,14 @@ std::string functionName(const std::string& program) {
 
 bool isPath(const CLI::Option& option) {
     const std::string value = valueOf(option);
-    return value == "FILE" || value == "DIR" || option.get_name().find("file") != std::string::npos;
+    return value == "FILE" || value == "DIR";
 }
 
 // The options of a program and of all its commands.
 std::vector<const CLI::Option*> allOptions(const CLI::App& app) {
-    std::vector<const CLI::Option*> options = optionsOf(app);
+    std::vector<const CLI::Option*> options = app.get_options();
     for (const CLI::App* command : commandsOf(app)) {
-        for (const CLI::Option* option : optionsOf(*command)) {
+        for (const CLI::Option* option : command->get_options()) {
             if (!isHelp(*option))
                 options.push_back(option);
         }
@@ -157,14 +152,14 @@ std::string manualPage(const CLI::App& app) {
         for (const CLI::App* command : commands) {
             page << ".SS " << roff(command->get_name()) << "\n"
                  << roff(command->get_description()) << ".\n";
-            for (const CLI::Option* option : optionsOf(*command)) {
+            for (const CLI::Option* option : command->get_options()) {
                 if (!isHelp(*option))
                     writeOption(page, *option);
             }
         }
     }
     page << ".SH OPTIONS\n";
-    for (const CLI::Option* option : optionsOf(app))
+    for (const CLI::Option* option : app.get_options())
         writeOption(page, *option);
     page << ".SH NOTES\n.nf\n" << roff(app.get_footer()) << "\n.fi\n.SH SEE ALSO\n";
     std::string others;
@@ -246,20 +241,17 @@ void writeTexts(const CLI::App& app, const std::string& directory) {
 
 std::optional<int> readCommandLine(CLI::App& app, int argc, char** argv) {
     app.set_version_flag("--version", app.get_name() + " " KP_VERSION);
-    app.add_option_function<std::string>("--write-texts",
-                                         [&](const std::string& directory) {
-                                             writeTexts(app, directory);
-                                             throw CLI::Success();
-                                         })
-        ->trigger_on_parse()
-        ->group("");  // hidden
     try {
+        if (argc == 3 && std::string(argv[1]) == "--write-texts") {
+            writeTexts(app, argv[2]);
+            return 0;
+        }
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {
         return app.exit(success);  // prints the help or the version
     } catch (const CLI::ParseError& error) {
         std::cerr << app.get_name() << ": " << error.what() << "\n"
-                  << app.get_name() << " --help tells the options.\n";
+                  << app.get_name() << " --help lists the options.\n";
         return 2;
     }
     return {};

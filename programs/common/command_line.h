@@ -6,10 +6,11 @@
 
 namespace kp::programs {
 
-/// Adds --version, and the hidden --write-texts DIR, with which the build makes the manual page (NAME.1)
-/// and the completions (NAME.bash, NAME.zsh); then reads the command line. Returns the exit status
-/// when the program has nothing more to do: 0 after those and --help, 2 after a mistake, which was
-/// told on standard error.
+/// Adds --version, and reads the command line. Returns the exit status when the program has nothing
+/// more to do: 0 after --help and --version, 2 after a mistake, which was told on standard error.
+///
+/// The build calls a program with --write-texts DIR and nothing else: it writes its manual page
+/// (NAME.1) and completions (NAME.bash, NAME.zsh). No help names this.
 std::optional<int> readCommandLine(CLI::App& app, int argc, char** argv);
 
 }  // namespace kp::programs

@@ -117,7 +117,7 @@ KP_Config::IPRange parseRange(const std::string& text) {
         refuse("the range '" + text + "' ends before it begins");
     }
     if (range.max == kAllOnes) {
-        refuse("the range '" + text + "' contains 255.255.255.255, which is no host's address");
+        refuse("the range '" + text + "' contains 255.255.255.255, which is not a host address");
     }
     return range;
 }
@@ -139,7 +139,7 @@ void setFilter(KP_Config& config, const std::string& filter) {
 
 void setDays(KP_Config& config, std::uint32_t days) {
     if (days < 1 || days > kMostDays) {
-        refuse("the days are not from 1 to " + std::to_string(kMostDays));
+        refuse("the days must be from 1 to " + std::to_string(kMostDays));
     }
     config.daysOfDataToKeep = days;
 }

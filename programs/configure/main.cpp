@@ -1,5 +1,4 @@
 // kp-configure: makes an installation for kp-capture.
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 
@@ -14,35 +13,42 @@ constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 
 void addOptions(CLI::App& app, kp::configure::Plan& plan, std::string& passwordFile) {
-    if (const char* directory = std::getenv("KP_INSTALLDIR")) {
-        plan.directory = directory;
-    }
-    app.add_option("--dir", plan.directory,
-                   "Installation directory; made when missing (default: KP_INSTALLDIR)");
+    app.add_option("--dir", plan.directory, "Installation directory; made when missing")
+        ->envname("KP_INSTALLDIR")
+        ->type_name("DIR");
     app.add_option("--name", plan.name, "Name of the engine, prefix of its files")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("NAME");
     app.add_option("--port", plan.port, "TCP port for the front end, 255 to 65535")
-        ->capture_default_str();
-    app.add_option("--device", plan.device, "Network device to watch");
+        ->capture_default_str()
+        ->type_name("PORT");
+    app.add_option("--device", plan.device, "Network device to watch")->type_name("DEV");
     app.add_option("--dbpath", plan.databasePath,
-                   "Database directory; made when missing (default: db in the installation)");
+                   "Database directory; made when missing\n(default: db in the installation)")
+        ->type_name("DIR");
     app.add_option("--range", plan.ranges,
                    "Watched addresses, LOW-HIGH or A.B.C.D/BITS; repeatable, at most 64")
-        ->allow_extra_args(false);
-    app.add_option("--filter", plan.filter, "Packet filter in BPF syntax");
-    app.add_option("--days", plan.days, "Days of data to keep")->capture_default_str();
+        ->allow_extra_args(false)
+        ->type_name("RANGE");
+    app.add_option("--filter", plan.filter, "Packet filter in BPF syntax")->type_name("FILTER");
+    app.add_option("--days", plan.days, "Days of data to keep")
+        ->capture_default_str()
+        ->type_name("N");
     app.add_option("--mime", plan.mimeTypes,
                    "File extensions of a MIME type, TYPE=EXT,EXT; repeatable")
-        ->allow_extra_args(false);
-    app.add_option(
-           "--network", plan.networks,
-           "Network that may administer, ADDRESS/MASK or ADDRESS/BITS; repeatable, at most 5 "
-           "(none: administration from everywhere)")
-        ->allow_extra_args(false);
+        ->allow_extra_args(false)
+        ->type_name("TYPE=EXT");
+    app.add_option("--network", plan.networks,
+                   "Network from which administration is allowed, ADDRESS/MASK or\n"
+                   "ADDRESS/BITS; repeatable, at most 5 (default: from everywhere)")
+        ->allow_extra_args(false)
+        ->type_name("NETWORK");
     app.add_option("--password-file", passwordFile,
-                   "File whose first line is the administrator's password (default: asked for)");
-    app.add_flag("--force", plan.force, "Overwrite an installation that is there");
-    app.footer("Exit status: 0 written, 1 refused or failed, 2 wrong usage.");
+                   "File whose first line is the administrator's password\n"
+                   "(default: ask at the terminal)")
+        ->type_name("FILE");
+    app.add_flag("--force", plan.force, "Overwrite an existing installation");
+    app.footer("Exit status: 0 written, 1 refused or failed, 2 wrong command line.");
 }
 
 // What the library will see from other working directories.
@@ -57,7 +63,8 @@ void makeAbsolute(std::string& path) {
 
 int run(kp::configure::Plan& plan, const std::string& passwordFile) {
     if (plan.directory.empty()) {
-        std::cerr << "kp-configure: neither --dir nor KP_INSTALLDIR says where\n";
+        std::cerr
+            << "kp-configure: no installation directory; give --dir DIR or set KP_INSTALLDIR\n";
         return kUsage;
     }
     makeAbsolute(plan.directory);

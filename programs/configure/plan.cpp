@@ -58,8 +58,8 @@ void checkName(const std::string& name) {
         return std::isalnum(c) != 0 || c == '_' || c == '-';
     });
     if (name.empty() || !plain || name.size() > kLongest) {
-        refuse("the name '" + name + "' is not made of 1 to " + std::to_string(kLongest) +
-               " letters, digits, '_' and '-'");
+        refuse("the name '" + name + "' must be 1 to " + std::to_string(kLongest) +
+               " letters, digits, '_' or '-'");
     }
 }
 
@@ -71,7 +71,7 @@ void apply(const Plan& plan, KP_Config& config) {
     checkKeyedValue("the device", plan.device);
     checkKeyedValue("the database path", plan.databasePath);
     if (plan.port < kLowestPort || plan.port > kHighestPort) {
-        refuse("the port is not from " + std::to_string(kLowestPort) + " to " +
+        refuse("the port must be from " + std::to_string(kLowestPort) + " to " +
                std::to_string(kHighestPort));
     }
     programs::setDays(config, plan.days);

@@ -49,7 +49,7 @@ struct Task {
 };
 
 bool isUnreadable(const std::string& why) {
-    std::fprintf(stderr, "kp-query: %s; the answer is without it\n", why.c_str());
+    std::fprintf(stderr, "kp-query: %s; it is left out of the answer\n", why.c_str());
     return false;
 }
 
@@ -67,9 +67,10 @@ bool readDay(const std::string& directory, const records::Day& day, const DayFun
     const std::string path = records::dayPath(directory, day);
     std::error_code none;
     if (std::filesystem::exists(path, none) && !std::filesystem::is_regular_file(path, none))
-        return isUnreadable(path + " is no file");
+        return isUnreadable(path + " is not a file");
     try {
-        // Where nothing can be written, SQLite reads a file only if it is told that nobody else can.
+        // In a directory that it cannot write, SQLite reads a file only if it is told that nobody
+        // changes it.
         const bool isFrozen =
             access(directory.c_str(), W_OK) != 0 && !records::isOpenOrLeft(directory, day);
         using Access = records::Database::Access;

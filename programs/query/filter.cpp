@@ -58,7 +58,7 @@ Numbers parseAddresses(const std::string& text) {
             return {*low & ~others, *low | others};
         }
     }
-    throw FilterError("'" + text + "' is no address, LOW-HIGH or A.B.C.D/BITS");
+    throw FilterError("'" + text + "' is not an address, LOW-HIGH or A.B.C.D/BITS");
 }
 
 Numbers parseStatus(const std::string& text) {
@@ -76,7 +76,7 @@ Numbers parseStatus(const std::string& text) {
         if (low && high && *low <= *high)
             return {*low, *high};
     }
-    throw FilterError("'" + text + "' is no status; give 404, 4xx, 400-499 or none");
+    throw FilterError("'" + text + "' is not a status; give 404, 4xx, 400-499 or none");
 }
 
 bool Filter::touches(const records::Day& day) const {

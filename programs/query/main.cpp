@@ -1,4 +1,4 @@
-// kp-query: asks the records of kp-capture.
+// kp-query: queries the records of kp-capture.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -23,7 +23,7 @@ bool isDirectory(const std::string& path) {
 std::string databaseOf(const Options& options) {
     if (options.directory.empty())
         throw std::runtime_error(
-            "no installation; give --dir DIR or --db DIR, or set KP_INSTALLDIR");
+            "no installation directory; give --dir DIR or --db DIR, or set KP_INSTALLDIR");
     const std::string path = options.directory + "/admin/" + options.name + "Install.cfg";
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
         KP_Tools::openFile(path.c_str(), "r"), std::fclose);

@@ -11,18 +11,19 @@ namespace kp::query {
 
 namespace {
 
-constexpr const char* kFooter = R"(
-A TIME is YYYY-MM-DD, 'YYYY-MM-DD HH:MM', 'YYYY-MM-DD HH:MM:SS', today, yesterday or now, local.
---from is its beginning and --to its end: --from 2026-11-01 --to 2026-11-02 are two whole days.
+constexpr const char* kFooter =
+    R"(A TIME is local: YYYY-MM-DD, 'YYYY-MM-DD HH:MM', 'YYYY-MM-DD HH:MM:SS', today, yesterday
+or now. --from takes the beginning of a TIME, --to its end: --from 2026-11-01 --to 2026-11-02
+selects two whole days.
 A PATTERN may have * for any text and ? for any character; upper and lower case are the same.
 ADDRESSES are one address, LOW-HIGH or A.B.C.D/BITS. CODES are 404, 4xx, 400-499 or none.
 
-Without conditions on single requests top and totals come from totals that kp-capture keeps, when
-the times take days, or for totals quarters of an hour, whole; otherwise every request is looked
-at. An engine may record meanwhile. Run it in the time zone of the engine.
-response_ms is the mean time from the first byte of a request to that of its answer.
+Without conditions on single requests, top and totals use totals that kp-capture keeps, if the
+times cover whole days (for totals: whole quarters of an hour); otherwise, and for top targets,
+every request is read. An engine may record at the same time. Use the engine's time zone.
+response_ms is the mean time from the first byte of a request to the first byte of its answer.
 
-Exit status: 0 done, also when nothing was found; 1 failed; 2 wrong command line.)";
+Exit status: 0 done (also when nothing was found), 1 failed, 2 wrong command line.)";
 
 // An option whose text is parsed at once, so that a mistake is told with its name.
 CLI::Option* addParsed(CLI::App& app, const std::string& name, const std::string& type,
@@ -43,18 +44,19 @@ CLI::Option* addParsed(CLI::App& app, const std::string& name, const std::string
 }
 
 void addConditions(CLI::App& app, Filter& filter) {
-    addParsed(app, "--from", "TIME", "Requests from then on",
+    addParsed(app, "--from", "TIME", "Only requests from this time on",
               [&](const std::string& text) { filter.from = records::parseTime(text).start; });
-    addParsed(app, "--to", "TIME", "Requests until then",
+    addParsed(app, "--to", "TIME", "Only requests up to this time",
               [&](const std::string& text) { filter.to = records::parseTime(text).end; });
-    app.add_option("--host", filter.host, "Host; - is a request without one")->type_name("PATTERN");
-    addParsed(app, "--client", "ADDRESSES", "Client address",
+    app.add_option("--host", filter.host, "Only this host; - means none")->type_name("PATTERN");
+    addParsed(app, "--client", "ADDRESSES", "Only requests from these addresses",
               [&](const std::string& text) { filter.client = parseAddresses(text); });
-    addParsed(app, "--server", "ADDRESSES", "Server address",
+    addParsed(app, "--server", "ADDRESSES", "Only requests to these addresses",
               [&](const std::string& text) { filter.server = parseAddresses(text); });
-    addParsed(app, "--status", "CODES", "Status of the answer",
+    addParsed(app, "--status", "CODES", "Only answers with this status",
               [&](const std::string& text) { filter.status = parseStatus(text); });
-    app.add_option("--type", filter.type, "Content type; - is none")->type_name("PATTERN");
+    app.add_option("--type", filter.type, "Only this content type; - means none")
+        ->type_name("PATTERN");
     app.add_flag("--content", filter.content, "Only content");
     app.add_flag("--page", filter.page, "Only valid pages");
     app.add_flag("--entry", filter.entry, "Only entry points");
@@ -69,7 +71,7 @@ Value chosen(const std::map<std::string, Value>& words, const std::string& text)
     std::string known;
     for (const auto& [word, value] : words)
         known += (known.empty() ? "" : ", ") + word;
-    throw FilterError("'" + text + "' is none of " + known);
+    throw FilterError("'" + text + "' is not one of " + known);
 }
 
 void addQuestions(CLI::App& app, Options& options) {
@@ -97,14 +99,14 @@ void addQuestions(CLI::App& app, Options& options) {
     totals->final_callback(asked(Options::Question::kTotals));
     const std::map<std::string, Period> periods = {{"hour", Period::kHour}, {"day", Period::kDay}};
     addParsed(
-        *totals, "--by", "PERIOD", "hour or day (default: all in one)",
+        *totals, "--by", "PERIOD", "hour or day (default: one row for all)",
         [&options, periods](const std::string& text) { options.period = chosen(periods, text); });
 }
 
 }  // namespace
 
 std::optional<int> readOptions(int argc, char** argv, Options& options) {
-    CLI::App app("Asks the records of kp-capture.", "kp-query");
+    CLI::App app("Queries the records of kp-capture.", "kp-query");
     app.footer(kFooter);
     app.add_option("--dir", options.directory, "Directory of the installation")
         ->envname("KP_INSTALLDIR")
@@ -113,29 +115,31 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->capture_default_str()
         ->type_name("NAME");
     app.add_option("--db", options.database,
-                   "Directory of the day files (default: the installation's database directory)")
+                   "Directory of the day files\n"
+                   "(default: the installation's database directory)")
         ->type_name("DIR");
     addConditions(app, options.filter);
-    app.add_option("--limit", options.limit, "Rows at most (default: 10 of a ranking, else all)")
+    app.add_option("--limit", options.limit, "At most N rows (default: 10 for top, otherwise all)")
         ->check(CLI::Range(0, 2147483647))
         ->type_name("N");
-    app.add_flag(
-        "--resolve", options.resolve,
-        "Add the names of addresses to list, top clients and top servers; asks the name service");
+    app.add_flag("--resolve", options.resolve,
+                 "Add the names of addresses to list, top clients and top servers\n"
+                 "(asks the name service)");
     CLI::Option* const tsv = app.add_flag(
         "--tsv", [&](std::int64_t) { options.format = Format::kTsv; },
-        "Columns separated by tabs, behind a line of their names; times in seconds since 1970");
+        "Columns separated by tabs, after a header line;\n"
+        "times in seconds since 1970");
     app.add_flag(
            "--json", [&](std::int64_t) { options.format = Format::kJson; },
            "One JSON array of objects; times in seconds since 1970")
         ->excludes(tsv);
-    app.fallthrough();  // options may stand behind the question, too
+    app.fallthrough();  // Options may also stand after the question.
     addQuestions(app, options);
     app.require_subcommand(1);
     const auto status = programs::readCommandLine(app, argc, argv);
     const Filter& filter = options.filter;
     if (!status && filter.from && filter.to && *filter.from >= *filter.to) {
-        std::cerr << "kp-query: --from is behind --to\n";
+        std::cerr << "kp-query: --from is later than --to\n";
         return 2;
     }
     return status;

@@ -35,8 +35,9 @@ private:
 /// The day of exactly the form YYYY-MM-DD, years 1969 to 9999; none when the text is no such day.
 std::optional<Day> parseDay(std::string_view text);
 
-/// The day of a moment in seconds since 1970. Where clocks were set back from after midnight to
-/// before it (St. John's until 2011), a DayFinder takes the hour for the day that had begun. None for the years outside 1969 to 9999.
+/// The day of a moment in seconds since 1970; none outside the years 1969 to 9999. Where clocks
+/// were set back over midnight (St. John's until 2011), a DayFinder puts the repeated hour into the
+/// day that had begun.
 std::optional<Day> dayOf(std::int64_t seconds);
 
 /// The day that it is now.

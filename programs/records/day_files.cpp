@@ -21,7 +21,7 @@ constexpr std::string_view kSuffix = ".sqlite";
 constexpr std::size_t kDaySize = 10;  // YYYY-MM-DD
 constexpr std::size_t kHeaderSize = 100;
 
-// The beginning of a file, as SQLite's documentation of its format tells; zeroes where it is shorter.
+// The header of SQLite's file format; zeroes where the file is shorter.
 std::array<char, kHeaderSize> headerOf(const std::string& directory, const Day& day) {
     std::array<char, kHeaderSize> header = {};
     std::ifstream(dayPath(directory, day), std::ios::binary).read(header.data(), kHeaderSize);

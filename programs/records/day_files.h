@@ -25,8 +25,8 @@ bool isOpenOrLeft(const std::string& directory, const Day& day);
 /// written.
 bool needsLog(const std::string& directory, const Day& day);
 
-/// Whether a day's file is one of ours, or empty, as one is whose engine was killed at its beginning; the
-/// name alone says little.
+/// Whether a day's file is one of ours, which its name alone does not prove. An empty file counts,
+/// because an engine that is killed at the beginning leaves one.
 bool isOurs(const std::string& directory, const Day& day);
 
 /// Deletes the files of a day; whoever reads them goes on reading. Returns why one could not be

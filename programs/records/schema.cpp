@@ -94,11 +94,10 @@ bool hasSchema(Database& database) {
     if (isEmpty && application == 0 && version == 0)
         return false;
     if (application != kApplicationId || (version == kSchemaVersion && !isWhole))
-        throw DatabaseError(database.path() + " is no day file of kp-capture");
+        throw DatabaseError(database.path() + " is not a day file of kp-capture");
     if (version != kSchemaVersion) {
-        throw DatabaseError(database.path() + " has version " + std::to_string(version) +
-                            " of the tables, and this program knows version " +
-                            std::to_string(kSchemaVersion));
+        throw DatabaseError(database.path() + " has table version " + std::to_string(version) +
+                            ", this program knows version " + std::to_string(kSchemaVersion));
     }
     return true;
 }

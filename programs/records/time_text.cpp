@@ -54,7 +54,7 @@ Span parseTime(const std::string& text) {
         span = partOfDay(*day, text.substr(kDaySize + 1));
     if (!span) {
         throw TimeTextError("'" + text +
-                            "' is no time; give YYYY-MM-DD, 'YYYY-MM-DD HH:MM', "
+                            "' is not a time; give YYYY-MM-DD, 'YYYY-MM-DD HH:MM', "
                             "'YYYY-MM-DD HH:MM:SS', today, yesterday or now");
     }
     return *span;

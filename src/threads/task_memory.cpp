@@ -91,8 +91,8 @@ private:
 };
 
 thread_local Stock* stock = nullptr;
-thread_local bool isOver =
-    false;  // What a thread destroys at its very end finds no stock any more.
+// Set at the end of a thread: what it destroys after that finds no stock any more.
+thread_local bool isOver = false;
 
 struct StockEnd {
     ~StockEnd() {

@@ -73,8 +73,9 @@ int KP_ThreadList::start() {
         return 0;  // Also while somebody joins the running list.
     }
     if (isOwnThread()) {
-        // Whoever holds the lifecycle may be waiting for this very thread, so it cannot be waited
-        // for. The wish stands before the attempt, so that one of the two sees the other.
+        // The holder of the lifecycle may be waiting for this thread, so this thread must not wait
+        // for the lifecycle. The wish is set before the attempt: if the attempt fails, the holder
+        // finds the wish when it lets go.
         startWanted_ = true;
         if (!lifecycle_.try_lock()) {
             return 0;
@@ -155,8 +156,9 @@ int KP_ThreadList::stopThreads(const std::function<bool()>& begin) {
     if (startWanted_.exchange(false) && !forced) {
         start();
     }
-    // By force it does not come back, so it must hold no lock; and whoever has started the list
-    // again has taken it for one that goes on.
+    // A thread that ends itself by force does not return from stop(), so it must hold no lock by
+    // now. If the list was started again meanwhile, the start has left this thread running, so it
+    // goes on.
     if (forcedSelf != nullptr && running_ == 0 && forcedSelf->stop() != 0) {
         KP_Log::quit("KP_ThreadList::stop: Error stopping a thread");
     }

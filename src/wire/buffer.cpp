@@ -30,8 +30,8 @@ KP_Buffer::~KP_Buffer() {
     replaceBlock(nullptr, 0, false);
 }
 
-// Takes another block for the one that is held, which is freed if that is left to the buffer. An
-// own block, or a part of it, that is set anew is still what has to be freed.
+// Replaces the block. A buffer that is the owner frees the block that it had allocated, unless the
+// new one is a part of it: then the whole block is still to be freed later.
 void KP_Buffer::replaceBlock(unsigned char* block, std::uint32_t size, bool allocated) {
     const auto offset =
         reinterpret_cast<std::uintptr_t>(block) - reinterpret_cast<std::uintptr_t>(allocated_);

@@ -7,8 +7,8 @@ Each page is one session of a shell, in a folder of its own, with the programs a
 build, as if they were installed. What it does is told by the language of a block:
 
     sh, console   commands; those of console begin with "$ ", and what they say is compared: "..." stands for any text
-    cpp, cmake,   is written to the file that its first line names as a comment; a cpp block without a name is a
-    sql           program, and compiled
+    cpp, cmake,   is written to the file that its first line names as a comment, and a later command has to use it; a cpp
+    sql           block without a name is a program, which is compiled and linked
     session       bytes of a front-end connection, which are sent to the engine that listens on $PORT, and compared
     text          is shown only
 
@@ -16,14 +16,15 @@ and by comments in front of it, which readers of the page do not see:
 
     <!-- run: COMMANDS -->                what has to be done before
     <!-- next: window until COMMAND -->   the next block goes on in the background; the page goes on when COMMAND succeeds
-    <!-- next: PLACE -->                  the next block is run by the script PLACE, with --place PLACE or word for word
+    <!-- next: PLACE -->                  the next block is run by the script PLACE, by run.py --place PLACE and the name of the
+                                          page, or word for word
     <!-- next: long -->                   it is run with --long only: it takes minutes, or fetches from the network
     <!-- next: device -->                 it needs a device eth0 of its own
 
 The commands run in a network of their own where the system allows that, with a device eth0; where it does not, on
 the machine's, and blocks that need the device are not run.
 
-Beside that, files, links and options of our programs that a page names have to exist.
+Beside that, files, links, options of our programs and messages in tables that a page names have to exist.
 """
 import argparse
 import os
@@ -190,7 +191,12 @@ def script_of(blocks, work):
             copy = os.path.join(work, f"block.{index}.cpp")
             open(copy, "w", encoding="utf-8").write(block.text + "\n")
             name = re.match(r"(?://|#|--) (\S*[\w/]+\.(?:h|cpp|txt|sql))\n", block.text)
+            if not name and block.language != "cpp":
+                fail(f"{block.where()}: nobody uses it; give it the name of a file in its first line")
             if name:
+                use = r"\bc\+\+ |\bcmake |" + re.escape(os.path.basename(name[1]))
+                if not any(later.language in ("sh", "console") and re.search(use, later.text) for later in blocks[index:]):
+                    fail(f"{block.where()}: no command uses {name[1]}")
                 script.append(f"mkdir -p $(dirname {name[1]}) && cp {copy} {name[1]}")
             else:
                 script.append(f"c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror {copy} "
@@ -211,7 +217,8 @@ def run(page, place, long, work, prefix, own_network):
         if block.place != place:
             if block.place and not place:
                 script = open(os.path.join(ROOT, block.place), encoding="utf-8").read()
-                if f"--place {block.place}" not in script and block.text not in script:
+                calls = [line for line in script.split("\n") if f"--place {block.place}" in line]
+                if block.text not in script and not any(os.path.relpath(page, ROOT) in call for call in calls):
                     fail(f"{block.where()}: {block.place} does not run it")
         elif (block.long and not long) or (block.device and not own_network):
             left.append(block.where())
@@ -249,18 +256,35 @@ def run(page, place, long, work, prefix, own_network):
     print(f"{os.path.relpath(page, ROOT)}: {len(todo)} blocks" + "".join(f"; not run: {where}" for where in left))
 
 
-def check_names(page, prefix):
-    """Files, links and options that a page names exist."""
+def sources():
+    """All text that the library and the programs can say, with the pieces of a literal put together, and patterns of
+    the literals with something to be filled in."""
+    text = ""
+    for below in ("src", "include", "programs"):
+        for folder, _, files in os.walk(os.path.join(ROOT, below)):
+            text += "".join(open(os.path.join(folder, file), encoding="utf-8").read() + "\n" for file in files)
+    text = re.sub(r'(?<!\\)"\s*"', "", text)
+    formats = [literal for literal in re.findall(r'"((?:[^"\\\n]|\\.)*)"', text) if "%" in literal and len(literal) > 20]
+    patterns = [".*".join(map(re.escape, re.split(r"%[\w.*]*?[a-z]", literal))) for literal in formats]
+    return text.replace('\\"', '"'), patterns
+
+
+def check_names(page, prefix, corpus, patterns):
+    """Files, links, options and messages that a page names exist."""
     text = open(page, encoding="utf-8").read()
     folder = os.path.dirname(page)
     for target in re.findall(r"\]\((?!https?:)([^)#]+)", text):
         if not os.path.exists(os.path.join(folder, target)):
             fail(f"{page}: a link to {target}")
-    for path in re.findall(r"`((?:\.ci|bench|cmake|demo|docs|examples|include|packaging|programs|script|src|tests|core|text|"
-                           r"threads|config|engine|wire|tools)/[\w./-]*[\w/])`", text):
-        if not any(os.path.exists(os.path.join(ROOT, below, path)) for below in ("", "include/kp")):
+    inline = re.findall(r"`([^`]+)`", re.sub(r"```.*?\n```", "", text, flags=re.DOTALL))
+    for path in inline:
+        if (re.fullmatch(r"(?:\.ci|bench|cmake|demo|docs|examples|include|packaging|programs|script|src|tests|core|text|"
+                         r"threads|config|engine|wire|tools|kp)/[\w./-]*[\w/]|[A-Z]+\.md|CMake\w+\.\w+", path) and
+                not any(os.path.exists(os.path.join(ROOT, below, path)) for below in ("", "include", "include/kp"))):
             fail(f"{page}: names {path}, which does not exist")
-    for program, rest in re.findall(r"^(?:\$ )?(?:sudo )?(kp-\w+) (.*(?:\\\n.*)*)", text, re.MULTILINE):
+    commands = re.findall(r"^(?:\$ )?(?:sudo )?(kp-\w+) (.*(?:\\\n.*)*)", text, re.MULTILINE)
+    commands += [match.groups() for match in (re.match(r"(kp-\w+) (-.*)", code) for code in inline) if match]
+    for program, rest in commands:
         subcommand = re.search(r"\b(show|set|status|watch|list|top|totals)\b", rest)
         said = "".join(subprocess.run([os.path.join(prefix, "bin", program), *words, "--help"], capture_output=True,
                                       text=True, check=True).stdout
@@ -268,6 +292,15 @@ def check_names(page, prefix):
         for option in re.findall(r"(?<= )--[a-z-]+", " " + rest.split("#")[0]):
             if option not in said:
                 fail(f"{page}: {program} has no {option}")
+    for table in re.findall(r"^\| (?:message[^|]*|line) \|.*\n((?:\|.*\n)+)", text, re.MULTILINE):
+        for message in re.findall(r"`([^`]+ [^`]+)`", "\n".join(row.split(" | ")[0] for row in table.split("\n"))):
+            # TEXT, PATH, N, numbers and what stands in quotation marks are filled in.
+            pieces = re.split(r'\b[A-Z]{1,}\b|\b\d+\b|"[^"]*"', message)
+            # Some have the name of an operation, or what failed, in front.
+            pieces = [re.sub(r"^[\w -]+: ", "", piece.strip(" :")) for piece in pieces]
+            if not (all(piece in corpus for piece in pieces if len(piece) > 3) or
+                    any(re.search(pattern, message) for pattern in patterns)):
+                fail(f"{page}: no program says '{message}'")
 
 
 def main():
@@ -294,9 +327,10 @@ def main():
         prefix = os.path.join(work, "prefix")
         shutil.rmtree(prefix, ignore_errors=True)
         subprocess.run(["cmake", "--install", options.build, "--prefix", prefix], stdout=subprocess.DEVNULL, check=True)
+    corpus, patterns = ("", []) if options.place else sources()
     for page in map(os.path.abspath, options.pages):
         if not options.place:
-            check_names(page, prefix)
+            check_names(page, prefix, corpus, patterns)
         run(page, options.place, options.long, work, os.path.abspath(prefix), options.own_network)
 
 

@@ -81,13 +81,31 @@ TEST_F(CaptureTest, RefusesFilesThatAreNoCaptures) {
     }
 }
 
-TEST_F(CaptureTest, WarnsThatNothingIsWatchedWithoutRanges) {
+TEST_F(CaptureTest, WarnsOfWhatDoesNotHappenWithoutRanges) {
     configure({});
-    const Outcome outcome =
-        capture({"--print", "--replay", std::string(KP_CAPTURES) + "/pipelining.pcap"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_NE(outcome.err.find("nothing is watched"), std::string::npos) << outcome.err;
+    const auto replay = [&](Arguments more) {
+        more.insert(more.end(), {"--replay", std::string(KP_CAPTURES) + "/pipelining.pcap"});
+        Outcome outcome = capture(more);
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        return outcome;
+    };
+    const auto warns = [](const Outcome& outcome, const char* of) {
+        return outcome.err.find(std::string("no address ranges are configured, ") + of) !=
+               std::string::npos;
+    };
+    for (const Arguments& nothing :
+         {Arguments{"--print"}, Arguments{"--all"}, Arguments{"--record", "--all"}}) {
+        const Outcome outcome = replay(nothing);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_TRUE(warns(outcome, "nothing is watched")) << outcome.err;
+    }
+    const Outcome recorded = replay({"--record", "--print", "--all"});
+    EXPECT_NE(recorded.out, "");
+    EXPECT_TRUE(warns(recorded, "nothing is recorded")) << recorded.err;
+    EXPECT_NE(recorded.err.find("recorded     0 transactions\n"), std::string::npos);
+    const Outcome printed = replay({"--print", "--all"});
+    EXPECT_EQ(printed.out, recorded.out);
+    EXPECT_FALSE(warns(printed, "")) << printed.err;
 }
 
 TEST_F(CaptureTest, AppliesTheConfiguredFilterToReplays) {

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <regex>
 #include <set>
+#include <utility>
 
 #include "support/installation.h"
 #include "support/program.h"
@@ -42,6 +43,7 @@ TEST(CommandLineTest, ManualAndCompletionsHaveEveryOptionAndCommandOfTheHelp) {
             }
             EXPECT_GE(words.size(), 3U) << name;
         }
+        EXPECT_EQ(help.find("\n\n\n"), std::string::npos) << help;
         const std::string manual = withoutBackslashes(site.read(name + ".1"));
         const std::string zsh = site.read(name + ".zsh");
         const std::string bash = site.read(name + ".bash");
@@ -67,6 +69,23 @@ TEST(CommandLineTest, ManualAndCompletionsHaveEveryOptionAndCommandOfTheHelp) {
                                  "_kp_query; echo ${COMPREPLY[*]}",
                                  site.path("kp-query.bash")});
     EXPECT_EQ(completed.out, "--server\n") << completed.err;
+}
+
+TEST(CommandLineTest, OptionsThatTakePathsAreCompletedWithPaths) {
+    const kp::test::Installation site;
+    const std::pair<std::string, std::string> options[] = {
+        {KP_ADMIN, "--password-file"}, {KP_CAPTURE, "--replay"},          {KP_CAPTURE, "--dir"},
+        {KP_CONFIGURE, "--dbpath"},    {KP_CONFIGURE, "--password-file"}, {KP_QUERY, "--db"}};
+    for (const auto& [program, option] : options) {
+        const std::string name = std::filesystem::path(program).filename().string();
+        ASSERT_EQ(runProgram(program, {"--write-texts", site.path()}).status, 0);
+        const Outcome completed =
+            runProgram("/bin/bash", {"-c",
+                                     "source $0.bash; COMP_WORDS=($1 $2 $3); COMP_CWORD=2; "
+                                     "_${1/-/_}; echo ${COMPREPLY[*]}",
+                                     site.path(name), name, option, site.path("lo")});
+        EXPECT_EQ(completed.out, site.path("logs") + "\n") << name << option << completed.err;
+    }
 }
 
 }  // namespace

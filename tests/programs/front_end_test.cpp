@@ -175,7 +175,7 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
         int status;
         const char* reason;
     } refused[] = {
-        {{"set", "days=0"}, 1, "the days are not from 1"},
+        {{"set", "days=0"}, 1, "the days must be from 1"},
         {{"set", "days=x"}, 1, "is not a number"},
         {{"set", "port=4000"}, 1, "the port is set in"},
         {{"set", "filter=tcp prt"}, 1, "refused: the filter"},
@@ -202,6 +202,30 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
     EXPECT_EQ(admin({"show"}).status, 1);
     site_.write("password", "other\n");
     EXPECT_EQ(admin({"show"}).out, "device=\n" + port + "filter=tcp\ndays=30\n");
+}
+
+TEST_F(FrontEndTest, AChangeWithTheLastDescriptorsIsMadeOrRefused) {
+    const std::string kClose =
+        "exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; ";  // What this process has.
+    int refused = 0;
+    for (int limit = 9; limit < 14; ++limit) {
+        // Each is used up at another place; too few to serve at all end the start.
+        engine_ = std::make_unique<RunningProgram>(
+            "/bin/sh",
+            Arguments{"-c", kClose + "ulimit -n " + std::to_string(limit) + "; exec \"$@\"", "sh",
+                      KP_CAPTURE, "--serve", "--no-record", "--replay",
+                      std::string(KP_CAPTURES) + "/visit.pcap"},
+            site_.path("output"));
+        Outcome status = {3, "", "cannot reach"};
+        while (status.err.find("cannot reach") != std::string::npos && engine_->isRunning())
+            status = admin({"status"});
+        if (status.status == 0) {
+            refused += admin({"set", "days=" + std::to_string(limit)}).status;
+            EXPECT_EQ(admin({"status"}).status, 0) << "the engine has ended with " << limit;
+        }
+        engine_.reset();
+    }
+    EXPECT_GT(refused, 0);
 }
 
 TEST_F(FrontEndTest, AdminTellsWhatBecameOfTheEngine) {

@@ -76,7 +76,8 @@ TEST_F(RecorderTest, ADayThatBeginsLosesNoRowAndDeletesWhatIsTooOld) {
     EXPECT_FALSE(fs::exists(dayPath(site_.path("db"), now.plus(-9)) + "-wal"));
     EXPECT_TRUE(isTold("deleted the records of " + now.plus(-3).text()));
     for (const int age : {5, 8})
-        EXPECT_TRUE(isTold(dayPath(site_.path("db"), now.plus(-age)) + " is no day file of ours"));
+        EXPECT_TRUE(
+            isTold(dayPath(site_.path("db"), now.plus(-age)) + " is not a day file of kp-capture"));
 
     site_.write("db/" + now.plus(-3).text() + ".sqlite", "");
     std::thread days([&] {
@@ -177,7 +178,7 @@ TEST_F(RecorderTest, ADayThatCannotBeWrittenCostsTheOthersNothing) {
     EXPECT_EQ(recorder.recorded(), 100U);
     EXPECT_EQ(recorder.lost(), 100U);
     EXPECT_EQ(rowsOf(now), 100);
-    EXPECT_TRUE(isTold("is no day file"));
+    EXPECT_TRUE(isTold("is not a day file"));
     EXPECT_EQ(site_.read("db/" + now.plus(-1).text() + ".sqlite"),
               before);  // it is somebody else's
 }

@@ -57,6 +57,12 @@ RunningProgram::~RunningProgram() {
     }
 }
 
+bool RunningProgram::isRunning() const {
+    siginfo_t ended = {};
+    ::waitid(P_PID, static_cast<id_t>(process_), &ended, WEXITED | WNOHANG | WNOWAIT);
+    return ended.si_pid == 0;
+}
+
 long RunningProgram::memory() const {
     std::ifstream status("/proc/" + std::to_string(process_) + "/status");
     for (std::string word; status >> word;) {

@@ -24,6 +24,8 @@ public:
     RunningProgram(const RunningProgram&) = delete;
     RunningProgram& operator=(const RunningProgram&) = delete;
 
+    /// Whether it has not ended.
+    bool isRunning() const;
     /// Kilobytes of memory that it has in use.
     long memory() const;
     /// Sends it a signal, and waits for its end; its exit status, or 128 and its signal.
