@@ -62,7 +62,8 @@ int KP_FileLock::setFD(int descriptor) {
 int KP_FileLock::lock() {
     while (!kp::platform::lockFirstByte(fd_)) {
         if (errno != EDEADLK) {
-            KP_Log::debug("my_lockf: can't F_LOCK, %s", KP_Log::sys_err_str());
+            // Not by sys_err_str(), whose one buffer other threads' locks would write to as well.
+            KP_Log::debug("my_lockf: can't F_LOCK, (errno = %d)", errno);
             isHeld_ = false;
             return 0;
         }
@@ -81,7 +82,7 @@ int KP_FileLock::unlock() {
         errno = EACCES;
     }
     if (!isGood) {
-        KP_Log::debug("my_unlockf: can't F_LOCK, %s", KP_Log::sys_err_str());
+        KP_Log::debug("my_unlockf: can't F_LOCK, (errno = %d)", errno);
     }
     isHeld_ = false;
     return 0;
