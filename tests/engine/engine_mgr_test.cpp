@@ -128,10 +128,10 @@ TEST_F(EngineMgrTest, AStormOfSignalsLosesNeitherTheProcessNorALine) {
                 --writing;
             });
         }
-        while (writing != 0) {
+        do {  // Once at least, however fast the writers were.
             ::kill(::getpid(), SIGTERM);
             ::kill(::getpid(), SIGINT);
-        }
+        } while (writing != 0);
         for (std::thread& writer : writers) {
             writer.join();
         }
