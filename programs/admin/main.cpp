@@ -88,9 +88,11 @@ void addOptions(CLI::App& app, Options& options) {
     app.add_subcommand("show", "Shows the configuration as KEY=VALUE lines, without the password");
     CLI::App* const set = app.add_subcommand("set", "Changes the configuration");
     set->add_option("CHANGE", options.changes,
-                    "KEY=VALUE; keys: filter, days, mime, network, password-file.\n"
-                    "mime and network replace the whole list; device and port can only\n"
-                    "be changed by kp-configure and a restart.")
+                    "filter=TEXT, days=N, mime=TYPE=EXT,EXT, network=ADDRESS/BITS or\n"
+                    "network=ADDRESS/MASK, password-file=FILE. mime and network may come\n"
+                    "several times and replace the whole list; mime= and network= empty it,\n"
+                    "and without networks every address may administer. Device and port\n"
+                    "can only be changed by kp-configure and a restart.")
         ->required()
         ->type_name("");
     app.add_subcommand("status", "Shows the status");

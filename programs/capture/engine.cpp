@@ -377,6 +377,10 @@ void Engine::readSource(PacketSource& source) {
         std::fprintf(stderr, "kp-capture: warning: %s\n", source.warning().c_str());
     state_ = source.isLive() ? "watching" : "reading";
     KP_Log::ret("kp-capture: %s %s", state_.load(), source.name().c_str());
+    if (source.isLive()) {
+        std::fprintf(stderr, "kp-capture: watching %s%s\n", source.name().c_str(),
+                     options_.isRecorded() ? ", recording" : "");
+    }
     const PacketSource::Result end = readPackets(source);
     summary_.setFilteredOut(source.filteredOut());
     summary_.setDropped(source.dropped());

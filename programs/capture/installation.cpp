@@ -76,11 +76,15 @@ void reportExit() {
         case Stage::kLog:
             reason = "cannot open the log " + state.logPath;
             break;
-        case Stage::kConfiguration:
-            reason = writtenToLog() + " (log: " + state.logPath + ")";
-            if (isRegularFile(keptFile(state.name)))
+        case Stage::kConfiguration: {
+            reason = writtenToLog();
+            const bool isGeneralFile = reason.find("readGeneralConfigFile") != std::string::npos ||
+                                       reason.find(generalFile(state.name)) != std::string::npos;
+            reason += " (log: " + state.logPath + ")";
+            if (isGeneralFile && isRegularFile(keptFile(state.name)))
                 reason += "; the last good configuration is kept as " + keptFile(state.name);
             break;
+        }
     }
     std::fprintf(stderr, "kp-capture: could not start: %s\n", reason.c_str());
 }

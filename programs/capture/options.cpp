@@ -18,11 +18,12 @@ Columns of --print, separated by tabs, a line for each request when its answer h
    2  client address       3  client port          10  content type without parameters, or -
    4  server address       5  server port          11  bytes seen of the answer's body
    6  method                                       12  client or server inside the ranges, 1 or 0
-   7  Host, or -                                   13  content, by its type, 1 or 0
-   8  target as sent                               14  valid page, by its status, 1 or 0
+   7  Host, or -                                   13  content, 1 or 0
+   8  target as sent                               14  valid page, 1 or 0
                                                    15  entry point, 1 or 0
-An entry point is content that was not reached from a page of the same site: there is no Referer,
-or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are not
+Content has a type with text/, audio/, video/ or application/ in it, whatever its status. A valid
+page has the status 200 to 203 or 304. An entry point is content that was not reached from a page of
+the same site: there is no Referer, or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are not
 printable ASCII are written as \xHH.
 
 Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line.)";
@@ -73,8 +74,8 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
                    throw CLI::ValidationError("--start", error.what());
                }
            },
-           "Shift the times so that the first packet arrives at TIME:\n"
-           "now, YYYY-MM-DD or \"YYYY-MM-DD HH:MM:SS\"")
+           "Shift the times so that the first packet arrives in the second TIME:\n"
+           "now, today, yesterday, YYYY-MM-DD or \"YYYY-MM-DD HH:MM[:SS]\"")
         ->needs(replay)
         ->type_name("TIME");
     CLI::Option* const record = app.add_flag_callback(

@@ -174,11 +174,14 @@ void setNetworks(KP_Config& config, const std::vector<std::string>& texts) {
     for (const std::string& text : texts) {
         const std::size_t slash = text.find('/');
         if (slash == std::string::npos) {
-            refuse("'" + text + "' is not ADDRESS/MASK");
+            refuse("'" + text + "' is neither ADDRESS/MASK nor ADDRESS/BITS");
         }
         const std::uint32_t address = parseAddress(text.substr(0, slash), text);
         const std::string maskText = text.substr(slash + 1);
         const int bits = parseBits(maskText);
+        if (bits < 0 && maskText.find('.') == std::string::npos) {
+            refuse("'" + text + "' is neither ADDRESS/MASK nor ADDRESS/BITS");
+        }
         const std::uint32_t mask = bits >= 0 ? maskOfBits(bits) : parseAddress(maskText, text);
         if (address == kAllOnes) {
             refuse("255.255.255.255 in '" + text + "' is not the address of a network");

@@ -195,6 +195,12 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
     }
     EXPECT_EQ(admin({"show"}).out, changed);
 
+    // The port is taken; the kept configuration has nothing to do with that.
+    const Outcome second =
+        kp::test::runProgram(KP_CAPTURE, {"--replay", std::string(KP_CAPTURES) + "/visit.pcap"});
+    EXPECT_NE(second.err.find("already in use"), std::string::npos);
+    EXPECT_EQ(second.err.find(".last"), std::string::npos) << second.err;
+
     EXPECT_EQ(admin({"status"}).out.find("state=serving\n"), 0U);
     EXPECT_NE(admin({"watch", "--count", "1"}).out.find("\ntransactions=4\n"), std::string::npos);
     site_.write("new", "other\n");
