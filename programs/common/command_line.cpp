@@ -217,7 +217,7 @@ std::string zshCompletion(const CLI::App& app) {
     for (const CLI::App* command : commandsOf(app))
         commands += (commands.empty() ? "" : " ") + command->get_name();
     if (!commands.empty())
-        text << " \\\n    '1:command:(" << commands << ")' \\\n    '*::argument:'";
+        text << " \\\n    '1:command:(" << commands << ")' \\\n    '*:argument:'";
     text << "\n";
     return text.str();
 }

@@ -47,6 +47,8 @@ TEST(CommandLineTest, ManualAndCompletionsHaveEveryOptionAndCommandOfTheHelp) {
         const std::string manual = withoutBackslashes(site.read(name + ".1"));
         const std::string zsh = site.read(name + ".zsh");
         const std::string bash = site.read(name + ".bash");
+        // With two colons zsh would offer no options behind a command.
+        EXPECT_EQ(zsh.find("::argument"), std::string::npos);
         for (const std::string& word : words)
             EXPECT_NE(manual.find(word), std::string::npos) << word;
         const std::set<std::string> options = allOf(help, "(--[a-z][a-z-]+)");
