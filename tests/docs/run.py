@@ -171,22 +171,28 @@ def play(session, port):
 def script_of(blocks, work):
     """The shell's script of a page, and what its commands are to say."""
     script, expected = [PRELUDE], []
+    quote = shlex.quote
+
+    def step(block, said):
+        script.append(f"printf '%s\\n' {quote(block.where())} {quote(said)} >{quote(os.path.join(work, 'step'))}")
+
     for index, block in enumerate(blocks):
         said = os.path.join(work, f"said.{index}")
-        script.append(f"echo {shlex.quote(block.where())} {said} >{work}/step")
+        step(block, said)
         if block.language == "console":
             for number, (command, lines) in enumerate(commands_of(block.text)):
-                script.append(f"echo {shlex.quote(block.where())} {said}.{number} >{work}/step")
-                script.append(f"{{ {command}\n}} >{said}.{number} 2>&1")
+                step(block, f"{said}.{number}")
+                script.append(f"{{ {command}\n}} >{quote(f'{said}.{number}')} 2>&1")
                 expected.append((block, command, lines, f"{said}.{number}"))
         elif block.language == "sh" and block.until:
-            script.append(f"window {said} {shlex.quote(block.text)} {shlex.quote(block.until)}")
+            script.append(f"window {quote(said)} {quote(block.text)} {quote(block.until)}")
         elif block.language == "sh":
-            script.append(f"{{ {block.text}\n}} >{said} 2>&1")
+            script.append(f"{{ {block.text}\n}} >{quote(said)} 2>&1")
         elif block.language == "session":
             copy = os.path.join(work, f"session.{index}")
             open(copy, "w", encoding="utf-8").write(block.text)
-            script.append(f'{shlex.quote(sys.executable)} {os.path.abspath(__file__)} --play {copy} "$PORT" >{said} 2>&1')
+            player = f"{quote(sys.executable)} {quote(os.path.abspath(__file__))}"
+            script.append(f'{player} --play {quote(copy)} "$PORT" >{quote(said)} 2>&1')
         elif block.language in ("cpp", "cmake", "sql"):
             copy = os.path.join(work, f"block.{index}.cpp")
             open(copy, "w", encoding="utf-8").write(block.text + "\n")
@@ -197,10 +203,10 @@ def script_of(blocks, work):
                 use = r"\bc\+\+ |\bcmake |" + re.escape(os.path.basename(name[1]))
                 if not any(later.language in ("sh", "console") and re.search(use, later.text) for later in blocks[index:]):
                     fail(f"{block.where()}: no command uses {name[1]}")
-                script.append(f"mkdir -p $(dirname {name[1]}) && cp {copy} {name[1]}")
+                script.append(f"mkdir -p $(dirname {name[1]}) && cp {quote(copy)} {name[1]}")
             else:
-                script.append(f"c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror {copy} "
-                              f"$(pkg-config --cflags --libs kp) -o {copy[:-4]} >{said} 2>&1")
+                script.append(f"c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror {quote(copy)} "
+                              f"$(pkg-config --cflags --libs kp) -o {quote(copy[:-4])} >{quote(said)} 2>&1")
     script.append("end_windows\n")
     return "\n".join(script), expected
 
@@ -230,8 +236,8 @@ def run(page, place, long, work, prefix, own_network):
     stage = os.path.join(work, "stage")
     if not place:
         # What is to be installed for everybody goes to a folder; nothing here needs more rights.
-        for tool, text in (("sudo", f'export DESTDIR={stage}\nexec "$@"'),
-                           ("ldconfig", f"exec /sbin/ldconfig -N -n {stage}/usr/local/lib")):
+        for tool, text in (("sudo", f'export DESTDIR={shlex.quote(stage)}\nexec "$@"'),
+                           ("ldconfig", f"exec /sbin/ldconfig -N -n {shlex.quote(stage)}/usr/local/lib")):
             with open(os.path.join(tools, tool), "w", encoding="utf-8") as file:
                 file.write(f"#!/bin/sh\n{text}\n")
             os.chmod(os.path.join(tools, tool), 0o755)
@@ -246,7 +252,7 @@ def run(page, place, long, work, prefix, own_network):
     status = subprocess.run(["bash", "-c", script], cwd=os.path.join(work, "home"), env=environment,
                             stdin=subprocess.DEVNULL).returncode
     if status:
-        where, said = open(os.path.join(work, "step"), encoding="utf-8").read().split()
+        where, said = open(os.path.join(work, "step"), encoding="utf-8").read().splitlines()
         text = open(said, encoding="utf-8").read() if os.path.exists(said) else ""
         fail(f"{where}: status {status}\n{text}")
     for block, command, lines, said in expected:
