@@ -11,7 +11,7 @@ namespace {
 
 // The path as a URI that says that the file does not change.
 std::string frozenName(const std::string& path) {
-    std::string name = "file:";
+    std::string name = path.front() == '/' ? "file://" : "file:";  // "//" would begin a host.
     for (const char c : path)
         name += c == '%' ? "%25" : c == '?' ? "%3f" : c == '#' ? "%23" : std::string(1, c);
     return name + "?immutable=1";
