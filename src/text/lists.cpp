@@ -79,7 +79,7 @@ int KP_NamedStringList::readFile(const char* path, char separator, const char* s
         }
         appendEntry(*this, name, value);
     }
-    return std::ferror(file.get()) != 0 ? -1 : 0;
+    return 0;
 }
 
 int KP_NamedStringList::writeFile(const char* path, char separator) {

@@ -7,7 +7,8 @@
 class KP_API KP_Compare : public virtual KP_Object {
 public:
     /// 0 when equal, below 0 when this object comes first, above 0 when @p other does.
-    /// @p mode chooses among the orders that a class knows; lists and KP_Tools::sort() use 0.
+    /// @p mode chooses among the orders that a class knows; lists and KP_Tools::sort() use 0, but a
+    /// KP_NamedList that sorts by names asks its links with 1.
     /// The default returns -1, and so do the library's classes for an @p other that is null or of
     /// another kind.
     virtual int compare(KP_Compare* other, int mode);

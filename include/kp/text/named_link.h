@@ -27,8 +27,8 @@ public:
     /// The name itself: it stays the link's, and who changes it renames the link.
     virtual KP_String* getNameString() { return &name_; }
 
-    /// With bit 0 of @p mode compares the names of two named links, as KP_String::compare() does,
-    /// else their elements. -1 when @p other is no named link of this kind.
+    /// With bit 0 of @p mode compares the names, as KP_String::compare() does; -1 when @p other is
+    /// no named link of this kind. Else compares the elements, as KP_Link does.
     int compare(KP_Compare* other, int mode) override {
         if ((mode & 1) == 0) {
             return KP_Link<T>::compare(other, mode);

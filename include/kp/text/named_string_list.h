@@ -34,9 +34,10 @@ public:
     /// or an entry of its own if it has a separator. The list's lock is held for each entry, not in
     /// between.
     ///
-    /// Returns 0, or -1 when the file cannot be opened or not be read to its end; errno tells why.
-    /// When memory runs out an entry can be left with a null value, which ends a walk, or
-    /// KP_NoMoreMemoryException is thrown. What was read until then is in the list.
+    /// Returns 0, or -1 when the file cannot be opened; errno tells why. A fault while reading is
+    /// taken for the end of the file. When memory runs out an entry can be left with a null value,
+    /// which ends a walk, or KP_NoMoreMemoryException is thrown. What was read until then is in the
+    /// list.
     virtual int readFile(const char* path, char separator, const char* squeezeSet);
     /// Writes the list to the file at @p path, whose contents it replaces.
     /// Holds the list's lock and leaves the cursor on the last entry. Entries of any length are
