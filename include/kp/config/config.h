@@ -35,10 +35,11 @@
 /// blanks in types and extensions, lines of 1024 characters or more. Whoever takes such values from
 /// people refuses them.
 ///
-/// Threads: no lock is taken. Load it before the engine's threads start. Then any number of them may
-/// ask isInIPRanges(), isValidSourceIP(), isValidPassword(), print() and writeJ() at once. A host
-/// that changes it while they run guards it itself; save() is a change, too. What opens a file uses the one buffer of
-/// KP_Tools::getInstallDir(): one thread at a time, whatever the configuration.
+/// Threads: no lock is taken. Load it before the engine's threads start. Then any number of them
+/// may ask isInIPRanges(), isValidSourceIP(), isValidPassword(), print() and writeJ() at once. A
+/// host that changes it while they run guards it itself; save() is a change, too. What opens a file
+/// uses the one buffer of KP_Tools::getInstallDir(): one thread at a time, whatever the
+/// configuration.
 class KP_API KP_Config : public KP_ConfigBase {
 public:
     /// How many ranges, networks, and extensions of a mapping there can be.

@@ -20,7 +20,7 @@
 ///
 /// Elements sit in links of their own, or, with setSelfLinked(1), are links themselves (as
 /// KP_String is); such an element can be in one list at a time. One that does not answer to T is
-/// handed out as null, which ends a walk with first() and next(), and not released (a link is).
+/// handed out as null, which ends a walk with first() and next(); it is released only as a link.
 ///
 /// The cursor: first(), last(), next(), previous(), getAt(), the searches, remove(), clear() and
 /// sort() move it. append() leaves it alone, except that the first element of an empty list gets
