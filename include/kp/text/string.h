@@ -85,8 +85,8 @@ public:
     /// the object.
     virtual KP_Object* copy();
     using KP_Object::copy;
-    /// Makes room for @p n characters in all and keeps the text; a borrowed one is copied. A smaller
-    /// n makes nothing smaller.
+    /// Makes room for @p n characters in all and keeps the text; a borrowed one is copied.
+    /// A smaller n makes nothing smaller.
     void grow(unsigned int n);
 
     /// Takes over the text; a text that collates equal leaves this string's buffer as it is.
