@@ -141,6 +141,7 @@ private:
 
     bool setConfig() {
         KP_ConfigAdmin wanted = *owner_.config_.current();
+        wanted.reset();  // readJ() does not give the mappings back that it replaces
         if (wanted.readJ(socket_) != 0) {
             // Nobody knows where the next command begins.
             answer(false);

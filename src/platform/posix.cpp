@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <langinfo.h>
 #include <linux/futex.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -97,10 +98,12 @@ const char* const kConfigurationFolder = "/../conf";
 // --- time ---
 
 bool localTime(std::time_t time, std::tm* local) {
+    ::tzset();  // The variant for threads does not look at the environment by itself.
     return ::localtime_r(&time, local) != nullptr;
 }
 
 void timeText(std::time_t time, char (&text)[32]) {
+    ::tzset();
     if (::ctime_r(&time, text) == nullptr) {
         text[0] = '\0';
     }
@@ -114,6 +117,10 @@ void sleepSeconds(int seconds) {
     timespec left = {seconds, 0};
     while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }
+}
+
+const char* decimalPoint() {
+    return ::nl_langinfo(RADIXCHAR);
 }
 
 // --- waiting and waking ---
@@ -252,6 +259,11 @@ void abandonWork(ThreadId thread) {
     ::sigfillset(&action.sa_mask);
     ::sigaction(abandonSignal(), &action, nullptr);
     ::pthread_kill(static_cast<pthread_t>(thread), abandonSignal());
+}
+
+bool isAbandonWanted() {
+    const Work* const work = currentWork;
+    return work != nullptr && work->wanted != 0;
 }
 
 // --- addresses and names ---
