@@ -1,6 +1,7 @@
 #include "kp/text/string.h"
 
 #include <gtest/gtest.h>
+#include <locale.h>
 
 #include <algorithm>
 #include <clocale>
@@ -12,10 +13,12 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "kp/core/no_more_memory_exception.h"
 #include "support/failing_malloc.h"
+#include "support/installation.h"
 #include "support/socket_pair.h"
 
 namespace {
@@ -206,6 +209,29 @@ TEST(StringTest, AppendsNumbersAsTheRuntimePrintsThem) {
         EXPECT_TRUE(holds(KP_String(0) << value, expected));
     }
     std::setlocale(LC_NUMERIC, "C");
+}
+
+TEST(StringTest, WritesTheDecimalPointOfTheThreadsLocale) {
+    kp::test::Installation site;
+    site.write(
+        "comma.src",
+        "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \"\"\ngrouping -1\nEND LC_NUMERIC\n");
+    const std::string make = "localedef --no-archive -c -i " + site.path("comma.src") + " " +
+                             site.path("comma") + " >/dev/null 2>&1";
+    EXPECT_NE(std::system(make.c_str()), -1);  // Complains about what it leaves out.
+    setenv("LOCPATH", site.path().c_str(), 1);
+    const locale_t comma = newlocale(LC_NUMERIC_MASK, "comma", nullptr);
+    unsetenv("LOCPATH");
+    ASSERT_NE(comma, nullptr);
+    const locale_t before = uselocale(comma);
+    KP_String here;
+    here << 1.5;
+    KP_String there;
+    std::thread([&] { there << 1.5; }).join();
+    uselocale(before);
+    freelocale(comma);
+    EXPECT_STREQ(here, "1,500000");
+    EXPECT_STREQ(there, "1.500000");
 }
 
 TEST(StringTest, StaysInItsBufferWhenLengthAndTerminatorDisagree) {
