@@ -14,6 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -97,13 +98,30 @@ const char* const kConfigurationFolder = "/../conf";
 
 // --- time ---
 
+namespace {
+
+// Takes over the zone of the environment, or the machine's where that names none: localtime_r()
+// does not do so by itself. A change of the machine's is seen within a second, since looking for
+// one costs a call of the system.
+void followZone() {
+    static std::atomic<bool> wasNamed{true};
+    static std::atomic<std::time_t> lookedAt{0};
+    const bool isNamed = std::getenv("TZ") != nullptr;
+    const std::time_t now = std::time(nullptr);
+    if (wasNamed.exchange(isNamed) || isNamed || lookedAt.exchange(now) != now) {
+        ::tzset();
+    }
+}
+
+}  // namespace
+
 bool localTime(std::time_t time, std::tm* local) {
-    ::tzset();  // The variant for threads does not look at the environment by itself.
+    followZone();
     return ::localtime_r(&time, local) != nullptr;
 }
 
 void timeText(std::time_t time, char (&text)[32]) {
-    ::tzset();
+    followZone();
     if (::ctime_r(&time, text) == nullptr) {
         text[0] = '\0';
     }

@@ -177,6 +177,7 @@ TEST(HardStopTest, CannotEndWorkThatBlocksAllSignalsAndDoesNotStartItASecondTime
     open = true;
     EXPECT_TRUE(until([&] { return thread.start() == 0; }));
     EXPECT_TRUE(until([] { return inside > 1; }));
+    thread.setHardStop(0);
     thread.stop();
     thread.join(nullptr, 0);
 }
