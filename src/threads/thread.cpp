@@ -184,18 +184,28 @@ int KP_Thread::start(void (*function)(void*), void* arg) {
 
 int KP_Thread::start() {
     const kp::detail::Abandonable shield(false);
-    const std::lock_guard<KP_Mutex> guard(*this);
+    std::unique_lock<KP_Mutex> guard(*this);
+    // The last loop may be on its way out still, for which it needs the lock. Whoever destroys the
+    // object waits for one loop, so there are never two.
+    while (!handle_) {
+        Loop* const last = currentLoop();
+        const bool isGone = last == nullptr || last->isCurrentThread() || last->hasEnded();
+        if (!isGone) {
+            guard.unlock();
+        }
+        const bool hasEnded = isGone || last->waitALittleForEnd();
+        Loop::drop(last);
+        if (isGone) {
+            break;
+        }
+        if (!hasEnded) {
+            return -1;
+        }
+        guard.lock();
+    }
     if (handle_) {
         continue_ = 1;
         return 0;
-    }
-    // The last loop may be on its way out still, and whoever destroys the object waits for one.
-    if (Loop* last = currentLoop()) {
-        const bool isGone = last->isCurrentThread() || last->waitALittleForEnd();
-        Loop::drop(last);
-        if (!isGone) {
-            return -1;
-        }
     }
     void* memory = KP_Object::operator new(sizeof(Loop));
     if (memory == nullptr) {
