@@ -19,7 +19,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
+#include "kp/threads/recursive_lock.h"
 #include "platform/platform.h"
 
 namespace kp::platform {
@@ -109,6 +111,9 @@ void followZone() {
     const bool isNamed = std::getenv("TZ") != nullptr;
     const std::time_t now = std::time(nullptr);
     if (wasNamed.exchange(isNamed) || isNamed || lookedAt.exchange(now) != now) {
+        // The runtime has a lock of its own, which a thread sanitizer does not see.
+        static kp::detail::RecursiveLock lock;
+        const std::lock_guard<kp::detail::RecursiveLock> guard(lock);
         ::tzset();
     }
 }

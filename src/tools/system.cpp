@@ -187,6 +187,9 @@ void KP_Tools::toUpperCase(char* s) {
 }
 
 char* KP_Tools::strdup(const char* s) {
+    if (s == nullptr) {
+        return nullptr;
+    }
     const std::size_t size = std::strlen(s) + 1;
     auto* copy = static_cast<char*>(std::malloc(size));
     if (copy != nullptr) {

@@ -51,6 +51,21 @@ TEST(ListCopyTest, RefersToTheSameElementsAndOwnsNone) {
     EXPECT_EQ(kept.getLength(), 1U);
 }
 
+TEST(ListCopyTest, AListIsSetBackToACopyOfItselfAndStaysTheOwner) {
+    for (const int selfLinked : {0, 1}) {
+        Texts list;
+        list.setOwner(1);
+        list.setSelfLinked(selfLinked);
+        list.append(new KP_String("b"));
+        list.append(new KP_String("a"));
+        const Texts before(list);
+        list.sort();
+        list.append(new KP_String("c"));  // Released by the assignment.
+        list = before;
+        EXPECT_EQ(shown(list), "ba");
+    }
+}
+
 TEST(ListCopyTest, OfANamedListHasTheNamesAndItsOwnSwitches) {
     KP_NamedStringList source;
     source.setOwner(1);
@@ -123,8 +138,11 @@ TEST_F(MisuseTest, IsRefusedAndTold) {
     links.setSelfLinked(1);
     EXPECT_EQ(links.append(&plain), -1);
     EXPECT_EQ(links.insert(nullptr), -1);
+    KP_List<KP_Object> others;  // A link, but not of this list's elements.
+    others.setSelfLinked(1);
+    EXPECT_EQ(others.append(&a), -1);
     const std::string none = "TIME - KP_List: an element that is to be its own link is none\n";
-    EXPECT_EQ(site_.newLog(), none + none);
+    EXPECT_EQ(site_.newLog(), none + none + none);
 
     KP_NamedStringList names;  // Releases its values all the same.
     names.setSelfLinked(1);

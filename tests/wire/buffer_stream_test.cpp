@@ -169,6 +169,10 @@ TEST_F(StreamTest, ACopyWalksTheSameBuffersAndOwnsNone) {
     copy.reset();
     EXPECT_EQ(assigned.ontoNext(), 'e');
     EXPECT_EQ(stream_.ontoNext(), 'e');
+    const KP_BufferStream last(stream_);
+    stream_.setFirst();
+    stream_ = last;
+    EXPECT_EQ(stream_.getNext(), 'e');
 }
 
 TEST_F(StreamTest, TextsAreCopiedForReading) {

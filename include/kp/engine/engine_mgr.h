@@ -75,8 +75,11 @@ public:
     /// must not be one: it writes through stdio.
     [[noreturn]] static void cleanup(int);
 
-private:
+protected:
+    /// 1 after `-i`, else 0; nothing in the library looks at it.
     std::int32_t interactive_ = 0;
+
+private:
     std::int32_t startTime_ = 0;
     KP_ConfigAdmin configAdmin_;
     KP_ConfigDef config_;

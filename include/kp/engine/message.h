@@ -13,7 +13,7 @@
 class KP_API KP_Message : public virtual KP_Object {
 public:
     /// Copies @p text (null: the empty text) and keeps @p source, which may be null.
-    explicit KP_Message(const char* text = nullptr, KP_Object* source = nullptr);
+    KP_Message(const char* text = nullptr, KP_Object* source = nullptr);
     /// A copy has the same source and a text of its own.
     KP_Message(const KP_Message&) = default;
     KP_Message& operator=(const KP_Message&) = default;

@@ -13,7 +13,7 @@ template <class K>
 class KP_Key : public virtual KP_Object {
 public:
     /// An object with that key; without one it is K(), 0 for a number.
-    explicit KP_Key(K key = K()) : key_(key) {}
+    KP_Key(K key = K()) : key_(key) {}
 
     /// The key, whole: a pointer that was stored in a `long` comes back.
     virtual K getKey() { return key_; }

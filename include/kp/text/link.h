@@ -96,7 +96,7 @@ template <class T>
 class KP_Link : public virtual KP_Object, public virtual KP_Compare {
 public:
     /// A link without neighbours that carries @p element, or nothing.
-    explicit KP_Link(T* element = nullptr) : element_(element) {}
+    KP_Link(T* element = nullptr) : element_(element) {}
     /// A copy points to the neighbours of its source, as told above.
     KP_Link(const KP_Link&) = default;
     KP_Link& operator=(const KP_Link&) = default;
@@ -191,7 +191,8 @@ public:
         previous_ = nullptr;
         return 0;
     }
-    /// Calls print() of this link and of every link that follows; returns 0.
+    /// Calls print() of this link and of every link that follows, in a loop, so that a long chain
+    /// needs no deep stack; returns 0.
     virtual int printChain(std::FILE* file) {
         for (KP_Link<T>* link = this; link != nullptr; link = link->next_) {
             link->print(file);

@@ -25,21 +25,23 @@
 /// insert() then adds at the end. A search that comes to the end leaves it on the last element.
 ///
 /// Ownership: with setOwner(1) an element that is removed, or left over when the list is destroyed,
-/// is released. Without it the list frees its links and never an element. setRecycle(1) keeps the
+/// is released, last of all: when it ends the list no longer has it. Without it the list frees its links and never an element. setRecycle(1) keeps the
 /// links of removed elements, but not those of clear(), for later append()s.
 ///
 /// Memory: append() and insert() throw KP_NoMoreMemoryException when there is none for a link; the
 /// list is as before, and the element is still the caller's.
 ///
-/// Misuse: an element that is to be its own link and is none, or that is chained already, in this
-/// list or another, is refused: -1, a line in the log, and the element is still the caller's. (Of
+/// Misuse: an element that is to be its own link and is none (a KP_Link of the list's own T), or
+/// that is chained already, in this list or another, is refused: -1, a line in the log, and the element is still the caller's. (Of
 /// one that is alone in another list nobody can tell.)
 ///
 /// Copies: a copy refers to the same elements, in links of its own, and owns none of them: it has
 /// the source's order, its cursor and its way with removed links, but not its ownership, and its
 /// elements are not their own links. The source must not release what the copy still refers to;
 /// after setOwner(0) of the source and setOwner(1) the copy is the owner. Assignment first does
-/// what clear() does. Either throws KP_NoMoreMemoryException and leaves the target as it was.
+/// what clear() does, but does not release an element that the source has too; a target that owned
+/// all that it now has stays the owner, so a list can be set back to a copy of itself. Either
+/// throws KP_NoMoreMemoryException and leaves the target as it was.
 ///
 /// Threads: an operation holds the list's recursive lock from beginning to end, so any thread may
 /// call any operation; but between two of them others can move the cursor. Hold the lock around a
@@ -48,7 +50,7 @@
 ///     for (T* element : list.elements()) ...
 ///
 /// which holds it and leaves the cursor where it is. The option setters, getCurrentLink(),
-/// setCurrentLink() and sortArray() take no lock. Nobody may use the list when it is destroyed.
+/// setCurrentLink(), sortArray() and createLink() take no lock. Nobody may use the list when it is destroyed.
 template <class T>
 class KP_List : public virtual KP_Object, public virtual KP_Mutex {
 public:
@@ -165,6 +167,7 @@ protected:
     KP_Link<T>* linkFor(T* element);
     bool isChained(KP_Link<T>* link) const;
     static KP_Link<T>* copyLink(const KP_Link<T>* from);
+    bool keepElements(const KP_Link<T>* others, std::int32_t count);
     void takeOver(const KP_List& other, KP_Link<T>* (*copyOf)(const KP_Link<T>*));
     KP_Link<T>* takePooled(T* element);
     void chainLast(KP_Link<T>* link);

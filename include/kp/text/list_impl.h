@@ -1,8 +1,11 @@
 // libkp: the bodies of KP_List; what it does is told in list.h.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -46,6 +49,38 @@ KP_Link<T>* KP_List<T>::copyLink(const KP_Link<T>* from) {
     return link;
 }
 
+// Unchains, and does not release, those elements that another chain of so many links has too: a list
+// that gets a copy of itself back still needs them. Returns whether the other chain has no others.
+template <class T>
+bool KP_List<T>::keepElements(const KP_Link<T>* others, std::int32_t count) {
+    const auto size = static_cast<std::size_t>(count);
+    const std::unique_ptr<KP_Object*, kp::detail::FreeMemory> array(
+        static_cast<KP_Object**>(std::malloc((size + 1) * sizeof(KP_Object*))));
+    KP_Object** const first = array.get();
+    if (first == nullptr) {
+        throw KP_NoMoreMemoryException();
+    }
+    KP_Object** last = first;
+    for (; others != nullptr; others = others->next_) {
+        *last++ = others->element_;
+    }
+    std::sort(first, last, std::less<KP_Object*>());
+    last = std::unique(first, last);
+    std::ptrdiff_t kept = 0;
+    for (KP_Link<T>* link = head_; link != nullptr;) {
+        KP_Link<T>* const following = link->next_;
+        if (std::binary_search(first, last, link->element_, std::less<KP_Object*>())) {
+            ++kept;
+            unchain(link);
+            if (!isElement(link)) {
+                link->release();
+            }
+        }
+        link = following;
+    }
+    return kept >= last - first;
+}
+
 // Makes this a copy of another list. The chain is made aside, and under the lock of the other list
 // alone: two lists may be copied into each other at the same time.
 template <class T>
@@ -83,8 +118,12 @@ void KP_List<T>::takeOver(const KP_List& other, KP_Link<T>* (*copyOf)(const KP_L
         options = other.options_;
     }
     const Guard guard(*this);
+    const bool staysOwner = options_.has(Options::kOwner) && keepElements(chain.first, chain.count);
     KP_List::clear();
     options.clear(Options::kOwner | Options::kSelfLinked | Options::kDraining);
+    if (staysOwner) {
+        options.set(Options::kOwner);
+    }
     options_ = options;
     head_ = std::exchange(chain.first, nullptr);
     tail_ = chain.last;
@@ -232,7 +271,7 @@ KP_Link<T>* KP_List<T>::linkFor(T* element) {
     KP_Link<T>* const link = createLink(element);
     if (link == nullptr) {
         if (options_.has(Options::kSelfLinked) &&
-            (element == nullptr || askForLink(element) == nullptr)) {
+            (element == nullptr || kp::detail::castTo<KP_Link<T>>(element) == nullptr)) {
             KP_Log::ret("KP_List: an element that is to be its own link is none");
             return nullptr;
         }

@@ -11,7 +11,7 @@ template <class T>
 class KP_NamedLink : public KP_Link<T> {
 public:
     /// A link with an empty name and without neighbours that carries @p element, or nothing.
-    explicit KP_NamedLink(T* element = nullptr) : KP_Link<T>(element) {}
+    KP_NamedLink(T* element = nullptr) : KP_Link<T>(element) {}
     KP_NamedLink(const KP_NamedLink&) = default;
     KP_NamedLink& operator=(const KP_NamedLink&) = default;
     ~KP_NamedLink() override = default;

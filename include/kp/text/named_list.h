@@ -22,7 +22,8 @@
 /// and threads holds; a copy has the names as well. getCurrentNamedLink(), getCurrentName() and
 /// setSortByName() take no lock.
 ///
-/// Cost: searches by name look at one link after the other, whether the list is sorted or not.
+/// Cost: searches by name look at one link after the other, whether the list is sorted or not, and
+/// go on behind an element that is null.
 template <class T>
 class KP_NamedList : public KP_List<T> {
 public:

@@ -40,7 +40,7 @@ class KP_API KP_Thread : public virtual KP_Runnable,
 public:
     /// A thread that is not started. @p function may be null, and gets @p arg, which stays the
     /// caller's.
-    explicit KP_Thread(void (*function)(void*) = nullptr, void* arg = nullptr);
+    KP_Thread(void (*function)(void*) = nullptr, void* arg = nullptr);
     /// A copy has the settings of its source, the continue flag and the number of iterations among
     /// them, and as many references (KP_ReferenceCounter): those of a running source include the
     /// loop's. It is not running.

@@ -27,21 +27,35 @@ public:
     /// none. A function, a lambda without captures, and null convert to it.
     class Handler {
     public:
-        Handler(std::nullptr_t = nullptr) {}
+        constexpr Handler(std::nullptr_t = nullptr) {}
+        constexpr Handler(void (*function)(char*, void*)) : function_(function) {}
         template <class Result>
         Handler(Result (*function)(char*, void*))
-            : function_(reinterpret_cast<void (*)()>(function)), call_(&callAs<Result>) {}
+            : other_(reinterpret_cast<void (*)()>(function)), call_(&callAs<Result>) {}
         /// A lambda, by the function that it converts to.
-        template <class Lambda, class = decltype(+std::declval<Lambda>()),
-                  class = std::enable_if_t<std::is_class_v<Lambda>>>
-        Handler(Lambda lambda) : Handler(+lambda) {}
+        template <class Lambda, class Result = std::invoke_result_t<Lambda, char*, void*>,
+                  class = std::enable_if_t<std::is_class_v<Lambda> &&
+                                           std::is_convertible_v<Lambda, Result (*)(char*, void*)>>>
+        constexpr Handler(Lambda lambda) : Handler(static_cast<Result (*)(char*, void*)>(lambda)) {}
 
         /// Whether there is a function.
-        explicit operator bool() const { return function_ != nullptr; }
+        constexpr explicit operator bool() const {
+            return function_ != nullptr || other_ != nullptr;
+        }
         friend bool operator==(const Handler& handler, std::nullptr_t) { return !handler; }
+        friend bool operator==(std::nullptr_t, const Handler& handler) { return !handler; }
         friend bool operator!=(const Handler& handler, std::nullptr_t) { return !!handler; }
+        friend bool operator!=(std::nullptr_t, const Handler& handler) { return !!handler; }
+        /// As a pointer to a function: the handler itself.
+        const Handler& operator*() const { return *this; }
         /// Calls the function, which there must be.
-        void operator()(char* value, void* userData) const { call_(function_, value, userData); }
+        void operator()(char* value, void* userData) const {
+            if (function_ != nullptr) {
+                function_(value, userData);
+            } else {
+                call_(other_, value, userData);
+            }
+        }
 
     private:
         template <class Result>
@@ -50,7 +64,9 @@ public:
                 reinterpret_cast<Result (*)(char*, void*)>(function)(value, userData));
         }
 
-        void (*function_)() = nullptr;
+        void (*function_)(char*, void*) = nullptr;
+        // One that returns something, and what calls it by its own type.
+        void (*other_)() = nullptr;
         void (*call_)(void (*)(), char*, void*) = nullptr;
     };
 
@@ -62,7 +78,7 @@ public:
         char value[128];
         /// Called with the whole value text of each line, which it may change and which lasts until
         /// it returns, and with the caller's user data; may be null.
-        Handler handler;
+        Handler handler = nullptr;
     };
 
     /// Removes characters of @p set from the front part of @p src.

@@ -14,7 +14,7 @@
 ///
 /// Ownership: by default a block of initBuffer() outlives the buffer. It is leaked unless
 /// resetBuffer() frees it before another takes its place and before the buffer ends, or whoever
-/// kept its address does so with std::free(). After setOwner(1) the buffer looks after it: such a
+/// kept its address does so with std::free(), after setBuffer(nullptr, 0). After setOwner(1) the buffer looks after it: such a
 /// block is freed as well when another takes its place and when the buffer ends, as when the stream
 /// that the buffer is in releases it. A borrowed block is never freed.
 ///

@@ -45,8 +45,9 @@ public:
     KP_BufferStream();
     /// A copy walks the same buffers with a cursor and marks of its own, which begin where those of
     /// the source are. It owns no buffer, also none that is added to it later, and does not outlive
-    /// its source's. Assignment first releases what the target owned, as reset() does. Either throws
-    /// KP_NoMoreMemoryException when there is no memory for the links.
+    /// its source's. Assignment first releases what the target owned and the source does not have:
+    /// a stream that is set back to a copy of itself goes back to the copy's cursor and keeps its
+    /// buffers. Either throws KP_NoMoreMemoryException when there is no memory for the links.
     KP_BufferStream(const KP_BufferStream& other);
     KP_BufferStream& operator=(const KP_BufferStream& other);
     ~KP_BufferStream() override;

@@ -16,7 +16,8 @@
 //
 // Readers of fixed-size values return 0, or -1 with a zero value: when the connection fails (with a
 // log line), when the peer closes before the value (without one), and when it closes within the
-// value (an incomplete value is no value). They never take a byte beyond the value.
+// value (an incomplete value is no value). They never take a byte beyond the value, and ask for all
+// of it at once.
 // Writers of fixed-size values return 0 when the socket took the whole value at once; otherwise -1,
 // with a log line. Nothing is retried; after -1 the caller gives the connection up. A signal that
 // interrupts the system is no failure.
@@ -51,6 +52,7 @@ KP_API int readJ_SInt64(int socket, std::int64_t* value);
 template <class Value, class = std::enable_if_t<std::is_same_v<Value, long long> &&
                                                 !std::is_same_v<std::int64_t, long long>>>
 int readJ_SInt64(int socket, Value* value) {
+    *value = 0;
     std::int64_t number = 0;
     const int result = readJ_SInt64(socket, &number);
     *value = number;

@@ -9,7 +9,7 @@
 ///
 /// The cursor is on no byte before setFirst(), and on an empty piece; getNext() then gives 0. There
 /// are twenty marks, 0 to 19, for positions to come back to. bumpToNext(), lookNextIndex(), find(),
-/// findPattern() and the copy() of text use mark 0 themselves.
+/// findPattern(), the copy() of text, and resetNext() to another piece use mark 0 themselves.
 ///
 /// KP_BufferStream is the library's implementation. Code that takes a KP_Stream works with a host's
 /// own as well, and pays a virtual call a byte; KP_BufferStream tells of its faster walks.
