@@ -22,6 +22,10 @@ namespace {
 constexpr int kMostPackets = 4096;       // that a read gives
 constexpr int kBlockMilliseconds = 100;  // how long the system collects before it hands over
 constexpr int kWaitMilliseconds = 100;   // how long a read waits
+// After a read that gave many packets we let some milliseconds of more come together: to be woken
+// for each block costs more than to read it, us and whoever the packets come from.
+constexpr int kManyPackets = 256;
+constexpr int kNapMilliseconds = 10;
 constexpr std::chrono::milliseconds kLookInterval{200};        // while nothing can be seen
 constexpr std::chrono::milliseconds kQuietLookInterval{1000};  // while there is no traffic
 // After this long the system has handed over the last block of a device that has gone.
@@ -307,6 +311,8 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
     if (isBlind_ && Clock::now() - looked_ >= kLookInterval)
         look();
     if (!hasMore_) {
+        if (hasMany_)
+            poll(nullptr, 0, kNapMilliseconds);
         pollfd device{handle_->descriptor, POLLIN, 0};
         const int ready = poll(&device, 1, kWaitMilliseconds);
         if (goneSince_ && Clock::now() - *goneSince_ >= kLastBlock) {
@@ -334,6 +340,7 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
     }
     const int count = handle_->dispatch(sink);
     hasMore_ = count == kMostPackets;
+    hasMany_ = count >= kManyPackets;
     if (count >= 0)
         return hasMore_ ? Result::kMore : Result::kEmpty;
     if (presence() != Presence::kWatched) {

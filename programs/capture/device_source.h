@@ -74,6 +74,7 @@ private:
     unsigned index_ = 0;              // of the interface; 0: it is not one interface
     int linkType_ = kEthernet;
     bool hasMore_ = false;  // the last read did not take all
+    bool hasMany_ = false;  // and it was worth the effort
     std::atomic<bool> isBlind_{false};
     Clock::time_point blindSince_;
     Clock::time_point looked_;
