@@ -22,9 +22,10 @@ namespace {
 constexpr int kMostPackets = 4096;       // that a read gives
 constexpr int kBlockMilliseconds = 100;  // how long the system collects before it hands over
 constexpr int kWaitMilliseconds = 100;   // how long a read waits
-// After a read that gave many packets we let some milliseconds of more come together: to be woken
-// for each block costs more than to read it, us and whoever the packets come from.
+// After a read that gave many packets, but not much of the buffer, we let some milliseconds of more
+// come together: to be woken for each block costs us and the system more than to read it.
 constexpr int kManyPackets = 256;
+constexpr int kMuchOfBuffer = 16;  // a part of it
 constexpr int kNapMilliseconds = 10;
 constexpr std::chrono::milliseconds kLookInterval{200};        // while nothing can be seen
 constexpr std::chrono::milliseconds kQuietLookInterval{1000};  // while there is no traffic
@@ -90,12 +91,14 @@ public:
     pcap_t* pcap = nullptr;
     int descriptor = -1;
     int linkType = 0;
+    std::size_t bytes = 0;  // of the packets that dispatch() gave
     std::string warning;
 
 private:
     struct Turn {
         Handle& handle;
         PacketSink& sink;
+        std::size_t bytes;
     };
     static void deliver(u_char* turn, const pcap_pkthdr* header, const u_char* bytes);
     void activate(const Settings& settings);
@@ -173,7 +176,8 @@ std::string DeviceSource::Handle::setFilter(const std::string& filter) {
 }
 
 void DeviceSource::Handle::deliver(u_char* turn, const pcap_pkthdr* header, const u_char* bytes) {
-    const Turn& at = *reinterpret_cast<Turn*>(turn);
+    Turn& at = *reinterpret_cast<Turn*>(turn);
+    at.bytes += header->caplen;
     if (at.handle.isNew_ && isBefore(header->ts, at.handle.joined_))
         return;
     at.handle.isNew_ = false;
@@ -185,8 +189,10 @@ void DeviceSource::Handle::deliver(u_char* turn, const pcap_pkthdr* header, cons
 }
 
 int DeviceSource::Handle::dispatch(PacketSink& sink) {
-    Turn turn{*this, sink};
-    return pcap_dispatch(pcap, kMostPackets, deliver, reinterpret_cast<u_char*>(&turn));
+    Turn turn{*this, sink, 0};
+    const int count = pcap_dispatch(pcap, kMostPackets, deliver, reinterpret_cast<u_char*>(&turn));
+    bytes = turn.bytes;
+    return count;
 }
 
 std::uint64_t DeviceSource::Handle::dropped(bool withInterface) {
@@ -311,7 +317,7 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
     if (isBlind_ && Clock::now() - looked_ >= kLookInterval)
         look();
     if (!hasMore_) {
-        if (hasMany_)
+        if (mayNap_)
             poll(nullptr, 0, kNapMilliseconds);
         pollfd device{handle_->descriptor, POLLIN, 0};
         const int ready = poll(&device, 1, kWaitMilliseconds);
@@ -340,7 +346,11 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
     }
     const int count = handle_->dispatch(sink);
     hasMore_ = count == kMostPackets;
-    hasMany_ = count >= kManyPackets;
+    bytesAtOnce_ += handle_->bytes;
+    mayNap_ = count >= kManyPackets &&
+              bytesAtOnce_ < static_cast<std::size_t>(settings_.buffer) / kMuchOfBuffer;
+    if (!hasMore_)
+        bytesAtOnce_ = 0;
     if (count >= 0)
         return hasMore_ ? Result::kMore : Result::kEmpty;
     if (presence() != Presence::kWatched) {

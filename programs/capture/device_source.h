@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -73,8 +74,9 @@ private:
     std::unique_ptr<Handle> handle_;  // none while there is no device
     unsigned index_ = 0;              // of the interface; 0: it is not one interface
     int linkType_ = kEthernet;
-    bool hasMore_ = false;  // the last read did not take all
-    bool hasMany_ = false;  // and it was worth the effort
+    bool hasMore_ = false;         // the last read did not take all
+    bool mayNap_ = false;          // there is time to let more come together
+    std::size_t bytesAtOnce_ = 0;  // since nothing more was there
     std::atomic<bool> isBlind_{false};
     Clock::time_point blindSince_;
     Clock::time_point looked_;
