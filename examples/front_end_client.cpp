@@ -3,6 +3,8 @@
 // A program for everyday use asks for the password: other users of the machine see command lines.
 #include <kp/kp.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -62,6 +64,8 @@ int main(int argc, char** argv) {
     if (unknown != 0)
         return fail(::gai_strerror(unknown));
     const int peer = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;  // Each value is a send of its own; without this some wait 40 ms.
+    ::setsockopt(peer, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const bool isConnected = peer >= 0 && ::connect(peer, found->ai_addr, found->ai_addrlen) == 0;
     const char* const fault = isConnected ? talk(peer, argv[3]) : std::strerror(errno);
     ::freeaddrinfo(found);

@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -83,6 +84,9 @@ void Client::connect(std::uint32_t address, std::uint16_t port) {
     time.tv_sec = limit_.count();
     // A blocking connect() obeys the time limit for sending.
     ::setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+    // Each value is a send of its own, and must not wait for the acknowledgement of the last.
+    const int on = 1;
+    ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
     peer.sin_port = htons(port);

@@ -22,9 +22,10 @@ namespace {
 constexpr int kMostPackets = 4096;       // that a read gives
 constexpr int kBlockMilliseconds = 100;  // how long the system collects before it hands over
 constexpr int kWaitMilliseconds = 100;   // how long a read waits
-// After a read that gave many packets, but not much of the buffer, we let some milliseconds of more
+// After a read that gave many packets or bytes, but not much of the buffer, we let some milliseconds of more
 // come together: to be woken for each block costs us and the system more than to read it.
 constexpr int kManyPackets = 256;
+constexpr std::size_t kManyBytes = std::size_t{128} * 1024;
 constexpr int kMuchOfBuffer = 16;  // a part of it
 constexpr int kNapMilliseconds = 10;
 constexpr std::chrono::milliseconds kLookInterval{200};        // while nothing can be seen
@@ -347,7 +348,7 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
     const int count = handle_->dispatch(sink);
     hasMore_ = count == kMostPackets;
     bytesAtOnce_ += handle_->bytes;
-    mayNap_ = count >= kManyPackets &&
+    mayNap_ = (count >= kManyPackets || handle_->bytes >= kManyBytes) &&
               bytesAtOnce_ < static_cast<std::size_t>(settings_.buffer) / kMuchOfBuffer;
     if (!hasMore_)
         bytesAtOnce_ = 0;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -141,6 +142,7 @@ private:
 
     bool setConfig() {
         KP_ConfigAdmin wanted = *owner_.config_.current();
+        wanted.reset();  // readJ() does not give the mappings back that it replaces
         if (wanted.readJ(socket_) != 0) {
             // Nobody knows where the next command begins.
             answer(false);
@@ -234,6 +236,9 @@ void FrontEnd::accept() {
             pause(std::chrono::milliseconds(kTurn));
         return;
     }
+    // Each value is a send of its own, and must not wait for the acknowledgement of the last.
+    const int on = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const std::uint32_t address = ntohl(peer.sin_addr.s_addr);
     const auto fromThere = static_cast<std::size_t>(
         std::count_if(sessions_.begin(), sessions_.end(),

@@ -138,5 +138,5 @@ int KP_ConfigAdmin::readAdminConfigFile(std::FILE* file) {
 }
 
 KP_ConfigAdmin* KP_ConfigAdmin::create() {
-    return kp::detail::createAndInit<KP_ConfigAdmin>();
+    return kp::createAndInit<KP_ConfigAdmin>();
 }

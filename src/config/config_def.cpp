@@ -13,5 +13,5 @@ int KP_ConfigDef::init() {
 }
 
 KP_ConfigDef* KP_ConfigDef::create() {
-    return kp::detail::createAndInit<KP_ConfigDef>();
+    return kp::createAndInit<KP_ConfigDef>();
 }

@@ -14,7 +14,6 @@ namespace {
 
 constexpr int kLine = 2048;
 constexpr std::uint32_t kNoAddress = 0xFFFFFFFF;
-constexpr std::size_t kFirstRecords = 16;
 
 using MimeType = KP_Config::MimeType;
 
@@ -133,36 +132,6 @@ int receiveAddress(int socket, int which, bool allOnes, std::uint32_t* address) 
     return 0;
 }
 
-// Makes room for more records as they come: a count alone, which a peer can make up, costs nothing.
-bool makeRoom(MimeType** records, std::size_t used, std::size_t* room, std::size_t atMost) {
-    if (used < *room) {
-        return true;
-    }
-    const std::size_t wanted = std::min(atMost, std::max(kFirstRecords, 2 * *room));
-    auto* larger = static_cast<MimeType*>(std::realloc(*records, wanted * sizeof(MimeType)));
-    if (larger == nullptr) {
-        return false;
-    }
-    *records = larger;
-    *room = wanted;
-    return true;
-}
-
-// Receives the mappings into an array of their own. False when not all came; what came is there.
-bool receiveMimeTypes(int socket, std::size_t wanted, MimeType** records, std::size_t* count) {
-    std::size_t room = 0;
-    for (*count = 0; *count < wanted; ++*count) {
-        if (!makeRoom(records, *count, &room, wanted)) {
-            KP_Log::ret("hcommand_SET_CONFIG: Not enough memory.");
-            return false;
-        }
-        if (receiveMimeType(socket, (*records)[*count]) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 int KP_Config::writeJ(int socket) {
@@ -199,14 +168,19 @@ int KP_Config::readJ(int socket) {
         receiveNumber(socket, &daysOfDataToKeep) != 0 || readJ_UInt16(socket, &mappings) != 0) {
         return -1;
     }
-    MimeType* received = nullptr;
-    std::size_t count = 0;
-    const bool isWhole = receiveMimeTypes(socket, mappings, &received, &count);
-    KP_Config::reset();
-    mimeTypes = received;
-    numOfMimeTypes = static_cast<std::uint16_t>(count);
-    if (!isWhole) {
+    // All at once: 65535 records are 21 MB, of which the system gives only what is written to.
+    auto* const records =
+        static_cast<MimeType*>(mappings != 0 ? std::calloc(mappings, sizeof(MimeType)) : nullptr);
+    if (records == nullptr && mappings != 0) {
+        KP_Log::ret("hcommand_SET_CONFIG: Not enough memory.");
         return -1;
+    }
+    mimeTypes = records;
+    numOfMimeTypes = mappings;
+    for (int i = 0; i < mappings; ++i) {
+        if (receiveMimeType(socket, mimeTypes[i]) != 0) {
+            return -1;
+        }
     }
 
     int apply = 0;

@@ -1,3 +1,3 @@
 #include "kp/core/exit_handler.h"
 
-void KP_ExitHandler::handleExit(const char*) {}
+void KP_ExitHandler::handleExit(char*) {}

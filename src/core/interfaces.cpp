@@ -8,11 +8,11 @@ int KP_Processor::processObject(KP_Object*) {
 }
 
 char* KP_Processor::getClassName() {
-    return kp::detail::className("KP_Processor");
+    return kp::className("KP_Processor");
 }
 
 int KP_Processor::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Processor>(this, id, out);
+    return kp::answerAs<KP_Processor>(this, id, out);
 }
 
 int KP_Compare::compare(KP_Compare*, int) {
@@ -20,11 +20,11 @@ int KP_Compare::compare(KP_Compare*, int) {
 }
 
 char* KP_Compare::getClassName() {
-    return kp::detail::className("KP_Compare");
+    return kp::className("KP_Compare");
 }
 
 int KP_Compare::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Compare, KP_Object>(this, id, out);
+    return kp::answerAs<KP_Compare, KP_Object>(this, id, out);
 }
 
 int KP_CalcHash::calcHash(int) {
@@ -32,11 +32,11 @@ int KP_CalcHash::calcHash(int) {
 }
 
 char* KP_CalcHash::getClassName() {
-    return kp::detail::className("KP_CalcHash");
+    return kp::className("KP_CalcHash");
 }
 
 int KP_CalcHash::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_CalcHash, KP_Object>(this, id, out);
+    return kp::answerAs<KP_CalcHash, KP_Object>(this, id, out);
 }
 
 int kp::detail::compareObjects(KP_Object* first, KP_Object* second, int mode) {

@@ -5,11 +5,11 @@
 KP_Object::~KP_Object() = default;
 
 char* KP_Object::getClassName() {
-    return kp::detail::className("KP_Object");
+    return kp::className("KP_Object");
 }
 
 int KP_Object::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Object>(this, id, out);
+    return kp::answerAs<KP_Object>(this, id, out);
 }
 
 int KP_Object::init() {
@@ -57,7 +57,7 @@ int KP_Object::localDump(std::ostream&, int, KP_String&) {
 }
 
 KP_Object* KP_Object::create() {
-    return kp::detail::createAndInit<KP_Object>();
+    return kp::createAndInit<KP_Object>();
 }
 
 void* KP_Object::operator new(std::size_t size) noexcept {

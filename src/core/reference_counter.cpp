@@ -1,5 +1,7 @@
 #include "kp/core/reference_counter.h"
 
+#include "platform/platform.h"
+
 KP_ReferenceCounter::KP_ReferenceCounter(const KP_ReferenceCounter& other)
     : KP_Object(other), references_(other.references_.load()) {}
 
@@ -11,14 +13,15 @@ KP_ReferenceCounter& KP_ReferenceCounter::operator=(const KP_ReferenceCounter& o
 void KP_ReferenceCounter::preRelease() {}
 
 char* KP_ReferenceCounter::getClassName() {
-    return kp::detail::className("KP_ReferenceCounter");
+    return kp::className("KP_ReferenceCounter");
 }
 
 int KP_ReferenceCounter::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_ReferenceCounter, KP_Object>(this, id, out);
+    return kp::answerAs<KP_ReferenceCounter, KP_Object>(this, id, out);
 }
 
 void KP_ReferenceCounter::release() {
+    kp::platform::happensBefore(this);
     std::int32_t count = references_.load(std::memory_order_relaxed);
     do {
         if (count <= 0) {
@@ -27,6 +30,7 @@ void KP_ReferenceCounter::release() {
     } while (!references_.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel,
                                                 std::memory_order_relaxed));
     if (count == 1) {
+        kp::platform::happensAfter(this);
         preRelease();
         KP_Object::release();
     }
@@ -38,5 +42,5 @@ int KP_ReferenceCounter::addRef() {
 }
 
 KP_ReferenceCounter* KP_ReferenceCounter::create() {
-    return kp::detail::createAndInit<KP_ReferenceCounter>();
+    return kp::createAndInit<KP_ReferenceCounter>();
 }

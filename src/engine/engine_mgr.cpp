@@ -124,12 +124,11 @@ int KP_EngineMgr::init() {
 }
 
 char* KP_EngineMgr::getClassName() {
-    return kp::detail::className("KP_EngineMgr");
+    return kp::className("KP_EngineMgr");
 }
 
 int KP_EngineMgr::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_EngineMgr, KP_MessageHandler, KP_Event, KP_Object>(this, id,
-                                                                                      out);
+    return kp::answerAs<KP_EngineMgr, KP_MessageHandler, KP_Event, KP_Object>(this, id, out);
 }
 
 KP_EngineMgr* KP_EngineMgr::create() {

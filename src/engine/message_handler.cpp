@@ -33,9 +33,9 @@ int KP_MessageHandler::removeHandler(KP_MessageHandler* handler) {
 }
 
 char* KP_MessageHandler::getClassName() {
-    return kp::detail::className("KP_MessageHandler");
+    return kp::className("KP_MessageHandler");
 }
 
 int KP_MessageHandler::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_MessageHandler>(this, id, out);
+    return kp::answerAs<KP_MessageHandler>(this, id, out);
 }

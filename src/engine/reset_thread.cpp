@@ -40,14 +40,14 @@ int KP_ResetThread::doTask() {
 }
 
 char* KP_ResetThread::getClassName() {
-    return kp::detail::className("KP_ResetThread");
+    return kp::className("KP_ResetThread");
 }
 
 int KP_ResetThread::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_ResetThread, KP_Thread, KP_Runnable, KP_ReferenceCounter,
-                                KP_List<KP_Object>, KP_Object>(this, id, out);
+    return kp::answerAs<KP_ResetThread, KP_Thread, KP_Runnable, KP_ReferenceCounter,
+                        KP_List<KP_Object>, KP_Object>(this, id, out);
 }
 
 KP_ResetThread* KP_ResetThread::create() {
-    return kp::detail::createAndInit<KP_ResetThread>();
+    return kp::createAndInit<KP_ResetThread>();
 }

@@ -76,21 +76,25 @@ int openLockFile(const char* path);
 bool giveToOwner(int descriptor);
 int descriptorOf(std::FILE* file);
 void closeFile(int descriptor);
-/// Locks the first byte of an opened file against other openings of it, without waiting; false with
-/// errno. Goes to the start of the file.
+/// Locks the first byte of an opened file against other openings of it, without waiting; one that
+/// is open for reading only, against those who lock it for writing. False with errno. Goes to the
+/// start of the file.
 bool lockFirstByte(int descriptor);
 /// The counterpart, which also succeeds when there is no lock.
 bool unlockFirstByte(int descriptor);
 
 // --- time ---
 
-/// Local time of @p time; false when the system cannot tell.
+/// Local time of @p time in the zone that the environment names now; false when the system cannot
+/// tell.
 bool localTime(std::time_t time, std::tm* local);
 /// Local time in the words of the language's ctime(), line end included; empty when the system
 /// cannot tell.
 void timeText(std::time_t time, char (&text)[32]);
 /// Suspends the calling thread; 0 only yields the processor.
 void sleepSeconds(int seconds);
+/// The decimal point of the calling thread's locale; valid until that changes.
+const char* decimalPoint();
 
 // --- signals ---
 
@@ -130,6 +134,35 @@ bool waitWhileEqual(const std::atomic<std::uint32_t>& word, std::uint32_t value,
 bool wakeOne(const std::atomic<std::uint32_t>& word);
 void wakeAll(const std::atomic<std::uint32_t>& word);
 
+// A host's thread sanitizer does not see the atomic operations of a library that was built without
+// it. These tell it that what a thread did before happensBefore() of an address is visible to one
+// that comes after happensAfter() of it. Without a sanitizer they cost a look at a pointer.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KP_SEES_ATOMICS
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__) || !defined(__GNUC__)
+#define KP_SEES_ATOMICS
+#endif
+#if defined(KP_SEES_ATOMICS)
+inline void happensBefore(const void*) {}
+inline void happensAfter(const void*) {}
+#else
+extern "C" void __tsan_release(void*) __attribute__((weak));
+extern "C" void __tsan_acquire(void*) __attribute__((weak));
+inline void happensBefore(const void* address) {
+    if (&__tsan_release != nullptr) {
+        __tsan_release(const_cast<void*>(address));
+    }
+}
+inline void happensAfter(const void* address) {
+    if (&__tsan_acquire != nullptr) {
+        __tsan_acquire(const_cast<void*>(address));
+    }
+}
+#endif
+
 // --- threads ---
 
 /// Identifies a thread of startThread() to abandonWork().
@@ -147,7 +180,11 @@ bool runWork(void (*work)(void*), void* argument);
 /// in runWork() gets false and nothing happens.
 bool setAbandonable(bool allowed);
 /// Breaks off the runWork() of @p thread, which must exist; at once or when it is next allowed.
+/// Work that keeps all signals from its thread cannot be broken off.
 void abandonWork(ThreadId thread);
+/// Whether somebody has asked for the calling thread's runWork() to be broken off: what waits where
+/// that is not allowed comes to an end then.
+bool isAbandonWanted();
 
 // --- addresses and names ---
 

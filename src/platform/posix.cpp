@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <langinfo.h>
 #include <linux/futex.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -13,6 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -96,11 +98,30 @@ const char* const kConfigurationFolder = "/../conf";
 
 // --- time ---
 
+namespace {
+
+// Takes over the zone of the environment, or the machine's where that names none: localtime_r()
+// does not do so by itself. A change of the machine's is seen within a second, since looking for
+// one costs a call of the system.
+void followZone() {
+    static std::atomic<bool> wasNamed{true};
+    static std::atomic<std::time_t> lookedAt{0};
+    const bool isNamed = std::getenv("TZ") != nullptr;
+    const std::time_t now = std::time(nullptr);
+    if (wasNamed.exchange(isNamed) || isNamed || lookedAt.exchange(now) != now) {
+        ::tzset();
+    }
+}
+
+}  // namespace
+
 bool localTime(std::time_t time, std::tm* local) {
+    followZone();
     return ::localtime_r(&time, local) != nullptr;
 }
 
 void timeText(std::time_t time, char (&text)[32]) {
+    followZone();
     if (::ctime_r(&time, text) == nullptr) {
         text[0] = '\0';
     }
@@ -114,6 +135,10 @@ void sleepSeconds(int seconds) {
     timespec left = {seconds, 0};
     while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }
+}
+
+const char* decimalPoint() {
+    return ::nl_langinfo(RADIXCHAR);
 }
 
 // --- waiting and waking ---
@@ -252,6 +277,11 @@ void abandonWork(ThreadId thread) {
     ::sigfillset(&action.sa_mask);
     ::sigaction(abandonSignal(), &action, nullptr);
     ::pthread_kill(static_cast<pthread_t>(thread), abandonSignal());
+}
+
+bool isAbandonWanted() {
+    const Work* const work = currentWork;
+    return work != nullptr && work->wanted != 0;
 }
 
 // --- addresses and names ---

@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "platform/platform.h"
 
 namespace kp::platform {
@@ -38,7 +40,8 @@ void closeFile(int descriptor) {
 }
 
 bool lockFirstByte(int descriptor) {
-    return changeLock(descriptor, F_WRLCK);
+    // What is open for reading only cannot have the lock of a writer; what is closed, neither.
+    return changeLock(descriptor, F_WRLCK) || (errno == EBADF && changeLock(descriptor, F_RDLCK));
 }
 
 bool unlockFirstByte(int descriptor) {

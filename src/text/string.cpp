@@ -380,12 +380,12 @@ int KP_String::calcHash(int buckets) {
 }
 
 char* KP_String::getClassName() {
-    return kp::detail::className("KP_String");
+    return kp::className("KP_String");
 }
 
 int KP_String::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_String, KP_Link<KP_String>, KP_Compare, KP_Object,
-                                KP_Key<unsigned long>, KP_CalcHash>(this, id, out);
+    return kp::answerAs<KP_String, KP_Link<KP_String>, KP_Compare, KP_Object, KP_Key<unsigned long>,
+                        KP_CalcHash>(this, id, out);
 }
 
 int KP_String::init() {

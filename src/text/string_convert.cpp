@@ -3,7 +3,6 @@
 #include <cctype>
 #include <charconv>
 #include <climits>
-#include <clocale>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include "kp/text/string.h"
 #include "kp/tools/tools.h"
 #include "kp/wire/primitives.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -110,12 +110,6 @@ void writeHex(const unsigned char* bytes, std::size_t count, char* digits) {
     }
 }
 
-// Whether numbers have a plain point for sure; other locales are left to the runtime.
-bool hasPlainPoint() {
-    const char* locale = std::setlocale(LC_NUMERIC, nullptr);
-    return locale != nullptr && locale[0] == 'C' && locale[1] == '\0';
-}
-
 }  // namespace
 
 // --- numbers ---
@@ -167,7 +161,9 @@ KP_String& KP_String::operator<<(unsigned long long value) {
 
 KP_String& KP_String::operator<<(double value) {
     char digits[kLongestDouble];
-    if (hasPlainPoint()) {
+    // The runtime goes by the thread's locale; where that has a plain point there is a faster way.
+    const char* const point = kp::platform::decimalPoint();
+    if (point[0] == '.' && point[1] == '\0') {
         const auto result = std::to_chars(digits, digits + sizeof digits, value,
                                           std::chars_format::fixed, kDecimals);
         append(digits, static_cast<std::size_t>(result.ptr - digits));

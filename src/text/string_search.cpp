@@ -55,12 +55,12 @@ const char* KP_String::find(const char* bytes, std::size_t count) const {
     return count != 0 ? kp::detail::findBytes(buffer_, length_, bytes, count) : nullptr;
 }
 
-int KP_String::findSubString(const char* s, int) {
+int KP_String::findSubString(const char* s, int) const {
     const char* found = s != nullptr ? find(s, std::strlen(s)) : nullptr;
     return found != nullptr ? static_cast<int>(found - buffer_) : -1;
 }
 
-int KP_String::findSubString(KP_String& s, int flags) {
+int KP_String::findSubString(const KP_String& s, int flags) const {
     return findSubString(s.text(), flags);
 }
 
@@ -86,7 +86,7 @@ void KP_String::extractSubString(const char* s, int flags) {
     }
 }
 
-void KP_String::extractSubString(KP_String& s, int flags) {
+void KP_String::extractSubString(const KP_String& s, int flags) {
     extractSubString(s.text(), flags);
 }
 
@@ -116,7 +116,7 @@ void KP_String::removeAll(const char* bytes, std::size_t count) {
     setLength(static_cast<std::size_t>(kept - buffer_) + remaining);
 }
 
-KP_String KP_String::getSubString(int start, int count) {
+KP_String KP_String::getSubString(int start, int count) const {
     const std::size_t from = notNegative(start);
     if (from > length_) {
         return KP_String(std::string_view());
@@ -125,7 +125,7 @@ KP_String KP_String::getSubString(int start, int count) {
     return KP_String(std::string_view(piece, lengthWithin(piece, count)));
 }
 
-void KP_String::setSubString(KP_String& s, int pos, int count) {
+void KP_String::setSubString(const KP_String& s, int pos, int count) {
     if (s.length_ != 0) {
         setSubString(s.text(), pos, count);
     }
@@ -151,7 +151,7 @@ void KP_String::truncateString(int n) {
     }
 }
 
-bool KP_String::wildcardSearch(const char* pattern) {
+bool KP_String::wildcardSearch(const char* pattern) const {
     if (pattern == nullptr || *pattern == '\0' || length_ == 0) {
         return false;
     }
@@ -188,6 +188,6 @@ bool KP_String::wildcardSearch(const char* pattern) {
     return true;
 }
 
-bool KP_String::wildcardSearch(const KP_String& pattern) {
+bool KP_String::wildcardSearch(const KP_String& pattern) const {
     return wildcardSearch(pattern.text());
 }

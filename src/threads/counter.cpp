@@ -15,9 +15,9 @@ void KP_Counter::decrement(int by) {
 }
 
 char* KP_Counter::getClassName() {
-    return kp::detail::className("KP_Counter");
+    return kp::className("KP_Counter");
 }
 
 int KP_Counter::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Counter, KP_Object>(this, id, out);
+    return kp::answerAs<KP_Counter, KP_Object>(this, id, out);
 }

@@ -36,6 +36,7 @@ bool KP_Event::take(std::uint64_t* state, std::uint32_t last) {
     while (signalsIn(*state) > 0 && numberIn(*state) != last) {
         if (state_.compare_exchange_weak(*state, *state - kWaiter - kSignal,
                                          std::memory_order_acquire, std::memory_order_relaxed)) {
+            kp::platform::happensAfter(this);
             return true;
         }
     }
@@ -103,6 +104,7 @@ int KP_Event::signal() {
             return 0;
         }
         // Kept signals may be for threads that have gone: the new number makes them everybody's.
+        kp::platform::happensBefore(this);
         next = state + kNumber + (signalsIn(state) < waitersIn(state) ? kSignal : 0);
     } while (!state_.compare_exchange_weak(state, next, std::memory_order_seq_cst));
     bell_.fetch_add(1, std::memory_order_release);
@@ -118,11 +120,11 @@ void KP_Event::ring() {
 }
 
 char* KP_Event::getClassName() {
-    return kp::detail::className("KP_Event");
+    return kp::className("KP_Event");
 }
 
 int KP_Event::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Event, KP_Object>(this, id, out);
+    return kp::answerAs<KP_Event, KP_Object>(this, id, out);
 }
 
 KP_Event* KP_Event::create() {

@@ -21,6 +21,7 @@ void kp::detail::RecursiveLock::lock() {
                                        std::memory_order_relaxed)) {
         lockSlowly();
     }
+    kp::platform::happensAfter(this);
     owner_.store(self, std::memory_order_relaxed);
 }
 
@@ -35,6 +36,7 @@ bool kp::detail::RecursiveLock::tryLock() {
                                        std::memory_order_relaxed)) {
         return false;
     }
+    kp::platform::happensAfter(this);
     owner_.store(self, std::memory_order_relaxed);
     return true;
 }
@@ -53,6 +55,7 @@ void kp::detail::RecursiveLock::unlock() {
         return;
     }
     owner_.store(nullptr, std::memory_order_relaxed);
+    kp::platform::happensBefore(this);
     if (word_.exchange(kFree, std::memory_order_release) == kHeldWithSleepers) {
         kp::platform::wakeOne(word_);
     }
@@ -77,11 +80,11 @@ void* KP_Mutex::mutex() {
 }
 
 char* KP_Mutex::getClassName() {
-    return kp::detail::className("KP_Mutex");
+    return kp::className("KP_Mutex");
 }
 
 int KP_Mutex::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Mutex, KP_Object>(this, id, out);
+    return kp::answerAs<KP_Mutex, KP_Object>(this, id, out);
 }
 
 KP_Mutex* KP_Mutex::create() {

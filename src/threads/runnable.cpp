@@ -17,9 +17,9 @@ int KP_Runnable::isRunning() {
 }
 
 char* KP_Runnable::getClassName() {
-    return kp::detail::className("KP_Runnable");
+    return kp::className("KP_Runnable");
 }
 
 int KP_Runnable::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Runnable, KP_Object>(this, id, out);
+    return kp::answerAs<KP_Runnable, KP_Object>(this, id, out);
 }

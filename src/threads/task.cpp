@@ -15,11 +15,16 @@ KP_Task& KP_Task::operator=(const KP_Task& other) {
         function_ = other.function_;
         arg_ = other.arg_;
         id_ = other.id_;
+        release_ = nullptr;
     }
     return *this;
 }
 
-KP_Task::~KP_Task() = default;
+KP_Task::~KP_Task() {
+    if (release_ != nullptr) {
+        release_(arg_);
+    }
+}
 
 void* KP_Task::operator new(std::size_t size) noexcept {
     // A host's class that is larger, and inherits this, has memory of its own.
@@ -70,5 +75,5 @@ int KP_Task::setID(int id) {
 }
 
 KP_Task* KP_Task::create() {
-    return kp::detail::createAndInit<KP_Task>();
+    return kp::createAndInit<KP_Task>();
 }

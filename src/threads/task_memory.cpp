@@ -52,9 +52,10 @@ public:
 private:
     RecursiveLock lock_;
     std::size_t count_ = 0;
-    void* batches_[kBatches][kBatch];
+    void* batches_[kBatches][kBatch] = {};  // With a value, so that it needs no constructor.
 };
 
+// Zero from the start: the static objects of a host may use tasks before and after those of ours.
 Depot depot;
 
 /// A thread's own blocks.

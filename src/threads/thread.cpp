@@ -13,7 +13,8 @@ namespace {
 using Guard = std::lock_guard<kp::detail::RecursiveLock>;
 
 constexpr int kJoinSlice = 1000;        // milliseconds
-constexpr int kForcedEndLimit = 10000;  // milliseconds
+constexpr int kForcedEndLimit = 5000;   // milliseconds
+constexpr int kLongestDeafness = 500;   // milliseconds until a wait notices that it is unwanted
 constexpr int kLongestSleep = 2147483;  // seconds whose milliseconds fit an int
 
 }  // namespace
@@ -41,6 +42,7 @@ struct KP_Thread::Loop {
     // On the new thread, last thing: nobody may ask the system for the thread afterwards.
     void end() {
         const Guard guard(lock);
+        kp::platform::happensBefore(&ended);
         ended.store(1, std::memory_order_release);
         kp::platform::wakeAll(ended);
     }
@@ -56,10 +58,32 @@ struct KP_Thread::Loop {
         return begun && ended.load(std::memory_order_relaxed) == 0 &&
                id == kp::platform::currentThread();
     }
-    void waitForEnd(const kp::platform::Deadline* deadline) {
-        while (ended.load(std::memory_order_acquire) == 0 &&
-               kp::platform::waitWhileEqual(ended, 0, deadline)) {
+    bool hasEnded() const {
+        if (ended.load(std::memory_order_acquire) == 0) {
+            return false;
         }
+        kp::platform::happensAfter(&ended);
+        return true;
+    }
+    // Waits for as long as it takes.
+    void waitForEnd() {
+        while (!hasEnded()) {
+            kp::platform::waitWhileEqual(ended, 0, nullptr);
+        }
+    }
+    // Waits a limited time, and no longer when the waiting thread itself is to be ended by force;
+    // whether the loop has ended. The signal for that may come just before the sleep.
+    bool waitALittleForEnd() {
+        for (int slices = kForcedEndLimit / kLongestDeafness; !hasEnded(); --slices) {
+            if (slices == 0 || kp::platform::isAbandonWanted()) {
+                return false;
+            }
+            const kp::platform::Deadline slice = kp::platform::deadlineIn(kLongestDeafness);
+            while (!hasEnded() && !kp::platform::isAbandonWanted() &&
+                   kp::platform::waitWhileEqual(ended, 0, &slice)) {
+            }
+        }
+        return true;
     }
 
     KP_Thread* const thread;
@@ -73,40 +97,44 @@ struct KP_Thread::Loop {
 
 KP_Thread::KP_Thread(void (*function)(void*), void* arg) : function_(function), arg_(arg) {}
 
-// The references are those to the source and its loop, so a copy starts with one of its own.
-// NOLINTNEXTLINE(bugprone-copy-constructor-init)
 KP_Thread::KP_Thread(const KP_Thread& other)
     : KP_Object(other),
       KP_Runnable(other),
-      KP_ReferenceCounter(),
+      KP_ReferenceCounter(other),
       KP_Mutex(other),
       function_(nullptr),
       arg_(nullptr) {
-    *this = other;
+    copySettings(other);
 }
 
 KP_Thread& KP_Thread::operator=(const KP_Thread& other) {
-    if (this == &other) {
-        return *this;
+    if (this != &other) {
+        const std::lock_guard<KP_Mutex> guard(*this);
+        Loop* const last = currentLoop();
+        if (last == nullptr || last->hasEnded()) {
+            KP_ReferenceCounter::operator=(other);
+        }
+        Loop::drop(last);
+        copySettings(other);
     }
+    return *this;
+}
+
+void KP_Thread::copySettings(const KP_Thread& other) {
     function_ = other.function_.load();
     arg_ = other.arg_.load();
     arg2_ = other.arg2_.load();
     iterationLimit_ = other.iterationLimit_.load();
     iterationCount_ = other.iterationCount_.load();
     sleepInterval_ = other.sleepInterval_.load();
+    continue_ = other.continue_.load();
     hardStop_ = other.hardStop_.load();
-    return *this;
 }
 
 KP_Thread::~KP_Thread() {
     KP_Thread::stop();
-    Loop* loop = currentLoop();
-    if (loop != nullptr) {
-        if (!loop->isCurrentThread()) {
-            loop->waitForEnd(nullptr);
-        }
-        Loop::drop(loop);
+    if (!isOwnLoop()) {
+        waitForLoop();
     }
     Loop::drop(loop_.load());
     endTask();
@@ -142,6 +170,7 @@ int KP_Thread::start(void (*function)(void*), void* arg) {
         const kp::detail::Abandonable shield(false);
         const Guard guard(loopLock_);
         ++pairing_;
+        kp::platform::happensBefore(&arg_);
         if (arg != nullptr) {
             arg_ = arg;
         }
@@ -155,18 +184,28 @@ int KP_Thread::start(void (*function)(void*), void* arg) {
 
 int KP_Thread::start() {
     const kp::detail::Abandonable shield(false);
-    const std::lock_guard<KP_Mutex> guard(*this);
+    std::unique_lock<KP_Mutex> guard(*this);
+    // The last loop may be on its way out still, for which it needs the lock. Whoever destroys the
+    // object waits for one loop, so there are never two.
+    while (!handle_) {
+        Loop* const last = currentLoop();
+        const bool isGone = last == nullptr || last->isCurrentThread() || last->hasEnded();
+        if (!isGone) {
+            guard.unlock();
+        }
+        const bool hasEnded = isGone || last->waitALittleForEnd();
+        Loop::drop(last);
+        if (isGone) {
+            break;
+        }
+        if (!hasEnded) {
+            return -1;
+        }
+        guard.lock();
+    }
     if (handle_) {
         continue_ = 1;
         return 0;
-    }
-    // The last loop may be on its way out still, and whoever destroys the object waits for one.
-    if (Loop* last = currentLoop()) {
-        if (!last->isCurrentThread()) {
-            const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
-            last->waitForEnd(&deadline);
-        }
-        Loop::drop(last);
     }
     void* memory = KP_Object::operator new(sizeof(Loop));
     if (memory == nullptr) {
@@ -251,6 +290,15 @@ bool KP_Thread::goesOn() {
     return false;
 }
 
+// Waits for the loop of the last start() for as long as it takes.
+void KP_Thread::waitForLoop() {
+    Loop* const loop = currentLoop();
+    if (loop != nullptr) {
+        loop->waitForEnd();
+    }
+    Loop::drop(loop);
+}
+
 // Runs one iteration's work: the one stretch of the loop that may be broken off.
 int KP_Thread::work() {
     const kp::detail::Abandonable window(true);
@@ -269,9 +317,10 @@ void KP_Thread::leaveLoop() {
 }
 
 void KP_Thread::signalJoiners() {
-    for (int joiners = event_.numWaiting(); joiners > 0; --joiners) {
+    int joiners = event_.numWaiting();
+    do {
         joinSignal();
-    }
+    } while (--joiners > 0);
 }
 
 bool KP_Thread::isLoopOf(const Loop* loop) {
@@ -289,6 +338,7 @@ int KP_Thread::doTask() {
         arg = arg_;
         function = function_;
     } while (pairing % 2 != 0 || pairing != pairing_);
+    kp::platform::happensAfter(&arg_);
     if (function != nullptr) {
         function(arg);
     }
@@ -305,6 +355,7 @@ int KP_Thread::setFunction(void (*function)(void*)) {
 }
 
 int KP_Thread::setArg(void* arg) {
+    kp::platform::happensBefore(&arg_);
     arg_ = arg;
     return 0;
 }
@@ -334,6 +385,7 @@ int KP_Thread::setContinue(int on) {
 }
 
 int KP_Thread::stop() {
+    const kp::detail::Abandonable shield(false);
     if (!handle_) {
         return 0;
     }
@@ -349,26 +401,27 @@ void KP_Thread::endByForce() {
     Loop* loop = currentLoop();
     const bool taken = loop != nullptr && handle_.exchange(false);
     if (taken && loop->isCurrentThread()) {
-        Loop::drop(loop);  // Nothing after the next line may be reached.
-        kp::platform::abandonWork(kp::platform::currentThread());
+        Loop::drop(loop);
+        kp::platform::abandonWork(kp::platform::currentThread());  // As soon as it is allowed.
         return;
     }
     if (taken) {
         loop->abandon();
-        const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
-        loop->waitForEnd(&deadline);
+        loop->waitALittleForEnd();
     }
     Loop::drop(loop);
 }
 
+// What waits here may itself be work that is to be ended by force: it then goes where it may be.
 int KP_Thread::join(KP_Mutex*, int) {
+    const kp::detail::Abandonable shield(false);
     if (isOwnLoop()) {
         return -1;
     }
     Loop* const loop = currentLoop();
     int result = 0;
     std::unique_lock<KP_Mutex> guard(*this);
-    while (handle_) {
+    while (handle_ && !kp::platform::isAbandonWanted()) {
         guard.unlock();
         if (sleeping_ != 0) {
             joinSignal();
@@ -391,9 +444,8 @@ int KP_Thread::join(KP_Mutex*, int) {
     guard.unlock();
     // The loop has one step left, giving up its reference; whoever has joined may destroy the
     // object.
-    if (loop != nullptr) {
-        const kp::platform::Deadline deadline = kp::platform::deadlineIn(kForcedEndLimit);
-        loop->waitForEnd(&deadline);
+    if (loop != nullptr && !handle_) {
+        loop->waitALittleForEnd();
     }
     Loop::drop(loop);
     return result;
@@ -410,7 +462,7 @@ int KP_Thread::sleep(int seconds) {
     const std::uint32_t last = event_.announce();
     // A stop that came before this thread was counted has signalled in vain.
     if (continue_ != 0) {
-        event_.waitAnnounced(last, std::max(1, std::min(seconds, kLongestSleep) * 1000));
+        event_.waitAnnounced(last, std::max(0, std::min(seconds, kLongestSleep)) * 1000);
     } else {
         event_.withdraw();
     }
@@ -419,10 +471,9 @@ int KP_Thread::sleep(int seconds) {
 }
 
 char* KP_Thread::getClassName() {
-    return kp::detail::className("KP_Thread");
+    return kp::className("KP_Thread");
 }
 
 int KP_Thread::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Thread, KP_Runnable, KP_Object, KP_ReferenceCounter>(this, id,
-                                                                                        out);
+    return kp::answerAs<KP_Thread, KP_Runnable, KP_Object, KP_ReferenceCounter>(this, id, out);
 }

@@ -1,5 +1,7 @@
 #include "kp/threads/thread_list.h"
 
+#include <utility>
+
 #include "kp/core/log.h"
 #include "kp/tools/tools.h"
 #include "threads/abandonable.h"
@@ -7,11 +9,51 @@
 template class KP_Link<KP_Thread>;
 template class KP_List<KP_Thread>;
 
+namespace {
+
+constexpr int kLockSlice = 5;  // milliseconds between two attempts to get a lock
+
+}  // namespace
+
 KP_ThreadList::KP_ThreadList() {
     setOwner(1);
 }
 
+KP_ThreadList::KP_ThreadList(const KP_ThreadList& other)
+    : KP_Object(other), KP_Mutex(other), KP_Runnable(other), KP_List<KP_Thread>(), isCopy_(true) {
+    const std::lock_guard<KP_Mutex> guard(const_cast<KP_ThreadList&>(other));
+    takeOver(other, copyLink);
+    for (KP_Thread* thread : elements()) {
+        if (thread != nullptr) {
+            thread->addRef();
+        }
+    }
+    setOwner(1);
+}
+
+KP_ThreadList& KP_ThreadList::operator=(const KP_ThreadList& other) {
+    if (this != &other) {
+        KP_ThreadList copy(other);
+        endThreads();
+        const std::lock_guard<KP_Mutex> guard(*this);
+        std::swap(head_, copy.head_);
+        std::swap(tail_, copy.tail_);
+        std::swap(count_, copy.count_);
+        current_ = std::exchange(copy.current_, nullptr);
+        isCopy_ = true;
+    }
+    return *this;
+}
+
 KP_ThreadList::~KP_ThreadList() {
+    endThreads();
+}
+
+// Takes the work away from the threads and tells them to end, if they are this list's alone.
+void KP_ThreadList::endThreads() {
+    if (isCopy_) {
+        return;
+    }
     for (KP_Thread* thread : elements()) {
         if (thread != nullptr) {
             thread->setFunction(nullptr);
@@ -59,6 +101,19 @@ bool KP_ThreadList::isOwnThread() {
     return false;
 }
 
+// Takes the right to start or join. False when the caller is work that is to be ended by force:
+// whoever holds it may hold it for long.
+bool KP_ThreadList::lockLifecycle() {
+    KP_Event never;
+    while (!lifecycle_.try_lock()) {
+        if (kp::platform::isAbandonWanted()) {
+            return false;
+        }
+        never.wait(nullptr, kLockSlice);
+    }
+    return true;
+}
+
 // Lets go of the lifecycle, and does what one of the list's own threads could not wait for.
 void KP_ThreadList::unlockLifecycle() {
     lifecycle_.unlock();
@@ -86,7 +141,9 @@ int KP_ThreadList::start() {
         }
         startWanted_ = false;
     } else {
-        lifecycle_.lock();
+        if (!lockLifecycle()) {
+            return 0;
+        }
         changing_.lock();
     }
     if (running_ == 0 && barred_ == 0) {
@@ -172,13 +229,13 @@ int KP_ThreadList::join(KP_Mutex* mutex, int milliseconds) {
         if (!lifecycle_.try_lock()) {
             return 0;
         }
-    } else {
-        lifecycle_.lock();
+    } else if (!lockLifecycle()) {
+        return 0;
     }
     // Not under the list's lock: a thread that is waited for may need the list before it ends.
     int position = 0;
     for (KP_Thread* thread = referenceTo(position); thread != nullptr;
-         thread = referenceTo(++position)) {
+         thread = kp::platform::isAbandonWanted() ? nullptr : referenceTo(++position)) {
         if (thread->join(mutex, milliseconds) != 0) {
             KP_Log::flog(nullptr, "KP_ThreadList::wait(): Error waiting on a thread");
         }
@@ -198,13 +255,13 @@ int KP_ThreadList::isRunning() {
 }
 
 char* KP_ThreadList::getClassName() {
-    return kp::detail::className("KP_ThreadList");
+    return kp::className("KP_ThreadList");
 }
 
 int KP_ThreadList::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_ThreadList, KP_Runnable, KP_Object>(this, id, out);
+    return kp::answerAs<KP_ThreadList, KP_Runnable, KP_Object>(this, id, out);
 }
 
 KP_ThreadList* KP_ThreadList::create() {
-    return kp::detail::createAndInit<KP_ThreadList>();
+    return kp::createAndInit<KP_ThreadList>();
 }

@@ -61,6 +61,31 @@ KP_ThreadPool::KP_ThreadPool(int threads) : threads_(threads) {
     }
 }
 
+KP_ThreadPool::KP_ThreadPool(const KP_ThreadPool& other)
+    : KP_Object(other),
+      KP_Mutex(other),
+      KP_Runnable(other),
+      KP_ThreadList(),
+      threads_(other.threads_),
+      autoStop_(other.autoStop_.load()),
+      autoStart_(other.autoStart_.load()) {
+    for (int i = const_cast<KP_ThreadPool&>(other).getCount(); i > 0; --i) {
+        KP_ThreadPool::addThread();
+    }
+}
+
+KP_ThreadPool& KP_ThreadPool::operator=(const KP_ThreadPool& other) {
+    if (this != &other && reset() == 0) {
+        threads_ = other.threads_;
+        autoStop_ = other.autoStop_.load();
+        autoStart_ = other.autoStart_.load();
+        for (int i = const_cast<KP_ThreadPool&>(other).getCount(); i > 0; --i) {
+            addThread();
+        }
+    }
+    return *this;
+}
+
 KP_ThreadPool::~KP_ThreadPool() {
     ++barred_;
     KP_ThreadPool::reset();
@@ -77,12 +102,27 @@ KP_Task* KP_ThreadPool::createTask(void (*function)(void*), void* arg, int id) {
 
 int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
     const kp::detail::Abandonable shield(false);
-    KP_Task* task = createTask(function, arg, id);
+    return queue(createTask(function, arg, id));
+}
+
+int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id, void (*end)(void*)) {
+    const kp::detail::Abandonable shield(false);
+    KP_Task* const task = createTask(function, arg, id);
+    if (task != nullptr) {
+        task->setRelease(end);
+    } else if (end != nullptr) {
+        end(arg);
+    }
+    return queue(task);
+}
+
+int KP_ThreadPool::queue(KP_Task* task) {
     if (task == nullptr) {
         return -1;
     }
     bool running = false;
     bool waiting = false;
+    KP_Thread* worker = nullptr;
     {
         // Under one lock, as a worker's decision to stop the pool is: either that sees the task, or
         // this sees that the pool has stopped.
@@ -91,11 +131,19 @@ int KP_ThreadPool::addTask(void (*function)(void*), void* arg, int id) {
         added_.store(added_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         running = isRunning() != 0;
         waiting = work_.numWaiting() > 0;
+        if (running && currentWorker_ != nullptr) {
+            worker = currentWorker_;
+            worker->addRef();
+        }
     }
     if (running && waiting) {
         wakeWorker();
     } else if (!running && autoStart_ != 0) {
         start();
+    }
+    if (worker != nullptr) {
+        worker->joinSignal();
+        worker->release();
     }
     return 0;
 }
@@ -235,6 +283,10 @@ bool KP_ThreadPool::endIdleRun() {
 
 bool KP_ThreadPool::endRun() {
     const bool was = clearRunning();
+    {
+        const ChainGuard guard(in_.lock);
+        currentWorker_ = nullptr;
+    }
     wakeAllWorkers();
     return was;
 }
@@ -245,6 +297,13 @@ int KP_ThreadPool::doTask(KP_Thread* worker) {
     }
     const kp::detail::Abandonable shield(false);
     worker->endTask();  // The last one may have been broken off.
+    if (worker
+            ->yields_) {  // Not one of the pool's own, on which joinSignal() would change nothing.
+        const ChainGuard guard(in_.lock);
+        if (isRunning() != 0) {
+            currentWorker_ = worker;
+        }
+    }
     if (isRunning() == 0) {
         return 0;
     }
@@ -281,6 +340,10 @@ bool KP_ThreadPool::runsTask(int id) {
 int KP_ThreadPool::removeTasksByID(int id) {
     const kp::detail::Abandonable shield(false);
     const bool inside = isOwnThread();
+    if (!inside && isRunning() != 0) {
+        stop();
+        join(nullptr, 0);
+    }
     for (bool done = false; !done;) {
         Chain removed;
         {
@@ -291,7 +354,8 @@ int KP_ThreadPool::removeTasksByID(int id) {
         }
         removed.releaseAll();
         const std::uint32_t last = taskEnded_.announce();
-        done = inside || !runsTask(id);
+        // Somebody else may have started the pool again.
+        done = inside || !runsTask(id) || kp::platform::isAbandonWanted();
         if (done) {
             taskEnded_.withdraw();
         } else {
@@ -322,13 +386,19 @@ int KP_ThreadPool::init() {
 }
 
 int KP_ThreadPool::reset() {
+    const kp::detail::Abandonable shield(false);
     if (isOwnThread()) {
         return -1;
     }
-    // A worker without its pool would run into nothing, so none may be left.
+    // A worker without its pool would run into nothing, so none may be left, also where join() has
+    // given up waiting.
     ++barred_;
     KP_ThreadPool::stop();
     join(nullptr, 0);
+    for (int position = 0; KP_Thread* const worker = referenceTo(position); ++position) {
+        worker->waitForLoop();
+        worker->release();
+    }
     Chain left;
     {
         const ChainGuard taking(out_.lock);

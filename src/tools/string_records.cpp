@@ -28,7 +28,7 @@ int KP_Tools::readStringNoMalloc(char* buf, int size, std::FILE* f) {
     if (!readLength(f, &length)) {
         return -1;
     }
-    if (size < 0 || length > static_cast<unsigned>(size)) {
+    if (length > static_cast<unsigned>(size)) {
         KP_Log::debug("archiving_readStringNoMalloc: no memory for string");
         return -1;
     }

@@ -26,9 +26,19 @@ struct Comparable {
     KP_Compare* view;
 };
 
-bool comesBefore(const Comparable& first, const Comparable& second) {
-    return first.view == nullptr || second.view == nullptr ||
-           first.view->compare(second.view, 0) < 0;
+// Whether the first of two entries belongs behind the second. Some classes of hosts know one side
+// only: 0 is asked about again the other way around.
+bool isAfter(const Comparable& first, const Comparable& second) {
+    if (first.view == nullptr || second.view == nullptr) {
+        return false;
+    }
+    const int order = first.view->compare(second.view, 0);
+    return order != 0 ? order > 0 : second.view->compare(first.view, 0) < 0;
+}
+
+bool isAfter(KP_Object* first, KP_Object* second) {
+    const int order = kp::detail::compareObjects(first, second, 0);
+    return order != 0 ? order > 0 : kp::detail::compareObjects(second, first, 0) < 0;
 }
 
 // Merges the sorted runs [begin, middle) and [middle, end) of from into to. An order that
@@ -38,8 +48,7 @@ void merge(const Comparable* from, Comparable* to, std::size_t begin, std::size_
     std::size_t left = begin;
     std::size_t right = middle;
     for (std::size_t i = begin; i < end; ++i) {
-        const bool takeRight =
-            left == middle || (right < end && comesBefore(from[right], from[left]));
+        const bool takeRight = left == middle || (right < end && isAfter(from[left], from[right]));
         to[i] = takeRight ? from[right++] : from[left++];
     }
 }
@@ -77,11 +86,10 @@ bool sortObjects(KP_Object** objects, std::size_t count) {
 void heapSort(KP_Object** objects, std::size_t count) {
     const auto sink = [objects](std::size_t root, std::size_t end) {
         for (std::size_t child = 2 * root + 1; child < end; child = 2 * root + 1) {
-            if (child + 1 < end &&
-                kp::detail::compareObjects(objects[child], objects[child + 1], 0) < 0) {
+            if (child + 1 < end && isAfter(objects[child + 1], objects[child])) {
                 ++child;
             }
-            if (kp::detail::compareObjects(objects[root], objects[child], 0) >= 0) {
+            if (!isAfter(objects[child], objects[root])) {
                 return;
             }
             std::swap(objects[root], objects[child]);

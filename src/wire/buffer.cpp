@@ -105,11 +105,11 @@ int KP_Buffer::setOwner(int on) {
 }
 
 char* KP_Buffer::getClassName() {
-    return kp::detail::className("KP_Buffer");
+    return kp::className("KP_Buffer");
 }
 
 int KP_Buffer::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Buffer>(this, id, out);
+    return kp::answerAs<KP_Buffer>(this, id, out);
 }
 
 int KP_Buffer::reset() {
@@ -140,5 +140,5 @@ int KP_Buffer::print(std::FILE* file) {
 }
 
 KP_Buffer* KP_Buffer::create() {
-    return kp::detail::createAndInit<KP_Buffer>();
+    return kp::createAndInit<KP_Buffer>();
 }

@@ -24,7 +24,7 @@ struct Bytes {
 };
 
 KP_Buffer* asBuffer(KP_Object* element) {
-    return kp::detail::viewAs<KP_Buffer>(element);
+    return kp::viewAs<KP_Buffer>(element);
 }
 
 // Of an element that is no buffer: none.
@@ -41,6 +41,45 @@ Bytes bytesOf(KP_Object* element) {
 
 KP_BufferStream::KP_BufferStream() {
     chain_.setOwner(1);
+}
+
+KP_BufferStream::KP_BufferStream(const KP_BufferStream& other)
+    : KP_Object(other), KP_Stream(other), chain_(other.chain_) {
+    copyPlaces(other);
+}
+
+KP_BufferStream& KP_BufferStream::operator=(const KP_BufferStream& other) {
+    if (this != &other) {
+        chain_ = other.chain_;
+        copyPlaces(other);
+    }
+    return *this;
+}
+
+// Takes over what stands beside the chain, which is a copy of the other's already; its cursor is
+// where the other's is.
+void KP_BufferStream::copyPlaces(const KP_BufferStream& other) {
+    m_iTotal = other.m_iTotal;
+    start_ = other.start_;
+    next_ = other.next_;
+    end_ = other.end_;
+    std::fill(std::begin(marks_), std::end(marks_), nullptr);
+    Link* const current = chain_.getCurrentLink();
+    auto& others = const_cast<KP_List<KP_Object>&>(other.chain_);
+    Link* const othersCurrent = others.getCurrentLink();
+    chain_.first();
+    others.first();
+    Link* link = chain_.getCurrentLink();
+    for (Link* from = others.getCurrentLink(); from != nullptr; from = from->getNext()) {
+        for (int mark = 0; mark < kMarks; ++mark) {
+            if (other.marks_[mark] == from) {
+                marks_[mark] = link;
+            }
+        }
+        link = link->getNext();
+    }
+    others.setCurrentLink(othersCurrent);
+    chain_.setCurrentLink(current);
 }
 
 KP_BufferStream::~KP_BufferStream() = default;
@@ -278,7 +317,7 @@ int KP_BufferStream::find(unsigned char* place) {
     return 1;
 }
 
-int KP_BufferStream::findPattern(const char* pattern) {
+int KP_BufferStream::findPattern(char* pattern) {
     constexpr std::size_t kLength = 5;
     if (pattern == nullptr) {
         return 0;
@@ -381,11 +420,11 @@ KP_Buffer* KP_BufferStream::getCurrentBuffer() {
 }
 
 char* KP_BufferStream::getClassName() {
-    return kp::detail::className("KP_BufferStream");
+    return kp::className("KP_BufferStream");
 }
 
 int KP_BufferStream::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_BufferStream, KP_Stream>(this, id, out);
+    return kp::answerAs<KP_BufferStream, KP_Stream>(this, id, out);
 }
 
 int KP_BufferStream::reset() {
@@ -402,5 +441,5 @@ int KP_BufferStream::print(std::FILE* file) {
 }
 
 KP_BufferStream* KP_BufferStream::create() {
-    return kp::detail::createAndInit<KP_BufferStream>();
+    return kp::createAndInit<KP_BufferStream>();
 }

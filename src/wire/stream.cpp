@@ -3,9 +3,9 @@
 KP_Stream::~KP_Stream() = default;
 
 char* KP_Stream::getClassName() {
-    return kp::detail::className("KP_Stream");
+    return kp::className("KP_Stream");
 }
 
 int KP_Stream::queryInterface(unsigned long id, void** out) {
-    return kp::detail::answerAs<KP_Stream>(this, id, out);
+    return kp::answerAs<KP_Stream>(this, id, out);
 }

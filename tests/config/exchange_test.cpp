@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "kp/config/config.h"
+#include "support/failing_malloc.h"
 #include "support/installation.h"
 #include "support/socket_pair.h"
 
@@ -30,6 +31,30 @@ TEST(ExchangeTest, IsSentAndReceivedInTheseBytes) {
     ASSERT_EQ(config.writeJ(sockets.ours()), 0);
     EXPECT_EQ(SocketPair::unread(sockets.theirs()),
               kHead + kMapping + "secret\n" + "\0\x01"s + kNets);
+}
+
+TEST(ExchangeTest, ReceivesIntoANewArrayAndLeavesTheOldOneToItsOwner) {
+    kp::test::Installation site;
+    site.openLog();
+    KP_Config config;
+    const SocketPair sockets;
+    const std::string message = kHead + kMapping + "secret\n" + "\x01" + kNets;
+    sockets.send(message);
+    ASSERT_EQ(config.readJ(sockets.ours()), 0);
+    KP_Config::MimeType* const before = config.mimeTypes;
+    sockets.send(message);
+    {
+        const kp::test::FailingMalloc failing(1);
+        EXPECT_EQ(config.readJ(sockets.ours()), -1);
+    }
+    EXPECT_EQ(site.newLog(), "TIME - hcommand_SET_CONFIG: Not enough memory.\n");
+    EXPECT_EQ(config.mimeTypes, before);
+    SocketPair::unread(sockets.ours());
+    sockets.send(message);
+    ASSERT_EQ(config.readJ(sockets.ours()), 0);
+    EXPECT_NE(config.mimeTypes, before);
+    EXPECT_STREQ(before[0].type, "text/html");
+    std::free(before);
 }
 
 TEST(ExchangeTest, HostileMessagesStayWithinTheirBounds) {

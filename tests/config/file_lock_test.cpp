@@ -105,4 +105,28 @@ TEST_F(FileLockTest, AFileThatCannotBeOpenedIsTold) {
     EXPECT_EQ(site_.newLog(), "TIME - archiving_openReader: error opening " + missing + "\n");
 }
 
+TEST_F(FileLockTest, ADescriptorForReadingHasASharedLock) {
+    site_.write("day.lock", "");
+    const int readers[] = {::open(path_.c_str(), O_RDONLY), ::open(path_.c_str(), O_RDONLY)};
+    KP_FileLock first;
+    KP_FileLock second;
+    KP_FileLock writer;
+    first.setFD(readers[0]);
+    second.setFD(readers[1]);
+    writer.open(path_.c_str());
+    first.lock();
+    second.lock();
+    writer.lock();
+    EXPECT_TRUE(first.isHeld() && second.isHeld() && !writer.isHeld());
+    first.unlock();
+    second.unlock();
+    writer.lock();
+    first.lock();
+    EXPECT_TRUE(writer.isHeld() && !first.isHeld());
+    ::close(readers[0]);
+    ::close(readers[1]);
+    first.lock();  // What is closed can have none.
+    EXPECT_FALSE(first.isHeld());
+}
+
 }  // namespace

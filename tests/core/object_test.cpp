@@ -177,10 +177,10 @@ TEST(CreateTest, InitialisesOnceWhateverInitSaysAndGivesNullWithoutMemory) {
     object->addRef();
     object->release();  // a plain object ends at once
     KP_ReferenceCounter::create()->release();
-    auto* failing = kp::detail::createAndInit<Failing>();
+    auto* failing = kp::createAndInit<Failing>();
     EXPECT_EQ(failing->tries, 1);
     failing->release();
-    EXPECT_EQ(kp::detail::createAndInit<Huge>(), nullptr);
+    EXPECT_EQ(kp::createAndInit<Huge>(), nullptr);
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ public:
         return 100 * mode + value_ - dynamic_cast<Comparable&>(*other).value_;
     }
     int queryInterface(unsigned long id, void** out) override {
-        return kp::detail::answerAs<Comparable, KP_Compare, KP_Object>(this, id, out);
+        return kp::answerAs<Comparable, KP_Compare, KP_Object>(this, id, out);
     }
     static unsigned long getClassID() { return 0x00C0FFEE; }
 
@@ -37,7 +37,7 @@ class Specific : public Comparable {};
 class Aloof : public virtual KP_Object {
 public:
     int queryInterface(unsigned long id, void** out) override {
-        return kp::detail::answerAs<Aloof>(this, id, out);
+        return kp::answerAs<Aloof>(this, id, out);
     }
     static unsigned long getClassID() { return 0x0000A100; }
 };

@@ -150,7 +150,7 @@ TEST(ThreadPoolTest, RemovalWaitsForARunningTaskExceptFromInside) {
     ASSERT_TRUE(gate.isEntered());
     together(4, [&](int i) {
         if (i == 3) {
-            EXPECT_TRUE(until([] { return fates[7].withdrawn == 1; }));
+            EXPECT_TRUE(until([&] { return pool.isRunning() == 0; }));
             EXPECT_EQ(gate.left, 0);
             gate.open = true;
         } else {

@@ -61,7 +61,9 @@ TEST_F(RecordsTest, LongerOnesThanThereIsRoomForAreRefusedAndToldInTheDebugLog) 
     EXPECT_EQ(KP_Tools::readStringNoMalloc(text.data(), 5, file), -1);
     EXPECT_EQ(site_.newLog(), "archiving_readStringNoMalloc: no memory for string");
     EXPECT_EQ(std::getc(file), 'a');  // the text is still there
-    std::fseek(file, 8, SEEK_SET);
+    std::rewind(file);
+    EXPECT_EQ(KP_Tools::readStringNoMalloc(text.data(), -1, file), 0);  // Larger than any text.
+    EXPECT_STREQ(text.data(), "abcdef");
     EXPECT_EQ(KP_Tools::readStringNoMalloc(text.data(), 0, file), 0);
     EXPECT_STREQ(text.data(), "");
     std::fseek(file, 8, SEEK_SET);

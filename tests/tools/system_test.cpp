@@ -15,6 +15,7 @@
 #include "kp/core/log.h"
 #include "kp/tools/tools.h"
 #include "support/child.h"
+#include "support/failing_malloc.h"
 #include "support/installation.h"
 
 namespace {
@@ -116,6 +117,56 @@ TEST(SortTest, ComparesTheObjectsThemselvesOrAsTold) {
     KP_Object* mixed[] = {&two, &odd, &one};
     KP_Tools::sort(mixed, 3, nullptr);  // in any order, but all of them
     EXPECT_EQ(std::count(mixed, mixed + 3, &odd), 1);
+}
+
+// Knows one side of its order only; the other side is 0.
+class OneSided : public virtual KP_Compare {
+public:
+    OneSided(int value, bool knowsAfter) : value_(value), knowsAfter_(knowsAfter) {}
+    int compare(KP_Compare* other, int) override {
+        const int order = value_ - dynamic_cast<OneSided&>(*other).value_;
+        return (order > 0) == knowsAfter_ ? order : 0;
+    }
+
+private:
+    int value_;
+    bool knowsAfter_;
+};
+
+TEST(SortTest, UsesTheWholeAnswerWithMemoryAndWithout) {
+    for (const bool knowsAfter : {true, false}) {
+        for (const bool hasMemory : {true, false}) {
+            OneSided a(1, knowsAfter), b(2, knowsAfter), c(3, knowsAfter), d(4, knowsAfter);
+            KP_Object* entries[] = {&c, &a, &d, &b};
+            {
+                const kp::test::FailingMalloc failing(hasMemory ? 0 : 1,
+                                                      kp::test::FailingMalloc::kFromThenOn);
+                KP_Tools::sort(entries, 4, nullptr);
+            }
+            EXPECT_TRUE(entries[0] == &a && entries[1] == &b && entries[2] == &c &&
+                        entries[3] == &d)
+                << knowsAfter << hasMemory;
+        }
+    }
+}
+
+TEST(TimeTextTest, FollowsTheZoneOfTheEnvironment) {
+    const auto hourIn = [](const char* zone) {
+        setenv("TZ", zone, 1);
+        char text[60];
+        KP_Tools::getTimeString1(text);
+        return std::string(text).substr(10, 2);
+    };
+    const char* const before = std::getenv("TZ");
+    const std::string kept = before != nullptr ? before : "";
+    std::string here;
+    std::string there;
+    do {  // Again when an hour ends in between.
+        here = hourIn("AAA0");
+        there = hourIn("BBB-5");
+    } while (here != hourIn("AAA0"));
+    before != nullptr ? setenv("TZ", kept.c_str(), 1) : unsetenv("TZ");
+    EXPECT_EQ((std::stoi(here) + 5) % 24, std::stoi(there));
 }
 
 TEST(InstallDirTest, IsTheVariablesTextIfThatIsADirectory) {

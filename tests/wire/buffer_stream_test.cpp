@@ -150,6 +150,27 @@ TEST_F(StreamTest, StepsAcrossBuffers) {
     EXPECT_EQ(stream_.getNext(), 'c');
 }
 
+TEST_F(StreamTest, ACopyWalksTheSameBuffersAndOwnsNone) {
+    build({"ab", "cd", "e"});
+    stream_.bumpToNext(2);
+    unsigned char* const place = stream_.markNext(3);
+    stream_.incNext();
+    KP_BufferStream copy(stream_);
+    EXPECT_EQ(copy.getNext(), 'd');
+    EXPECT_EQ(copy.total(), 5U);
+    EXPECT_EQ(copy.incNext(), 1);
+    EXPECT_EQ(copy.resetNext(place, 3), 0);
+    EXPECT_EQ(copy.resetNext(place, 4), -1);
+    EXPECT_EQ(copy.ontoNext(), 'd');
+    EXPECT_EQ(stream_.getNext(), 'd');
+    KP_BufferStream assigned;
+    assigned.add(KP_Buffer::create());  // Released by the assignment.
+    assigned = copy;
+    copy.reset();
+    EXPECT_EQ(assigned.ontoNext(), 'e');
+    EXPECT_EQ(stream_.ontoNext(), 'e');
+}
+
 TEST_F(StreamTest, TextsAreCopiedForReading) {
     unsigned char out[16];
     build({"GE", "T\t\r"});

@@ -57,9 +57,9 @@ const Reader kReaders[] = {
     reader("readJ_SInt32", readJ_SInt32, bytes("\xFF\xFF\xFF\xFE"), -2),
     reader("readJ_SInt32", readJ_SInt32, bytes("\x7F\x00\x80\x01"), 0x7F008001),
     reader("readJ_UInt32", readJ_UInt32, bytes("\x01\x02\x03\x04\x89\xAB\xCD\xEF"), 0x89ABCDEF),
-    reader("readJ_SInt64", readJ_SInt64, bytes("\x01\x02\x03\x04\x05\x06\x07\x80"),
-           0x0102030405060780),
-    reader("readJ_SInt64", readJ_SInt64, bytes("\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"), -1),
+    reader<std::int64_t>("readJ_SInt64", readJ_SInt64, bytes("\x01\x02\x03\x04\x05\x06\x07\x80"),
+                         0x0102030405060780),
+    reader<long long>("readJ_SInt64", readJ_SInt64, bytes("\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"), -1),
 };
 
 struct Writer {

@@ -101,7 +101,10 @@ public:
     /// Receives the same from the front end, which sends applyNetAddress as one byte (Boolean), so
     /// that what writeJ() has sent cannot be read here.
     ///
-    /// Mappings held before are given back. Of a mapping the first 63 characters of the type and
+    /// The mappings come in a new array: the one before stays the caller's, and is lost unless the
+    /// caller calls reset() first or has kept its address. After a failure within the mappings the
+    /// rest of the array is empty records; without memory for it ("hcommand_SET_CONFIG: Not enough
+    /// memory." in the log) the array before and its number stay. Of a mapping the first 63 characters of the type and
     /// the first 16 extensions, 15 characters each, are kept. More than 5 networks, addresses that
     /// are none, a device, filter or password that is too long, any line of more than 2047
     /// characters, and a message that ends too early are refused. Returns 0; -1 at the first

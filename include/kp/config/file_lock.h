@@ -16,7 +16,8 @@
 /// ask for it and nobody else.
 ///
 /// As lock() and unlock() always return 0, isHeld() tells whether the lock was got. Their faults go
-/// to the log when its debug level is not 0. A descriptor of a caller's must be open for writing.
+/// to the log when its debug level is not 0. On a descriptor of a caller's that is open for reading
+/// only the lock is shared: others who read may have theirs at the same time, and a writer may not.
 ///
 /// A copy uses the descriptor of its source, which stays the source's, and has not locked it. Both
 /// are on the same side: they do not exclude each other, and what one gives back neither has,

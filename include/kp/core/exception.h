@@ -14,8 +14,8 @@ class KP_API KP_Exception {
 public:
     /// @p err is the host's own code; @p file and @p line are a place in its source. Keeps private
     /// copies of @p text and @p file; either may be null.
-    explicit KP_Exception(int err = 0, const char* text = nullptr, const char* file = nullptr,
-                          int line = 0);
+    /// A number alone converts: `KP_Exception error = 5`.
+    KP_Exception(int err = 0, const char* text = nullptr, const char* file = nullptr, int line = 0);
     /// A copy has texts of its own.
     KP_Exception(const KP_Exception& other);
     KP_Exception& operator=(const KP_Exception& other);

@@ -1,6 +1,8 @@
 // libkp: a hook that the log keeps for a host program.
 #pragma once
 
+#include <type_traits>
+
 #include "kp/export.h"
 
 /// What a host wants to be told when the process ends; KP_Log::init() keeps one.
@@ -15,6 +17,12 @@ public:
     KP_ExitHandler(const KP_ExitHandler&) = default;
     KP_ExitHandler& operator=(const KP_ExitHandler&) { return *this; }
 
-    /// Called by the host with the @p message of the fault. The default does nothing.
-    virtual void handleExit(const char* message);
+    /// Called by the host with the @p message of the fault, which stays the caller's and is not to
+    /// be written to. The default does nothing.
+    virtual void handleExit(char* message);
+    /// The same for a message that is constant, such as a literal.
+    template <class Char, class = std::enable_if_t<std::is_same_v<Char, const char>>>
+    void handleExit(Char* message) {
+        handleExit(const_cast<char*>(message));
+    }
 };

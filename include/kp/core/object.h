@@ -90,9 +90,11 @@ public:
     static void operator delete(void*, void*) noexcept {}
 };
 
-namespace kp::detail {
+// What a class of one's own needs beside its declarations; docs/getting-started.md has a whole one.
+namespace kp {
 
-/// Implements queryInterface() for a class that can be seen as each of @p Views, tried in order.
+/// Implements queryInterface() for a class that can be seen as each of @p Views, tried in order. The
+/// class itself is the first of them: return kp::answerAs<Mine, KP_Object>(this, id, out).
 template <class... Views, class Self>
 int answerAs(Self* self, unsigned long id, void** out) {
     *out = nullptr;
@@ -118,4 +120,4 @@ inline char* className(const char* name) {
     return const_cast<char*>(name);
 }
 
-}  // namespace kp::detail
+}  // namespace kp

@@ -12,6 +12,10 @@ extern template class KP_API KP_List<KP_MessageHandler>;
 
 /// Offers messages to the handlers in its list, in order, until one answers non-zero.
 ///
+/// One thread at a time sends through a handler: two at once share one cursor, and a handler that
+/// was there all the time can be left out. A host with several senders has a lock around
+/// sendMessage().
+///
 /// A class that acts on messages overrides handleMessage() and returns non-zero when it has dealt
 /// with one; it may call the default to pass others on. A plain handler passes everything on, so
 /// handlers in lists of handlers are asked depth first. A handler needs the message only while it
@@ -23,9 +27,8 @@ extern template class KP_API KP_List<KP_MessageHandler>;
 ///
 /// Threads: handlers may be added and removed at any time, by any thread. A removal that comes
 /// while a message goes round can make it miss handlers, and does not wait for one that is being
-/// asked: before a handler ends, see to it that nobody sends. Messages are sent through one handler
-/// from one thread at a time, and a handler that is asked neither changes the list of the one that
-/// asks nor sends through it.
+/// asked: before a handler ends, see to it that nobody sends. A handler that is asked neither
+/// changes the list of the one that asks nor sends through it.
 class KP_API KP_MessageHandler : public virtual KP_Object {
 public:
     KP_MessageHandler();

@@ -22,43 +22,62 @@ To* castTo(From* object) {
 template <class Declarer>
 Declarer* declarerOf(int (Declarer::*)(unsigned long, void**));
 
-/// Whether @p T itself says what it answers to; otherwise its identifier is one of its bases'.
-template <class T, class = void>
-struct HasOwnIdentity : std::true_type {};
-template <class T>
-struct HasOwnIdentity<T, std::void_t<decltype(declarerOf(&T::queryInterface))>>
-    : std::is_same<decltype(declarerOf(&T::queryInterface)), T*> {};
+/// A type for each function, so that two of them can be told apart by the compiler.
+template <unsigned long (*)()>
+struct IdentifierOf {};
 
-/// The object seen as a @p T; null when there is no object or it is no T.
+/// What a class declares of its identity itself; where several bases could have been meant, all.
+template <class T, class = void>
+struct Identity {
+    static constexpr bool isOwn = true;
+    static constexpr bool isWhole = true;
+};
+template <class T>
+struct Identity<T, std::void_t<decltype(declarerOf(&T::queryInterface))>> {
+    using Declarer = std::remove_pointer_t<decltype(declarerOf(&T::queryInterface))>;
+    static constexpr bool isOwn = std::is_same_v<Declarer, T>;
+    static constexpr bool isWhole =
+        isOwn || std::is_same_v<IdentifierOf<&T::getClassID>, IdentifierOf<&Declarer::getClassID>>;
+};
+
+}  // namespace kp::detail
+
+namespace kp {
+
+/// The object seen as a @p T; null when there is no object or it is no T. Lists hand out their
+/// elements by it, and compare() finds by it what it was given.
 ///
 /// A T with an identifier of its own is what the object answers to that identifier. A T that
 /// inherits its identifier shares it with classes that are no T, so the language's own cast
 /// decides; and a KP_Object is what every object is, whether it answers to the identifier or not.
-/// A class that overrides queryInterface() has to declare its own getClassID() as well.
+/// A class declares both getClassID() and queryInterface(), or neither: the first alone does not
+/// compile here, and the second alone is not noticed.
 template <class T>
 T* viewAs(KP_Object* object) {
     if constexpr (std::is_same_v<T, KP_Object>) {
         return object;
     } else {
+        static_assert(detail::Identity<T>::isWhole,
+                      "a class that declares getClassID() overrides queryInterface() as well");
         if (object == nullptr) {
             return nullptr;
         }
         if (T::getClassID() == KP_Object::getClassID()) {
-            return castTo<T>(object);
+            return detail::castTo<T>(object);
         }
         void* view = nullptr;
         if (object->queryInterface(T::getClassID(), &view) != 0) {
             return nullptr;
         }
-        if constexpr (HasOwnIdentity<T>::value) {
+        if constexpr (detail::Identity<T>::isOwn) {
             return static_cast<T*>(view);
         } else {
-            return castTo<T>(object);
+            return detail::castTo<T>(object);
         }
     }
 }
 
-}  // namespace kp::detail
+}  // namespace kp
 
 /// One link of a doubly linked chain: an element and the two neighbours.
 ///
@@ -84,7 +103,7 @@ public:
     ~KP_Link() override = default;
 
     /// The element as a T; null when there is none, or when it is no T.
-    virtual T* getElement() { return kp::detail::viewAs<T>(element_); }
+    virtual T* getElement() { return kp::viewAs<T>(element_); }
     /// Replaces the element; the old one is left alone. Returns 0.
     virtual int setElement(KP_Object* element) {
         element_ = element;
@@ -188,9 +207,9 @@ public:
         return count;
     }
 
-    char* getClassName() override { return kp::detail::className("KP_Link"); }
+    char* getClassName() override { return kp::className("KP_Link"); }
     int queryInterface(unsigned long id, void** out) override {
-        return kp::detail::answerAs<KP_Link, KP_Compare, KP_Object>(this, id, out);
+        return kp::answerAs<KP_Link, KP_Compare, KP_Object>(this, id, out);
     }
     /// Forgets the neighbours; returns 0.
     int init() override {

@@ -40,9 +40,9 @@ public:
         auto* link = kp::detail::castTo<KP_NamedLink<T>>(other);
         return link != nullptr ? name_.compare(&link->name_, mode) : -1;
     }
-    char* getClassName() override { return kp::detail::className("KP_NamedLink<T>"); }
+    char* getClassName() override { return kp::className("KP_NamedLink<T>"); }
     int queryInterface(unsigned long id, void** out) override {
-        return kp::detail::answerAs<KP_NamedLink, KP_Link<T>, KP_Compare, KP_Object>(this, id, out);
+        return kp::answerAs<KP_NamedLink, KP_Link<T>, KP_Compare, KP_Object>(this, id, out);
     }
     static unsigned long getClassID() { return 0x2BE2BF9C; }
 

@@ -17,20 +17,26 @@
 ///         ... list.getCurrentName() ... element ...
 ///     }
 ///
-/// Elements always sit in links of their own; the self-linked option is not for this list.
-/// What KP_List says of cursor, ownership, memory and threads holds; getCurrentNamedLink(),
-/// getCurrentName() and setSortByName() take no lock.
+/// Elements always sit in links of their own; setSelfLinked(1) changes nothing here, and the log
+/// says so when the first element is added. What KP_List says of cursor, ownership, memory, copies
+/// and threads holds; a copy has the names as well. getCurrentNamedLink(), getCurrentName() and
+/// setSortByName() take no lock.
+///
+/// Cost: searches by name look at one link after the other, whether the list is sorted or not.
 template <class T>
 class KP_NamedList : public KP_List<T> {
 public:
     /// An empty list with all options off, which sorts by elements.
     KP_NamedList() = default;
+    /// A copy has the same elements under the same names, and owns none, as KP_List tells.
+    KP_NamedList(const KP_NamedList& other);
+    KP_NamedList& operator=(const KP_NamedList& other);
 
     /// As the list's; with setSortByName(1) links are compared by their names.
     int sortArray(KP_Object** links, int count) override;
     /// A new link with an empty name; null when memory runs out. An override returns named links,
     /// too.
-    KP_Link<T>* createLink(T* element) override { return new KP_NamedLink<T>(element); }
+    KP_Link<T>* createLink(T* element) override;
 
     /// Adds @p element at the end with an empty name, also in a link that is kept from earlier;
     /// returns 0.
@@ -73,6 +79,7 @@ private:
         const char* const own = named(link)->getName();
         return *own == *name && std::strcmp(own, name) == 0;
     }
+    static KP_Link<T>* copyNamed(const KP_Link<T>* from);
     T* findFrom(KP_Link<T>* link, const char* name);
     void nameOrTakeBack(KP_Link<T>* link, const char* name);
 
@@ -85,6 +92,35 @@ namespace kp::detail {
 KP_API int compareEntriesByName(const void* first, const void* second);
 
 }  // namespace kp::detail
+
+// A named link with the element and the name of another one; null when memory runs out.
+template <class T>
+KP_Link<T>* KP_NamedList<T>::copyNamed(const KP_Link<T>* from) {
+    return new KP_NamedLink<T>(*static_cast<const KP_NamedLink<T>*>(from));
+}
+
+template <class T>
+KP_NamedList<T>::KP_NamedList(const KP_NamedList& other)
+    : KP_Object(other), KP_Mutex(other), KP_List<T>(), sortByName_(other.sortByName_) {
+    this->takeOver(other, copyNamed);
+}
+
+template <class T>
+KP_NamedList<T>& KP_NamedList<T>::operator=(const KP_NamedList& other) {
+    if (this != &other) {
+        this->takeOver(other, copyNamed);
+        sortByName_ = other.sortByName_;
+    }
+    return *this;
+}
+
+template <class T>
+KP_Link<T>* KP_NamedList<T>::createLink(T* element) {
+    if (this->options_.has(KP_List<T>::Options::kSelfLinked) && this->head_ == nullptr) {
+        KP_Log::ret("KP_NamedList: elements are never their own links here");
+    }
+    return new KP_NamedLink<T>(element);
+}
 
 template <class T>
 int KP_NamedList<T>::sortArray(KP_Object** links, int count) {

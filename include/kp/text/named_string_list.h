@@ -25,6 +25,9 @@ class KP_API KP_NamedStringList : public virtual KP_NamedList<KP_String> {
 public:
     /// An empty list.
     KP_NamedStringList() = default;
+    /// A copy has the same names and refers to the same values, which it does not own.
+    KP_NamedStringList(const KP_NamedStringList&) = default;
+    KP_NamedStringList& operator=(const KP_NamedStringList&) = default;
     ~KP_NamedStringList() override;
 
     /// Appends the entries of the file at @p path, in their order.

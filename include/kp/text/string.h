@@ -28,6 +28,10 @@ extern template class KP_API KP_Key<unsigned long>;
 
 /// A NUL-terminated byte string that is its own list link, has a key, compares and hashes.
 ///
+/// Two constructors take a text and a number, and the number is no length: KP_String(buffer, n)
+/// reads an int as flags, and any odd one makes the string borrow the buffer. The first n bytes of
+/// a buffer are KP_String(std::string_view(buffer, n)).
+///
 /// Text: bytes without an encoding, at most 4294967294 of them. The string keeps their number, so
 /// getLength() costs nothing. Who writes through a `char*` or a `char&` of the string can put the
 /// first NUL elsewhere; the length stays what it was until stpcvt() counts again. Joining, finding,
@@ -36,7 +40,9 @@ extern template class KP_API KP_Key<unsigned long>;
 ///
 /// Memory: the text has a block of its own that grows to exactly what is needed. A string can
 /// instead borrow text (see the constructor): it reads that text and neither writes nor frees it.
-/// What would change a borrowed text takes a private copy first.
+/// What would change a borrowed text takes a private copy first. Conversions and operator[] copy
+/// nothing: what they hand out of a borrowed text is the lender's own memory, so who writes there
+/// writes to the lender's text, and must not when that is constant.
 ///
 /// Errors: what cannot get memory for text throws KP_NoMoreMemoryException and leaves the string as
 /// it was. A null `const char*` is an empty text, except where it says otherwise.
@@ -57,7 +63,8 @@ public:
     /// An empty text with room for @p n characters. Here and below a negative room counts as 0.
     explicit KP_String(int n);
     explicit KP_String(unsigned int n);
-    /// A copy of @p s, or with bit 0 of @p flags a string that borrows @p s itself.
+    /// A copy of @p s, or with bit 0 of @p flags a string that borrows @p s itself; no length, as
+    /// the class says first.
     /// The memory of a borrowed text stays the caller's and outlives the string. A null s is an
     /// empty text with room for 1 character.
     KP_String(const char* s, int flags);
@@ -143,9 +150,8 @@ public:
     /// The text. It stays where it is until the string changes or ends.
     operator const char*() { return text(); }
     operator const char*() const { return text(); }
-    /// The text, to be written to within its length; of a borrowed text, a private copy.
-    operator char*() { return ownText(); }
-    /// The text. If it is borrowed, this is the lender's own.
+    /// The text, to be written to within its length. If it is borrowed, this is the lender's own.
+    operator char*() { return text(); }
     operator char*() const { return text(); }
     /// All bytes that the length counts; valid as long as the pointer to the text.
     std::string_view view() const { return {buffer_, length_}; }
@@ -154,15 +160,15 @@ public:
     /// 1 when the length is 0, else 0.
     int operator!() const { return length_ == 0 ? 1 : 0; }
     /// The character at @p i, or the terminator beyond the length; a negative i means 0.
-    /// Write characters, but leave the terminator alone. Takes a private copy of a borrowed text.
-    char& operator[](unsigned int i) { return ownText()[positionOf(i)]; }
-    char& operator[](int i) { return ownText()[positionOf(i)]; }
+    /// Write characters, but leave the terminator alone, and a borrowed text that is constant.
+    char& operator[](unsigned int i) { return text()[positionOf(i)]; }
+    char& operator[](int i) { return text()[positionOf(i)]; }
     char operator[](unsigned int i) const { return characterAt(i); }
     char operator[](int i) const { return characterAt(i); }
     /// Indexes of every other integer type.
     template <class Index, std::enable_if_t<std::is_integral_v<Index>, int> = 0>
     char& operator[](Index i) {
-        return ownText()[positionOf(i)];
+        return text()[positionOf(i)];
     }
     template <class Index, std::enable_if_t<std::is_integral_v<Index>, int> = 0>
     char operator[](Index i) const {
@@ -198,18 +204,18 @@ public:
 
     /// The position of the first occurrence of @p s, or -1; an empty s occurs nowhere.
     /// @p flags has no meaning. Time grows with the lengths added, whatever the texts.
-    int findSubString(const char* s, int flags);
-    int findSubString(KP_String& s, int flags);
+    int findSubString(const char* s, int flags) const;
+    int findSubString(const KP_String& s, int flags) const;
     /// Removes the first occurrence of @p s; with bit 1 (value 2) of @p flags all of them.
     /// All includes those that a removal brings together: "ab" vanishes from "aabb" altogether.
     void extractSubString(const char* s, int flags);
-    void extractSubString(KP_String& s, int flags);
+    void extractSubString(const KP_String& s, int flags);
     /// The @p count characters from @p start, up to the first NUL; a count of 0 or less means all.
     /// A negative start counts as 0; a start beyond the length gives an empty text.
-    KP_String getSubString(int start, int count);
+    KP_String getSubString(int start, int count) const;
     /// Inserts the first @p count characters of @p s (all of them for 0 or less) at @p pos.
     /// A negative pos counts as 0; one beyond the length changes nothing.
-    void setSubString(KP_String& s, int pos, int count);
+    void setSubString(const KP_String& s, int pos, int count);
     void setSubString(const char* s, int pos, int count);
     /// Cuts the text to @p n characters, if it has more; a negative n counts as 0.
     void truncateString(int n);
@@ -218,8 +224,8 @@ public:
     /// matched against the end, where a '%' in front of the whole text matches too, and the rest
     /// without regard to that end: "*%%" and "a*a" match "a".
     /// Time grows with pattern times text at most.
-    bool wildcardSearch(const char* pattern);
-    bool wildcardSearch(const KP_String& pattern);
+    bool wildcardSearch(const char* pattern) const;
+    bool wildcardSearch(const KP_String& pattern) const;
 
     // --- comparing, by strcoll() of the current locale ---
 

@@ -9,7 +9,8 @@
 /// Works with std::lock_guard, std::unique_lock and std::scoped_lock. Many classes of the library
 /// derive from it and lock themselves through it.
 ///
-/// Order: what a thread did before unlock() is visible to the thread that locks next.
+/// Order: what a thread did before unlock() is visible to the thread that locks next. The thread
+/// sanitizer of a host is told so, also by a library that was built without it.
 /// Fairness: none; a thread that comes at the right moment overtakes one that sleeps.
 /// Lifetime: nobody may hold it or wait for it when it is destroyed.
 class KP_API KP_Mutex : public virtual KP_Object {

@@ -10,14 +10,17 @@
 /// KP_ThreadPool::addTask() makes its tasks, and the pool owns them; a pool that overrides
 /// createTask() makes tasks of a host's class.
 ///
+/// What a task is given for its argument to be ended by, setRelease(), is called when the task ends,
+/// on the thread that ends it: after the work, or when the task is withdrawn or left over.
+///
 /// Threads: takes no lock; a task that is queued or runs is left alone.
 class KP_API KP_Task : public virtual KP_Object {
 public:
     /// A task that calls @p function (null: nothing) with @p arg, which stays the caller's.
     explicit KP_Task(void (*function)(void*) = nullptr, void* arg = nullptr, int id = 0);
-    /// A copy is in no queue.
+    /// A copy is in no queue, and does not end the argument.
     KP_Task(const KP_Task& other);
-    /// The target stays in its queue.
+    /// The target stays in its queue, and what was to end its argument is forgotten.
     KP_Task& operator=(const KP_Task& other);
     ~KP_Task() override;
 
@@ -29,6 +32,14 @@ public:
     /// The identifier, any number and not necessarily unique; setting it returns 0.
     virtual int getID();
     virtual int setID(int id);
+
+    /// Has @p end (null: nothing) called with the argument, once, when the task ends, whether it
+    /// ran or not; an argument that setArg() has replaced is the caller's. @p end throws
+    /// nothing. Returns 0.
+    int setRelease(void (*end)(void*)) {
+        release_ = end;
+        return 0;
+    }
 
     // Tasks come and go by the thousand, and most die in another thread than they were made in.
     static void* operator new(std::size_t size) noexcept;
@@ -47,5 +58,6 @@ private:
     KP_Task* next_ = nullptr;  // In a pool's queue.
     void (*function_)(void*);
     void* arg_;
+    void (*release_)(void*) = nullptr;
     std::int32_t id_;
 };

@@ -21,9 +21,11 @@
 /// Hard stop: with setHardStop(1), stop() and join() end a loop by force if its work does not
 /// return, whether it computes or blocks in the system. The work is left where it is: no destructor
 /// runs, locks stay locked and memory stays taken, so it is a last resort. Only the work itself is
-/// broken off, never the thread's own sleeping and waiting. The process lives on, and the object
-/// can be started again or released. It uses the real-time signal SIGRTMIN + 7, whose handler is
-/// installed when a thread is first stopped by force.
+/// broken off, never the thread's own sleeping and waiting; work that waits in the join() of a
+/// thread or a list ends within a second. The process lives on, and the object can be started again
+/// or released. It uses the real-time signal SIGRTMIN + 7, whose handler is installed when a thread
+/// is first stopped by force. Work that blocks all signals cannot be broken off by the system: its
+/// loop lives until the work returns, and the object cannot be started again before.
 ///
 /// Lifetime: objects are reference-counted. A running loop holds a reference, so the owner may
 /// release the object at any time after start(); it is destroyed when the loop has ended. A thread
@@ -39,9 +41,12 @@ public:
     /// A thread that is not started. @p function may be null, and gets @p arg, which stays the
     /// caller's.
     explicit KP_Thread(void (*function)(void*) = nullptr, void* arg = nullptr);
-    /// A copy has the settings of its source, is not running, and has one reference.
+    /// A copy has the settings of its source, the continue flag and the number of iterations among
+    /// them, and as many references (KP_ReferenceCounter): those of a running source include the
+    /// loop's. It is not running.
     KP_Thread(const KP_Thread& other);
-    /// Takes over the settings; a loop that runs goes on with them.
+    /// Takes over the same, and a loop that runs goes on with it; but the references only when none
+    /// runs, since a loop holds some of them.
     KP_Thread& operator=(const KP_Thread& other);
     ~KP_Thread() override;
 
@@ -52,7 +57,8 @@ public:
     /// Stores those of the two that are not null, and returns what start() does.
     virtual int start(void (*function)(void*), void* arg);
     /// Signals the thread's event: ends a sleep, or wakes one joiner, which looks whether the loop
-    /// has ended. Returns 0.
+    /// has ended. Returns 0. Called by stop(), by the loop when it ends (more than once when several
+    /// threads join it), and by a pool for its current worker when a task is added.
     virtual int joinSignal();
     /// Replaces what the next iteration calls, or what it hands over; returns 0.
     virtual int setFunction(void (*function)(void*));
@@ -69,18 +75,20 @@ public:
     virtual int setContinue(int on);
 
     /// Starts the loop on a new thread; a loop that runs already is left alone, and one that was
-    /// told to end and has not yet goes on. Waits for one that is just ending, 10 seconds at most.
-    /// Returns 0, or -1 when the system refuses a thread or memory runs out.
+    /// told to end and has not yet goes on. Waits for one that is just ending, 5 seconds at most.
+    /// Returns 0; -1 when the system refuses a thread, when memory runs out, and while a loop lives
+    /// that could not be ended by force.
     int start() override;
     /// Tells the loop to end, and ends its sleep; does not wait for it. With hard stop, ends it by
-    /// force and waits until its work has been left (10 seconds at most). Returns 0.
+    /// force and waits until its work has been left (5 seconds at most). Returns 0.
     int stop() override;
     /// Waits until the loop has ended; wakes it if it sleeps, but leaves it to stop() to tell it to
     /// end. With hard stop, ends it by force after a second. The arguments are not used: pass
     /// nullptr and 0. Returns 0; -1 when the last second of waiting passed without a signal, as
     /// before an end by force, and the loop has ended then, too; -1 at once when the thread would
     /// wait for itself. Not to be called with the thread's own lock held, which its loop needs to
-    /// end.
+    /// end. Called from work that is to be ended by force, it stops waiting, and the work ends
+    /// there.
     int join(KP_Mutex* mutex, int milliseconds) override;
     /// The continue flag: whether the thread is meant to run, not whether it does. It is 1 in a new
     /// thread, and stop() leaves it alone when there is no loop.
@@ -93,8 +101,8 @@ public:
     static void asyncCallback(void* thread);
 
 protected:
-    /// Sleeps for so many seconds, or until a signal; not at all when the thread is to end. Returns
-    /// 0. The loop calls it.
+    /// Sleeps for so many seconds, or until a signal, and without a limit for 0 or less; not at all
+    /// when the thread is to end. Returns 0. The loop calls it, when an interval is set.
     virtual int sleep(int seconds);
 
 private:
@@ -103,6 +111,7 @@ private:
     struct Loop;
 
     static void enter(void* loop);
+    void copySettings(const KP_Thread& other);
     bool goesOn();
     int work();
     void leaveLoop();
@@ -111,6 +120,7 @@ private:
     void endByForce();
     void endTask();
     bool isOwnLoop();
+    void waitForLoop();
     Loop* currentLoop();
 
     std::atomic<void (*)(void*)> function_;

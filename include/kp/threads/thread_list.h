@@ -29,9 +29,12 @@ class KP_API KP_ThreadList : public KP_List<KP_Thread>, public virtual KP_Runnab
 public:
     /// An empty list that does not run.
     KP_ThreadList();
-    /// The same threads cannot be owned by two lists.
-    KP_ThreadList(const KP_ThreadList&) = delete;
-    KP_ThreadList& operator=(const KP_ThreadList&) = delete;
+    /// A copy holds the same threads, each with a reference of its own, and does not run: its
+    /// start() leaves threads alone that run already. Its end leaves the threads and their work
+    /// alone; whoever wants a copy to end them calls stop().
+    KP_ThreadList(const KP_ThreadList& other);
+    /// The target first ends its threads as its destructor would.
+    KP_ThreadList& operator=(const KP_ThreadList& other);
     ~KP_ThreadList() override;
 
     /// stop() and start(); returns 0. Does not wait in between: a thread that has not ended yet
@@ -47,7 +50,7 @@ public:
     /// Waits for the end of every thread, whether or not the list runs; stop() tells them to end,
     /// this does not. The arguments are not used: pass nullptr and 0. Returns 0. Where a thread's
     /// join() says -1, as of one that it ends by force, the log gets a line, and the next thread is
-    /// waited for.
+    /// waited for. Called from work that is to be ended by force, it stops waiting.
     int join(KP_Mutex* mutex, int milliseconds) override;
     /// 1 when the list was started and not stopped since, else 0.
     int isRunning() override;
@@ -70,12 +73,15 @@ private:
     friend class KP_ThreadPool;
 
     KP_Thread* referenceTo(int position);
+    void endThreads();
+    bool lockLifecycle();
     void unlockLifecycle();
     bool lockToStop();
     bool clearRunning();
     // begin makes the list one that does not run, and says whether it did run.
     int stopThreads(const std::function<bool()>& begin);
 
+    bool isCopy_ = false;             // Others may need the threads when this list ends.
     std::int32_t held_ = 0;           // How often the list is locked; guarded by its lock, as is
     bool abandonableBefore_ = false;  // whether its holder could be ended by force before.
     std::atomic<std::int32_t> running_{0};

@@ -28,6 +28,10 @@
 /// A hard stop of a worker can break off a task, never the pool's own code; the task does not run
 /// again.
 ///
+/// Workers of a host's own class are added by an override of addThread(), which gives them
+/// asyncCallback(), themselves as argument and the pool as second argument. The one that last began
+/// an iteration gets a joinSignal() with every task that is added while the pool runs.
+///
 /// Destroying the pool stops it and waits for its workers, also when it was stopped before; tasks
 /// that have not begun are released without having run. A class that overrides what workers call
 /// (doTask(), stop()) calls reset() in its own destructor. No task may destroy its own pool, and
@@ -39,9 +43,11 @@ public:
     /// A stopped pool with so many workers; none for a number below 1, and fewer when memory runs
     /// out.
     explicit KP_ThreadPool(int threads);
-    /// Neither workers nor queued tasks can belong to two pools.
-    KP_ThreadPool(const KP_ThreadPool&) = delete;
-    KP_ThreadPool& operator=(const KP_ThreadPool&) = delete;
+    /// A copy is a stopped pool of as many workers of its own, with the same switches and an empty
+    /// queue; fewer workers when memory runs out.
+    KP_ThreadPool(const KP_ThreadPool& other);
+    /// The target becomes such a copy after its reset(), and stays as it is where that is refused.
+    KP_ThreadPool& operator=(const KP_ThreadPool& other);
     ~KP_ThreadPool() override;
 
     /// Queues a new task, which calls @p function with @p arg, and wakes a worker; on a stopped
@@ -49,6 +55,9 @@ public:
     /// is any number, for removeTasksByID(); several tasks may have the same. Returns 0; -1 when
     /// createTask() of a derived class gave none.
     virtual int addTask(void (*function)(void*), void* arg, int id);
+    /// The same, and @p end ends the argument when the task is released, run or withdrawn
+    /// (KP_Task::setRelease()); also at once when there is no task, so that nothing leaks.
+    int addTask(void (*function)(void*), void* arg, int id, void (*end)(void*));
     /// A new task, which is in no queue. When memory runs out, "malloc" and the system's reason go
     /// to standard error, and the process ends with "out of memory" in the log.
     virtual KP_Task* createTask(void (*function)(void*), void* arg, int id);
@@ -58,8 +67,11 @@ public:
     /// One iteration of @p worker: waits for a task and runs it; returns 0.
     virtual int doTask(KP_Thread* worker);
     /// Releases all queued tasks with the identifier @p id and leaves the pool running, also if it
-    /// was stopped; the others keep their order. When it returns no such task runs any more, unless
-    /// it was called from a task of this pool. Returns 0.
+    /// was stopped; the others keep their order. When it returns no such task runs any more. A pool
+    /// that runs is stopped and joined for it, by stop(), join() and start() of derived classes, so
+    /// this waits for the tasks of other identifiers as well, and a hard stop breaks those off.
+    /// Called from a task of this pool, which cannot wait for itself, it withdraws what is queued
+    /// and stops nothing. Returns 0.
     virtual int removeTasksByID(int id);
     /// Non-zero: on; 0: off, as in a new pool. Returns 0.
     virtual int setAutoStop(int on);
@@ -95,6 +107,7 @@ private:
         KP_Task* last = nullptr;
     };
 
+    int queue(KP_Task* task);
     bool fetch();
     KP_Task* take(KP_Thread* worker);
     bool waitForTask();
@@ -118,4 +131,7 @@ private:
         {};  // Those who add write to other cache lines than those who take.
     Chain in_;
     std::atomic<std::uint32_t> added_{0};  // Changed under the lock of in_.
+    // The worker that last began an iteration, if it is of a host's class and may want to know of
+    // new tasks; guarded by the lock of in_.
+    KP_Thread* currentWorker_ = nullptr;
 };

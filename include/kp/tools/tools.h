@@ -1,7 +1,10 @@
 // libkp: the tools that the programs share: text lines, keyed files, web content, addresses, time.
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
+#include <type_traits>
+#include <utility>
 
 #include "kp/export.h"
 
@@ -20,6 +23,37 @@ public:
 
     // --- lines and keyed text files (src/tools/parsing.cpp) ---
 
+    /// A function that takes a value text and user data, whatever it returns, which is ignored; or
+    /// none. A function, a lambda without captures, and null convert to it.
+    class Handler {
+    public:
+        Handler(std::nullptr_t = nullptr) {}
+        template <class Result>
+        Handler(Result (*function)(char*, void*))
+            : function_(reinterpret_cast<void (*)()>(function)), call_(&callAs<Result>) {}
+        /// A lambda, by the function that it converts to.
+        template <class Lambda, class = decltype(+std::declval<Lambda>()),
+                  class = std::enable_if_t<std::is_class_v<Lambda>>>
+        Handler(Lambda lambda) : Handler(+lambda) {}
+
+        /// Whether there is a function.
+        explicit operator bool() const { return function_ != nullptr; }
+        friend bool operator==(const Handler& handler, std::nullptr_t) { return !handler; }
+        friend bool operator!=(const Handler& handler, std::nullptr_t) { return !!handler; }
+        /// Calls the function, which there must be.
+        void operator()(char* value, void* userData) const { call_(function_, value, userData); }
+
+    private:
+        template <class Result>
+        static void callAs(void (*function)(), char* value, void* userData) {
+            static_cast<void>(
+                reinterpret_cast<Result (*)(char*, void*)>(function)(value, userData));
+        }
+
+        void (*function_)() = nullptr;
+        void (*call_)(void (*)(), char*, void*) = nullptr;
+    };
+
     /// One entry of the key table of readConfig(); a null key ends the table.
     struct Configuration {
         /// What a line must begin with; not owned.
@@ -28,7 +62,7 @@ public:
         char value[128];
         /// Called with the whole value text of each line, which it may change and which lasts until
         /// it returns, and with the caller's user data; may be null.
-        void (*handler)(char* value, void* userData);
+        Handler handler;
     };
 
     /// Removes characters of @p set from the front part of @p src.
@@ -81,8 +115,8 @@ public:
 
     /// Reads a record into @p buf, which has room for @p size + 1 bytes, as terminated text.
     /// Returns 0; -1 when the record is cut off, what there was of its text being in @p buf, or
-    /// longer than @p size, as all are for a negative one (then its text is unread and the debug
-    /// log says so).
+    /// longer than @p size (then its text is unread and the debug log says so). The size is taken
+    /// without its sign: a negative one is larger than every record, which has 65535 bytes at most.
     static int readStringNoMalloc(char* buf, int size, std::FILE* f);
     /// Reads a record into new memory, to be freed with free(); an empty text gives a null pointer.
     /// Returns 0. Returns -1 with @p *out untouched when the length is missing, or above 2048 bytes

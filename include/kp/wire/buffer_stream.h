@@ -43,9 +43,12 @@ class KP_API KP_BufferStream : public virtual KP_Stream {
 public:
     /// A stream without buffers.
     KP_BufferStream();
-    /// Two streams cannot both release their buffers.
-    KP_BufferStream(const KP_BufferStream&) = delete;
-    KP_BufferStream& operator=(const KP_BufferStream&) = delete;
+    /// A copy walks the same buffers with a cursor and marks of its own, which begin where those of
+    /// the source are. It owns no buffer, also none that is added to it later, and does not outlive
+    /// its source's. Assignment first releases what the target owned, as reset() does. Either throws
+    /// KP_NoMoreMemoryException when there is no memory for the links.
+    KP_BufferStream(const KP_BufferStream& other);
+    KP_BufferStream& operator=(const KP_BufferStream& other);
     ~KP_BufferStream() override;
 
     /// Adds @p buffer, whose owner the stream becomes, at the end. The cursor stays where it is.
@@ -69,7 +72,8 @@ public:
     void relNext() override;
     unsigned char* lookNextIndex(int distance) override;
     int find(unsigned char* place) override;
-    int findPattern(const char* pattern) override;
+    int findPattern(char* pattern) override;
+    using KP_Stream::findPattern;
     unsigned char* copy(unsigned long count) override;
     int copy(unsigned char* out, int count) override;
     using KP_Stream::copy;
@@ -122,6 +126,7 @@ private:
         unsigned char* next;
         unsigned char* end;
     };
+    void copyPlaces(const KP_BufferStream& other);
     Position position();
     void setPosition(const Position& position);
     bool enter(KP_Object* element);

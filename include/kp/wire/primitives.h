@@ -21,6 +21,10 @@
 // with a log line. Nothing is retried; after -1 the caller gives the connection up. A signal that
 // interrupts the system is no failure.
 //
+// Every writer is one send. Several of them before the next read, as in an answer of many values,
+// wait for the peer's delayed acknowledgement, some 40 ms an answer, unless the socket has
+// TCP_NODELAY; set it on both sides.
+//
 // Sockets are blocking ones. A peer that has gone raises no signal. A time limit that the caller
 // sets on the socket (SO_RCVTIMEO, SO_SNDTIMEO) works: when it passes, that is a failure as any
 // other, with -1, and what had come of the value is lost. It holds for each call of the system, so
@@ -30,6 +34,7 @@
 #pragma once
 
 #include <cstdint>
+#include <type_traits>
 
 #include "kp/export.h"
 
@@ -41,6 +46,16 @@ KP_API int readJ_UInt16(int socket, unsigned short* value);
 KP_API int readJ_SInt32(int socket, long* value);
 KP_API int readJ_UInt32(int socket, unsigned long* value);
 KP_API int readJ_SInt64(int socket, std::int64_t* value);
+
+/// The same into a `long long`, where that is another type than std::int64_t.
+template <class Value, class = std::enable_if_t<std::is_same_v<Value, long long> &&
+                                                !std::is_same_v<std::int64_t, long long>>>
+int readJ_SInt64(int socket, Value* value) {
+    std::int64_t number = 0;
+    const int result = readJ_SInt64(socket, &number);
+    *value = number;
+    return result;
+}
 
 /// Writes a value as told above: 0, or -1.
 KP_API int writeJ_Boolean(int socket, int value);

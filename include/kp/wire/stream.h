@@ -64,7 +64,7 @@ public:
     /// stand within one piece. A text that ends before counts as filled up with zero bytes. Returns
     /// 1, or 0 with the cursor at the start of the last piece, unless it was in that one already; 0
     /// as well before setFirst().
-    virtual int findPattern(const char* pattern) = 0;
+    virtual int findPattern(char* pattern) = 0;
     /// A new block with the first @p count bytes of the stream, or with all for 0; the caller frees
     /// it with std::free(). What the stream does not have is left as the allocator had it.
     /// Null when the stream has no piece, when memory runs out and when @p count has more than 32
@@ -77,6 +77,11 @@ public:
     /// is never copied), or @p count is negative.
     virtual int copy(unsigned char* out, int count) = 0;
 
+    /// The same for a pattern that is constant, such as a literal; none of them is written to.
+    template <class Char, class = std::enable_if_t<std::is_same_v<Char, const char>>>
+    int findPattern(Char* pattern) {
+        return findPattern(const_cast<char*>(pattern));
+    }
     /// Any whole number is a count, so that copy(0) is not taken for the root's copy().
     template <class Count, class = std::enable_if_t<std::is_integral_v<Count>>>
     unsigned char* copy(Count count) {
