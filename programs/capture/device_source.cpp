@@ -363,17 +363,10 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
 }
 
 std::string DeviceSource::setFilter(const std::string& filter) {
-    if (handle_) {
-        const std::string refusal = handle_->setFilter(filter);
-        if (!refusal.empty())
-            return refusal;
-    } else {
-        const std::string refusal = filterFault(filter, linkType_);
-        if (!refusal.empty())
-            return refusal;
-    }
-    settings_.filter = filter;
-    return "";
+    std::string refusal = handle_ ? handle_->setFilter(filter) : filterFault(filter, linkType_);
+    if (refusal.empty())
+        settings_.filter = filter;
+    return refusal;
 }
 
 std::uint64_t DeviceSource::dropped() {
