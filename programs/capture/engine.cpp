@@ -137,7 +137,7 @@ private:
     void startStages();
     void endStages();
     void startReading();
-    void read();
+    void readSources();
     void endReading();
     void startRecording();
     void take(Transaction&& transaction);
@@ -402,7 +402,7 @@ void Engine::startReading() {
     }
 }
 
-void Engine::read() {
+void Engine::readSources() {
     const StoppedBySignals scope(sources_);
     startReading();
     Reader& reader = *readers_.front();
@@ -435,7 +435,7 @@ int Engine::run() {
         config_.setLinkType(sources_.front()->linkType());
     startStages();
     if (!sources_.empty())
-        read();
+        readSources();
     dispatcher_->finish();
     output_->waitUntilFinished();
     summary_.setConnections(output_->connections());

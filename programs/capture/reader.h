@@ -22,7 +22,7 @@ namespace kp::capture {
 /// Reads a source, finds the TCP segments, hands them to the parsers, and ends rounds.
 ///
 /// Threads: one reads. Of a device there may be several readers, each with a source of its own.
-class Reader : private PacketSink {
+class Reader final : private PacketSink {
 public:
     /// What readers of one device have in common.
     struct Shared {
