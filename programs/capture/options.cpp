@@ -61,6 +61,22 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->check(checkNotEmpty)
         ->excludes(replay)
         ->type_name("DEV");
+    app.add_flag("--wait", options.wait, "Wait for a device that is missing or down at the start")
+        ->excludes(replay);
+    app.add_option("--buffer", options.buffer,
+                   "MiB of packets that the system keeps for us while we are busy;\n"
+                   "what does not fit is dropped and counted")
+        ->check(CLI::Range(1, 2047))
+        ->excludes(replay)
+        ->capture_default_str()
+        ->type_name("MIB");
+    app.add_option("--readers", options.readers,
+                   "Threads that read packets from the device. The system deals out\n"
+                   "whole connections to them; the buffer is divided among them")
+        ->check(CLI::Range(1, 64))
+        ->excludes(replay)
+        ->capture_default_str()
+        ->type_name("N");
     app.add_option("--threads", options.threads, "Threads that follow connections and read HTTP")
         ->check(CLI::Range(1, 64))
         ->capture_default_str()

@@ -47,9 +47,11 @@ std::string Faults::first() const {
     return first_;
 }
 
-Parser::Parser(std::size_t place, std::size_t memoryLimit, RowQueue& output, Faults& faults)
+// Of the batches that there are, kRounds may wait, one is worked off, and each reader fills one.
+Parser::Parser(std::size_t place, std::size_t memoryLimit, std::size_t readers, RowQueue& output,
+               Faults& faults)
     : input_(kRounds),
-      emptied_(2 * kRounds),
+      emptied_(kRounds + 1 + readers),
       output_(output),
       faults_(faults),
       follower_(*this, memoryLimit) {
@@ -71,15 +73,16 @@ void Parser::transaction(Transaction&& transaction) {
     made_.rows.push_back({number_, isClosing_, std::move(transaction)});
 }
 
-void Parser::work(const Batch& batch) {
-    for (const Segment& segment : batch.segments) {
+void Parser::work(Batch& batch) {
+    for (Segment& segment : batch.segments) {
+        segment.clock = clock_ = std::max(clock_, segment.clock);
         number_ = segment.number;
         follower_.segment(segment);
     }
     isClosing_ = true;
     number_ = batch.lastNumber;
     if (batch.expired)
-        follower_.expire(*batch.expired);
+        follower_.expire(std::max(clock_, *batch.expired));
     if (batch.isLast)
         follower_.finish();
     isClosing_ = false;
@@ -113,8 +116,8 @@ int Parser::doTask() {
     return 0;
 }
 
-Dispatcher::Dispatcher(const std::vector<Parser*>& parsers)
-    : parsers_(parsers), batches_(parsers.size()) {
+Dispatcher::Dispatcher(const std::vector<Parser*>& parsers, std::mutex& sending)
+    : parsers_(parsers), sending_(sending), batches_(parsers.size()) {
     for (std::unique_ptr<Batch>& batch : batches_)
         batch = std::make_unique<Batch>();
 }
@@ -159,6 +162,7 @@ std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
 }
 
 void Dispatcher::send(bool isLast, std::optional<std::int64_t> expired) {
+    const std::lock_guard<std::mutex> lock(sending_);
     for (std::size_t i = 0; i < parsers_.size(); ++i) {
         Batch& batch = *batches_[i];
         batch.lastNumber = number_;

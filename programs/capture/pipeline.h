@@ -2,9 +2,10 @@
 //
 //   reader --batches--> parser 0..N-1 --rows--> output
 //
-// The reader cuts the capture into rounds. Of every round each parser gets the segments of its
+// A reader cuts the capture into rounds. Of every round each parser gets the segments of its
 // connections, and the output puts the rows of all parsers in the order of the packets that
-// completed them: what comes out does not depend on the number of parsers.
+// completed them: what comes out does not depend on the number of parsers. Of several readers each
+// has rounds of its own.
 #pragma once
 
 #include <atomic>
@@ -84,8 +85,9 @@ private:
 /// Follows the connections that fall to it, and reads their HTTP.
 class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
 public:
-    /// @p memoryLimit: bytes that its connections may use.
-    Parser(std::size_t place, std::size_t memoryLimit, RowQueue& output, Faults& faults);
+    /// @p memoryLimit: bytes that its connections may use; @p readers: dispatchers that feed it.
+    Parser(std::size_t place, std::size_t memoryLimit, std::size_t readers, RowQueue& output,
+           Faults& faults);
     ~Parser() override;
 
     BatchQueue& input() { return input_; }
@@ -98,7 +100,7 @@ private:
     std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second, bool fromStart,
                                            std::uint64_t number) override;
     void transaction(Transaction&& transaction) override;
-    void work(const Batch& batch);
+    void work(Batch& batch);
 
     BatchQueue input_;
     BatchQueue emptied_;
@@ -107,15 +109,18 @@ private:
     StreamFollower follower_;
     RowBatch made_;
     std::uint64_t number_ = 0;  // of the packet that is being read
+    std::int64_t clock_ = 0;    // readers may differ a little
     bool isClosing_ = false;
 };
 
 /// Hands segments to the parsers, in rounds.
 ///
-/// Threads: the reader's alone.
+/// Threads: the reader's alone. Each of several readers has its own.
 class Dispatcher {
 public:
-    explicit Dispatcher(const std::vector<Parser*>& parsers);
+    /// @p sending: shared by the dispatchers of all readers, so that every parser gets the rounds in
+    /// the same order.
+    Dispatcher(const std::vector<Parser*>& parsers, std::mutex& sending);
 
     /// Takes the next segment; waits while its parser has enough to do.
     void segment(const Segment& segment);
@@ -134,6 +139,7 @@ private:
     std::unique_ptr<Batch> emptyBatch(std::size_t parser);
 
     const std::vector<Parser*>& parsers_;
+    std::mutex& sending_;
     std::vector<std::unique_ptr<Batch>> batches_;
     std::uint64_t number_ = 0;
     std::int64_t clock_ = 0;
