@@ -244,6 +244,9 @@ TEST(ThreadListCopyTest, CanBeAssignedWhileItRunsAndBackToItsSource) {
 TEST(PoolCopyTest, OfADerivedClassHasWorkersOfItsOwnToo) {
     struct Pool : KP_ThreadPool {
         Pool() : KP_ThreadPool(2) {}
+        Pool(const Pool&) = default;
+        Pool& operator=(const Pool&) = default;
+        ~Pool() override { reset(); }
     } pool;
     pool.start();
     Pool copy(pool);
