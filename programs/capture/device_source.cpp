@@ -31,6 +31,7 @@ constexpr int kNapMilliseconds = 10;
 constexpr std::chrono::milliseconds kLookInterval{200};        // while nothing can be seen
 constexpr std::chrono::milliseconds kQuietLookInterval{1000};  // while there is no traffic
 // After this long the system has handed over the last block of a device that has gone.
+constexpr std::chrono::seconds kLongestEnd{2};
 constexpr std::chrono::milliseconds kLastBlock{3 * kBlockMilliseconds};
 
 struct Interface {
@@ -87,7 +88,11 @@ public:
     std::string setFilter(const std::string& filter);
     /// Gives at most so many packets; how many, or the error of libpcap.
     int dispatch(PacketSink& sink);
-    std::uint64_t dropped(bool withInterface);
+    std::uint64_t dropped();
+    /// What was captured and neither dropped nor given.
+    std::uint64_t waiting();
+    /// Whether a packet was given that was captured after @p time.
+    bool isBeyond(const timeval& time) const { return isBefore(time, last_); }
 
     pcap_t* pcap = nullptr;
     int descriptor = -1;
@@ -108,6 +113,8 @@ private:
     FanoutGroup* group_ = nullptr;  // that it is a member of
     bool isNew_ = false;            // what was captured before it joined is another member's, too
     timeval joined_{};
+    timeval last_{};  // when the last packet was captured
+    std::uint64_t given_ = 0;
 };
 
 DeviceSource::Handle::Handle(const Settings& settings) {
@@ -179,6 +186,8 @@ std::string DeviceSource::Handle::setFilter(const std::string& filter) {
 void DeviceSource::Handle::deliver(u_char* turn, const pcap_pkthdr* header, const u_char* bytes) {
     Turn& at = *reinterpret_cast<Turn*>(turn);
     at.bytes += header->caplen;
+    at.handle.last_ = header->ts;
+    ++at.handle.given_;
     if (at.handle.isNew_ && isBefore(header->ts, at.handle.joined_))
         return;
     at.handle.isNew_ = false;
@@ -196,11 +205,18 @@ int DeviceSource::Handle::dispatch(PacketSink& sink) {
     return count;
 }
 
-std::uint64_t DeviceSource::Handle::dropped(bool withInterface) {
+// What the interface dropped is not in it: ps_ifdrop leaves out what some drivers count.
+std::uint64_t DeviceSource::Handle::dropped() {
+    pcap_stat statistics{};
+    return pcap_stats(pcap, &statistics) == 0 ? statistics.ps_drop : 0;
+}
+
+std::uint64_t DeviceSource::Handle::waiting() {
     pcap_stat statistics{};
     if (pcap_stats(pcap, &statistics) != 0)
         return 0;
-    return std::uint64_t{statistics.ps_drop} + (withInterface ? statistics.ps_ifdrop : 0);
+    const std::uint64_t known = statistics.ps_drop + given_;
+    return statistics.ps_recv > known ? statistics.ps_recv - known : 0;
 }
 
 DeviceSource::DeviceSource(Settings settings) : settings_(std::move(settings)) {
@@ -305,9 +321,28 @@ void DeviceSource::tryToOpen() {
     }
 }
 
+// Asked before each read after stop(), the first time at once.
+bool DeviceSource::isReadToTheEnd() {
+    if (!handle_)
+        return true;
+    const Clock::time_point now = Clock::now();
+    if (!stopSeen_) {
+        stopSeen_ = now;
+        gettimeofday(&stopTime_, nullptr);
+        return false;
+    }
+    if (handle_->isBeyond(stopTime_) || (isSilent_ && now - *stopSeen_ >= kLastBlock))
+        return true;
+    if (now - *stopSeen_ < kLongestEnd)
+        return false;
+    left_ = handle_->waiting();
+    return true;
+}
+
 PacketSource::Result DeviceSource::read(PacketSink& sink) {
-    if (isStopped_.load(std::memory_order_relaxed))
+    if (isStopped_.load(std::memory_order_relaxed) && isReadToTheEnd())
         return Result::kEnd;
+    isSilent_ = false;
     if (!handle_) {
         poll(nullptr, 0, kWaitMilliseconds);
         if (Clock::now() - looked_ >= kLookInterval)
@@ -328,6 +363,7 @@ PacketSource::Result DeviceSource::read(PacketSink& sink) {
             close();
             return Result::kEmpty;
         }
+        isSilent_ = ready == 0;
         if (ready <= 0) {
             if (Clock::now() - looked_ >= kQuietLookInterval)
                 look();
@@ -370,7 +406,7 @@ std::string DeviceSource::setFilter(const std::string& filter) {
 }
 
 std::uint64_t DeviceSource::dropped() {
-    return droppedBefore_ + (handle_ ? handle_->dropped(settings_.countsInterface) : 0);
+    return droppedBefore_ + (handle_ ? handle_->dropped() : 0);
 }
 
 }  // namespace kp::capture

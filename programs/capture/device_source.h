@@ -1,6 +1,8 @@
 // kp-capture: packets from a device.
 #pragma once
 
+#include <sys/time.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -23,6 +25,8 @@ namespace kp::capture {
 ///
 /// When the device goes down or disappears, the source is blind: it looks several times a second
 /// whether a device of that name is there and up, and watches that one then.
+///
+/// After stop() it reads on to what was captured after that moment, but no longer than two seconds.
 class DeviceSource : public PacketSource {
 public:
     /// Is told when the source becomes blind, sees again, or still cannot for another reason.
@@ -33,7 +37,6 @@ public:
         std::string filter;    ///< BPF, empty for all packets
         int buffer = 0;        ///< bytes of the ring
         bool mayWait = false;  ///< a device that is missing or down at the start is waited for
-        bool countsInterface = true;   ///< dropped() contains what the interface itself dropped
         FanoutGroup* group = nullptr;  ///< of several readers; outlives the source
         Listener listener;             ///< is called on the thread that reads
     };
@@ -55,6 +58,7 @@ public:
     const std::string& fault() const override { return fault_; }
     std::uint64_t filteredOut() const override { return 0; }
     std::uint64_t dropped() override;
+    std::uint64_t left() const override { return left_; }
     double progress() const override { return -1; }
 
 private:
@@ -69,6 +73,7 @@ private:
     void look();
     void becomeBlind(const std::string& why);
     void seeAgain();
+    bool isReadToTheEnd();
 
     Settings settings_;
     std::unique_ptr<Handle> handle_;  // none while there is no device
@@ -87,6 +92,10 @@ private:
     std::string warning_;
     std::string fault_;
     std::atomic<bool> isStopped_{false};
+    bool isSilent_ = false;  // the last read waited in vain
+    std::optional<Clock::time_point> stopSeen_;
+    timeval stopTime_{};
+    std::uint64_t left_ = 0;
 };
 
 }  // namespace kp::capture

@@ -23,12 +23,16 @@
 #include "installation.h"
 #include "judgement.h"
 #include "live_config.h"
+#include "log_line.h"
+#include "losses.h"
 #include "packet_source.h"
 #include "pipeline.h"
 #include "reader.h"
 #include "recorder.h"
+#include "signals.h"
 #include "summary.h"
 #include "transaction_printer.h"
+#include "unread.h"
 
 namespace kp::capture {
 
@@ -37,6 +41,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kConnectionMemory = std::size_t{96} * 1024 * 1024;
+constexpr int kWithLosses = 3;                                      // exit status
 constexpr std::size_t kLeastMemory = std::size_t{8} * 1024 * 1024;  // of one parser
 
 std::atomic<bool> stopRequested{false};
@@ -66,7 +71,7 @@ extern "C" void onStopSignal(int number) {
 }
 
 void catchSignals() {
-    for (const int number : {SIGINT, SIGTERM}) {
+    for (const int number : {SIGINT, SIGTERM, SIGQUIT}) {
         struct sigaction before {};
         sigaction(number, nullptr, &before);
         const bool isFunction = (before.sa_flags & SA_SIGINFO) == 0 &&
@@ -77,8 +82,6 @@ void catchSignals() {
         sigemptyset(&action.sa_mask);
         sigaction(number, &action, nullptr);
     }
-    signal(SIGPIPE, SIG_IGN);  // the printer tells of a reader that has gone
-    signal(SIGXFSZ, SIG_IGN);  // and the recorder of a file that may not grow
 }
 
 /// Lets the signals stop sources for as long as this lives.
@@ -130,6 +133,7 @@ public:
 private:
     int handleMessage(KP_Message* message) override;
     void send(const char* text);
+    void hungUp();
     void openSources();
     void openDevice(const KP_ConfigAdmin& config);
     void deviceChanged(bool isFirst, const std::string& text);
@@ -143,6 +147,9 @@ private:
     void take(Transaction&& transaction);
     void tell(const std::string& text);
     void idle(bool isLast);
+    Lost lost() const;
+    void tellLosses(bool isLast);
+    Unread unread() const;
     Status status() const;
     void complain(const std::string& text);
 
@@ -159,6 +166,10 @@ private:
     Output* output_ = nullptr;
     Recorder* recorder_ = nullptr;  // none when nothing is recorded
     FrontEnd* frontEnd_ = nullptr;
+    Caretaker* caretaker_ = nullptr;
+    std::unique_ptr<InterfaceDrops> interface_;  // of a device that is watched
+    std::mutex telling_;                         // guards it and the next
+    LossTeller losses_;
     FanoutGroup group_;
     Reader::Shared reading_{
         summary_, parsers_, {}, [this] { return std::string(config_.current()->filterProgram); }};
@@ -167,9 +178,11 @@ private:
     std::vector<ReaderThread*> readerThreads_;      // of all but the first; owned as the stages are
     std::unique_ptr<Dispatcher> dispatcher_;        // sends the last round
     std::mutex deviceChanging_;
-    std::atomic<bool> wasBlind_{false};  // a device was not there, or down, for a while
+    bool hasWatched_ = false;            // the device was there and up
+    std::atomic<bool> wasBlind_{false};  // and then for a while it was not
     std::atomic<const char*> state_{"starting"};
     std::atomic<bool> isPaced_{false};
+    std::atomic<std::uint64_t> left_{0};  // packets, at the end
     bool isGood_ = true;
     bool isRunning_ = false;  // the stages are
 
@@ -185,7 +198,7 @@ int Engine::handleMessage(KP_Message* message) {
         ++reading_.filterChanges;
         judgingChanged_ = true;
     } else if (text == kDayBegan) {
-        KP_Log::ret("kp-capture: a new day has begun");
+        logLine("a new day has begun");
         if (recorder_ != nullptr)
             recorder_->dayBegan();
     } else if (text == kShutdown) {
@@ -200,9 +213,17 @@ void Engine::send(const char* text) {
     manager_.sendMessage(&message);
 }
 
+// On the caretaker's thread.
+void Engine::hungUp() {
+    if (KP_Log::reopen() != 0)
+        tell("the log cannot be opened anew, the old file is used: " +
+             std::string(std::strerror(errno)));
+    config_.reload();
+}
+
 void Engine::tell(const std::string& text) {
     std::fprintf(stderr, "kp-capture: %s\n", text.c_str());
-    KP_Log::ret("kp-capture: %s", text.c_str());
+    logLine(text);
 }
 
 void Engine::complain(const std::string& text) {
@@ -231,13 +252,13 @@ void Engine::openDevice(const KP_ConfigAdmin& config) {
     settings.name = options_.device.empty() ? config.device : options_.device;
     if (settings.name.empty())
         throw PacketSourceError("no device is configured; give --device DEV, or --replay FILE");
+    interface_ = std::make_unique<InterfaceDrops>(settings.name);
     settings.filter = config.filterProgram;
     settings.buffer = static_cast<int>(options_.buffer * 1024 * 1024 / options_.readers);
     settings.mayWait = options_.wait;
     settings.group = options_.readers > 1 ? &group_ : nullptr;
     for (unsigned i = 0; i < options_.readers; ++i) {
         const bool isFirst = i == 0;
-        settings.countsInterface = isFirst;
         settings.listener = [this, isFirst](const std::string& text) {
             deviceChanged(isFirst, text);
         };
@@ -258,8 +279,9 @@ void Engine::showDeviceState() {
         return;
     const bool isBlind = std::any_of(sources_.begin(), sources_.end(),
                                      [](const auto& source) { return source->isBlind(); });
-    if (isBlind)
+    if (isBlind && hasWatched_)
         wasBlind_ = true;
+    hasWatched_ = hasWatched_ || !isBlind;
     state_ = isBlind ? "waiting for device" : "watching";
     if (!isBlind)
         config_.setLinkType(sources_.front()->linkType());
@@ -298,6 +320,8 @@ void Engine::startStages() {
         add(parser);
         parsers_.push_back(parser);
     }
+    caretaker_ = new Caretaker([this] { hungUp(); }, [this] { tellLosses(false); });
+    add(caretaker_);
     auto* days = KP_ResetThread::create();
     add(days);
     days->KP_List<KP_Object>::append(&day_);
@@ -321,6 +345,9 @@ void Engine::endStages() {
     if (frontEnd_ != nullptr)
         frontEnd_->end();
     frontEnd_ = nullptr;
+    if (caretaker_ != nullptr)
+        caretaker_->end();
+    caretaker_ = nullptr;
     endReading();
     if (isRunning_ && !output_->isFinished()) {
         dispatcher_->finish();
@@ -358,12 +385,42 @@ void Engine::idle(bool isLast) {
     summary_.setConnections(output_->connections());
 }
 
+Lost Engine::lost() const {
+    Lost lost = summary_.droppedPackets();
+    lost.left = left_;
+    lost.rows = recorder_ != nullptr ? recorder_->lost() : 0;
+    return lost;
+}
+
+void Engine::tellLosses(bool isLast) {
+    const std::lock_guard<std::mutex> lock(telling_);
+    if (interface_) {
+        const bool hasSeenTags =
+            std::any_of(readers_.begin(), readers_.end(),
+                        [](const auto& reader) { return reader->unread().hasSeenTags(); });
+        summary_.setInterfaceDropped(interface_->count(hasSeenTags));
+    }
+    const std::string text = losses_.tell(lost(), Clock::now(), isLast);
+    if (!text.empty())
+        logLine(text);
+}
+
+Unread Engine::unread() const {
+    Unread unread;
+    for (const std::unique_ptr<Reader>& reader : readers_)
+        reader->unread().addTo(unread);
+    unread.notHttp = output_->notHttp();
+    return unread;
+}
+
 Status Engine::status() const {
     Status result = summary_.status();
     result.insert(result.begin(), {"state", state_.load()});
     result.emplace_back("connections_kept", std::to_string(output_->openConnections()));
     result.emplace_back("connections_given_up", std::to_string(output_->givenUp()));
     result.emplace_back("bytes_missing", std::to_string(output_->missingBytes()));
+    for (const auto& [name, count] : unread().named())
+        result.emplace_back(name, std::to_string(count));
     if (recorder_ != nullptr) {
         const std::string fault = recorder_->fault();
         result.emplace_back("recording", fault.empty() ? "yes" : "failing: " + fault);
@@ -374,6 +431,8 @@ Status Engine::status() const {
     }
     result.emplace_back("clients", std::to_string(frontEnd_->clients()));
     result.emplace_back("clients_refused", std::to_string(frontEnd_->refused()));
+    if (const std::string reloaded = config_.reloaded(); !reloaded.empty())
+        result.emplace_back("reloaded", reloaded);
     return result;
 }
 
@@ -390,7 +449,7 @@ void Engine::startReading() {
     } else {
         state_ = "reading";
     }
-    KP_Log::ret("kp-capture: %s %s", state_.load(), source.name().c_str());
+    logLine(std::string(state_) + " " + source.name());
     for (std::size_t i = 1; i < readers_.size(); ++i) {
         auto* thread = new ReaderThread(*readers_[i], stopSources, faults_);
         if (thread == nullptr)
@@ -413,6 +472,8 @@ void Engine::readSources() {
             progress.show(summary_.progressLine(reader.source().progress()));
     }
     endReading();
+    for (const std::unique_ptr<PacketSource>& source : sources_)
+        left_ += source->left();
     for (const std::unique_ptr<Reader>& each : readers_) {
         if (each->end() == PacketSource::Result::kFault)
             complain(each->source().fault() + "; the packets before that are used");
@@ -443,9 +504,14 @@ int Engine::run() {
     if (recorder_ != nullptr) {
         recorder_->flush();
         summary_.setRecorded(recorder_->recorded(), recorder_->lost());
-        if (recorder_->lost() != 0)
-            complain(std::to_string(recorder_->lost()) + " transactions were not recorded");
     }
+    summary_.setUnread(unread().text());
+    tellLosses(true);
+    const Lost lost = this->lost();
+    if (lost.any())
+        std::fprintf(stderr, "kp-capture: %s\n", LossTeller().tell(lost, {}).c_str());
+    if (wasBlind_)
+        std::fprintf(stderr, "kp-capture: the device was not there, or down, for a while\n");
     if (faults_.any())
         complain(faults_.first());
     if (printer_.isFailed())
@@ -455,8 +521,13 @@ int Engine::run() {
     while (options_.serve && !stopRequested)
         manager_.wait(nullptr, 100);
     endStages();
-    KP_Log::ret("kp-capture: ended%s", isGood_ ? "" : " with an error");
-    return isGood_ ? 0 : 1;
+    if (!isGood_) {
+        logLine("ended with an error");
+        return 1;
+    }
+    const bool hasLost = lost.any() || wasBlind_;
+    logLine(hasLost ? "ended with losses" : "ended");
+    return hasLost ? kWithLosses : 0;
 }
 
 }  // namespace

@@ -64,6 +64,8 @@ void HttpConnection::ended(Side side) {
 void HttpConnection::closed() {
     first_.finish();
     second_.finish();
+    if (!isHttp_ && !isNotHttp_)
+        sink_.notHttp();  // it was joined in its middle, and nobody could tell before
     if (!waiting_)
         return;
     for (Request& request : *waiting_)
@@ -72,12 +74,15 @@ void HttpConnection::closed() {
 }
 
 void HttpConnection::kindFound(MessageKind kind) {
+    isHttp_ = true;
     const bool isClient = kind == MessageKind::kRequest;
     client_ = isClient ? reading_ : otherSide(reading_);
     parser(otherSide(reading_)).expect(isClient ? MessageKind::kResponse : MessageKind::kRequest);
 }
 
 void HttpConnection::notHttp() {
+    isNotHttp_ = true;
+    sink_.notHttp();
     leaveHttp();
 }
 

@@ -72,6 +72,8 @@ private:
     HttpParser second_;
     Side reading_ = Side::kFirst;  // whose bytes are being read
     Side client_ = Side::kFirst;   // valid once a kind was found
+    bool isHttp_ = false;
+    bool isNotHttp_ = false;
     bool mayHaveLostAnswers_ = false;
     bool answering_ = false;  // the front of waiting_ is getting its answer
     std::unique_ptr<Waiting> waiting_;

@@ -26,7 +26,12 @@ page has the status 200 to 203 or 304. An entry point is content that was not re
 the same site: there is no Referer, or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are not
 printable ASCII are written as \xHH.
 
-Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line.)";
+Signals: SIGINT, SIGTERM and SIGQUIT end the engine in order, a second one at once; SIGHUP opens the
+log anew and reads the ranges of the installation file again; others do nothing.
+
+Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line, 3 done with
+losses: the system or the interface dropped packets, transactions were not recorded, or the device
+was missing or down for a while.)";
 
 std::string checkName(const std::string& name) {
     if (name.empty() || name.size() > 100 || name.find_first_of("/\\.") != std::string::npos) {

@@ -79,6 +79,8 @@ public:
     /// Packets that the system could not keep for us; 0 for a file. Asks the system: not to be
     /// called for each packet.
     virtual std::uint64_t dropped() = 0;
+    /// Packets that the system had captured before stop() and that were not read, for want of time.
+    virtual std::uint64_t left() const { return 0; }
     /// How much of the file was read, 0 to 1; negative when its size is not known.
     virtual double progress() const = 0;
 };

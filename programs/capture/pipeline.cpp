@@ -104,6 +104,7 @@ int Parser::doTask() {
     made_.open = follower_.open();
     made_.givenUp = follower_.givenUp();
     made_.missing = follower_.missingBytes();
+    made_.notHttp = notHttp_;
     made_.isLast = batch->isLast;
     if (batch->isLast)
         setContinue(0);
@@ -202,6 +203,7 @@ void Output::writeRound() {
     std::size_t open = 0;
     std::uint64_t givenUp = 0;
     std::uint64_t missing = 0;
+    std::uint64_t notHttp = 0;
     for (RowBatch& part : parts) {
         for (Row& row : part.rows)
             round.push_back(&row);
@@ -209,6 +211,7 @@ void Output::writeRound() {
         open += part.open;
         givenUp += part.givenUp;
         missing += part.missing;
+        notHttp += part.notHttp;
         sawLast_ = part.isLast;
     }
     // A connection is one parser's, and its own rows stand in their order already.
@@ -225,6 +228,7 @@ void Output::writeRound() {
     open_ = open;
     givenUp_ = givenUp;
     missing_ = missing;
+    notHttp_ = notHttp;
     if (sawLast_)
         idle_(true);
 }

@@ -62,6 +62,7 @@ struct RowBatch {
     std::size_t open = 0;           // of them, kept now
     std::uint64_t givenUp = 0;      // of them, because of the memory
     std::uint64_t missing = 0;      // bytes that were never captured
+    std::uint64_t notHttp = 0;      // connections with something else, so far
     bool isLast = false;
 };
 
@@ -100,6 +101,7 @@ private:
     std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second, bool fromStart,
                                            std::uint64_t number) override;
     void transaction(Transaction&& transaction) override;
+    void notHttp() override { ++notHttp_; }
     void work(Batch& batch);
 
     BatchQueue input_;
@@ -111,6 +113,7 @@ private:
     std::uint64_t number_ = 0;  // of the packet that is being read
     std::int64_t clock_ = 0;    // readers may differ a little
     bool isClosing_ = false;
+    std::uint64_t notHttp_ = 0;
 };
 
 /// Hands segments to the parsers, in rounds.
@@ -165,6 +168,7 @@ public:
     std::size_t openConnections() const { return open_; }
     std::uint64_t givenUp() const { return givenUp_; }
     std::uint64_t missingBytes() const { return missing_; }
+    std::uint64_t notHttp() const { return notHttp_; }
     /// Waits until everything was written.
     void waitUntilFinished();
 
@@ -185,6 +189,7 @@ private:
     std::atomic<std::size_t> open_{0};
     std::atomic<std::uint64_t> givenUp_{0};
     std::atomic<std::uint64_t> missing_{0};
+    std::atomic<std::uint64_t> notHttp_{0};
     std::atomic<bool> isFinished_{false};
     std::mutex mutex_;
     std::condition_variable finished_;

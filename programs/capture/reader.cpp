@@ -4,6 +4,8 @@
 #include <exception>
 #include <utility>
 
+#include "log_line.h"
+
 namespace kp::capture {
 
 namespace {
@@ -41,6 +43,7 @@ bool Reader::turn() {
     packets_ = bytes_ = 0;
     if (result == PacketSource::Result::kEnd || result == PacketSource::Result::kFault) {
         end_ = result;
+        segments_.finish();
         count();
         dispatcher_.endRound();
         return false;
@@ -74,7 +77,7 @@ void Reader::changeFilter() {
     filterChanges_ = shared_.filterChanges;
     const std::string fault = source_.setFilter(shared_.filter());
     if (!fault.empty())
-        KP_Log::ret("kp-capture: the new filter is refused, the old one stays: %s", fault.c_str());
+        logLine("the new filter is refused, the old one stays: " + fault);
 }
 
 ReaderThread::~ReaderThread() {

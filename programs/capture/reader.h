@@ -43,6 +43,8 @@ public:
     PacketSource& source() { return source_; }
     /// How reading ended: kEnd or kFault.
     PacketSource::Result end() const { return end_; }
+    /// What could not be read; for any thread.
+    const UnreadPackets& unread() const { return segments_.unread(); }
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "judgement.h"
+#include "losses.h"
 #include "transaction.h"
 
 namespace kp::capture {
@@ -44,6 +45,14 @@ public:
     }
     void setFilteredOut(std::uint64_t packets) { filteredOut_ = packets; }
     void addDropped(std::uint64_t packets) { dropped_ += packets; }
+    void setInterfaceDropped(std::uint64_t packets) { interfaceDropped_ = packets; }
+    /// What of the losses it knows: packets.
+    Lost droppedPackets() const { return {dropped_, interfaceDropped_, 0, 0}; }
+    /// What was not understood, in words.
+    void setUnread(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        unread_ = text;
+    }
 
     /// A progress line without its line end; @p done is 0 to 1, negative when it is not known.
     std::string progressLine(double done) const;
@@ -78,9 +87,11 @@ private:
     std::atomic<std::uint64_t> notRecorded_{0};
     std::atomic<std::uint64_t> filteredOut_{0};
     std::atomic<std::uint64_t> dropped_{0};
+    std::atomic<std::uint64_t> interfaceDropped_{0};
     mutable std::mutex mutex_;  // guards the rest
     Counts seen_;
     Counts watched_;
+    std::string unread_;
 };
 
 /// Shows a line on a terminal that is overwritten again and again, at most ten times a second.

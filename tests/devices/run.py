@@ -51,13 +51,14 @@ def wait_until(what, condition):
 class Engine:
     """A kp-capture that watches and prints."""
 
-    def __init__(self, build, folder, *options):
+    def __init__(self, build, folder, *options, packet_filter=""):
         self.build, self.folder = build, folder
         self.lines, self.said = folder / "lines", folder / "said"
         (folder / "password").write_text("secret\n")
         if not (folder / "site").exists():
             subprocess.run([build / "programs/configure/kp-configure", "--dir", folder / "site", "--password-file",
-                            folder / "password", "--device", "near", "--range", "10.0.0.0/8"], check=True, capture_output=True)
+                            folder / "password", "--device", "near", "--range", "10.0.0.0/8", "--filter", packet_filter],
+                           check=True, capture_output=True)
         command = [build / "programs/capture/kp-capture", "--dir", folder / "site", "--print", "--all", *options]
         with open(self.lines, "wb") as lines, open(self.said, "wb") as said:
             self.process = subprocess.Popen(command, stdout=lines, stderr=said, stdin=subprocess.DEVNULL)
@@ -89,9 +90,9 @@ class Engine:
 
 
 @contextlib.contextmanager
-def engine(build, *options):
+def engine(build, *options, packet_filter=""):
     folder = pathlib.Path(tempfile.mkdtemp())
-    running = Engine(build, folder, *options)
+    running = Engine(build, folder, *options, packet_filter=packet_filter)
     try:
         yield running
     finally:
@@ -105,6 +106,11 @@ def send(frames):
         far.bind(("far", 0))
         for frame in frames:
             far.send(frame)
+
+
+def rx_dropped():
+    line = next(line for line in pathlib.Path("/proc/self/net/dev").read_text().splitlines() if line.strip().startswith("near:"))
+    return int(line.split(":")[1].split()[3])
 
 
 def visit(target, client="10.0.0.5:40001", body=b"hello"):
@@ -211,7 +217,8 @@ def is_waited_for_when_it_goes_and_comes(build):
         running.await_state("watching")
         log = (running.folder / "site/logs/kp-capture.log").read_text()
         assert log.count("near is down; waiting for it") == 1 and "near is watched after a wait of" in log, log
-        running.end()
+        said = running.end()
+        assert running.process.returncode == 3 and "was not there, or down, for a while" in said, said
 
 
 @case
@@ -261,6 +268,42 @@ def is_shared_by_several_readers(build):
         running.await_rows([(f"/{number}", "200") for number in range(300)] + [(f"/again-{number}", "200") for number in range(50)])
         packets = int(re.search(r"^packets +(\d+)", running.end(), re.MULTILINE)[1])
         assert len(again) < packets <= len(mixed) + len(again), packets  # the system puts fragments together
+
+
+@case
+def is_read_to_its_end_at_a_signal(build):
+    """What was captured before the signal is a row, though nobody has handed it over yet."""
+    for number in range(5):
+        with engine(build, "--serve", "--readers", str(1 + number % 2)) as running:
+            running.await_state("watching")
+            targets = [f"/{number}/{client}" for client in range(200)]
+            send([frame for client, target in enumerate(targets) for frame in visit(target, f"10.0.0.5:{20000 + client}")])
+            said = running.end()
+            assert sorted(running.rows()) == sorted((target, "200") for target in targets), (len(running.rows()), said)
+            assert running.process.returncode == 0, said
+
+
+@case
+def tells_what_its_interface_has_dropped(build):
+    """By rx_dropped, in which the system also counts tagged frames of protocols that it does not know: not if we saw such."""
+    unknown = [tagged(frame[:12] + b"\x88\xb5" + frame[14:], 5) for frame in visit("/")]
+    with engine(build, "--serve") as running:
+        running.await_state("watching")
+        before = rx_dropped()
+        send(unknown)
+        wait_until(lambda: running.admin("status"),
+                   lambda: int(re.search(r"not_ipv4=(\d+)", running.admin("status"))[1]) >= len(unknown))
+        assert rx_dropped() > before, "the system does not count them"
+        said = running.end()
+        assert running.process.returncode == 0 and "losses" not in said, said
+    with engine(build, "--serve", packet_filter="udp") as running:
+        running.await_state("watching")
+        wait_until(lambda: running.admin("status"), lambda: (
+            send(unknown), time.sleep(0.1), "interface_dropped=0" not in running.admin("status"))[2])
+        said = running.end()
+        assert running.process.returncode == 3 and "dropped by the interface" in said, said
+        log = (running.folder / "site/logs/kp-capture.log").read_text()
+        assert log.count("dropped by the interface") >= 1 and "ended with losses" in log, log
 
 
 def main():
