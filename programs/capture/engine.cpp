@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/printable.h"
 #include "front_end.h"
 #include "installation.h"
 #include "judgement.h"
@@ -185,8 +186,9 @@ void Engine::send(const char* text) {
 }
 
 void Engine::tell(const std::string& text) {
-    std::fprintf(stderr, "kp-capture: %s\n", text.c_str());
-    KP_Log::ret("kp-capture: %s", text.c_str());
+    const std::string shown = programs::printable(text);
+    std::fprintf(stderr, "kp-capture: %s\n", shown.c_str());
+    KP_Log::ret("kp-capture: %s", shown.c_str());
 }
 
 void Engine::complain(const std::string& text) {
@@ -357,7 +359,7 @@ PacketSource::Result Engine::readPackets(PacketSource& source) {
             const std::string fault = source.setFilter(config_.current()->filterProgram);
             if (!fault.empty())
                 KP_Log::ret("kp-capture: the new filter is refused, the old one stays: %s",
-                            fault.c_str());
+                            programs::printable(fault).c_str());
         }
         summary_.setFilteredOut(source.filteredOut());
         summary_.setDropped(source.dropped());
@@ -374,7 +376,8 @@ PacketSource::Result Engine::readPackets(PacketSource& source) {
 void Engine::readSource(PacketSource& source) {
     const StoppedBySignals scope(source);
     if (!source.warning().empty())
-        std::fprintf(stderr, "kp-capture: warning: %s\n", source.warning().c_str());
+        std::fprintf(stderr, "kp-capture: warning: %s\n",
+                     programs::printable(source.warning()).c_str());
     state_ = source.isLive() ? "watching" : "reading";
     KP_Log::ret("kp-capture: %s %s", state_.load(), source.name().c_str());
     if (source.isLive()) {

@@ -1,12 +1,16 @@
 #include "installation.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
+#include "common/general_file.h"
+#include "common/installation_lock.h"
+#include "common/printable.h"
 #include "live_config.h"
 
 namespace kp::capture {
@@ -64,6 +68,11 @@ std::string writtenToLog() {
     return text;
 }
 
+std::string hintOfKeptFile(const std::string& name) {
+    const std::string kept = keptFile(name);
+    return isRegularFile(kept) ? "; the last good configuration is kept as " + kept : "";
+}
+
 void reportExit() {
     const StartUp& state = startUp();
     std::string reason;
@@ -81,12 +90,12 @@ void reportExit() {
             const bool isGeneralFile = reason.find("readGeneralConfigFile") != std::string::npos ||
                                        reason.find(generalFile(state.name)) != std::string::npos;
             reason += " (log: " + state.logPath + ")";
-            if (isGeneralFile && isRegularFile(keptFile(state.name)))
-                reason += "; the last good configuration is kept as " + keptFile(state.name);
+            if (isGeneralFile)
+                reason += hintOfKeptFile(state.name);
             break;
         }
     }
-    std::fprintf(stderr, "kp-capture: could not start: %s\n", reason.c_str());
+    std::fprintf(stderr, "kp-capture: could not start: %s\n", programs::printable(reason).c_str());
 }
 
 void checkDirectory(const std::string& directory) {
@@ -102,6 +111,33 @@ void checkDirectory(const std::string& directory) {
             throw InstallationError(directory + " is not an installation: it has no directory \"" +
                                     (part + 1) + "\"; kp-configure makes one");
         }
+    }
+}
+
+// A file that the library would read from the wrong lines, without noticing, ends the start. What it
+// does notice, and files that it cannot open, are left to its own words.
+void checkGeneralFile(const std::string& path, const std::string& hint) {
+    if (access(path.c_str(), R_OK) != 0)
+        return;
+    const std::string fault = programs::generalFileFault(path);
+    if (fault.empty())
+        return;
+    KP_Log::ret("kp-capture: could not start: %s", programs::printable(fault).c_str());
+    throw InstallationError("could not start: " + fault + hint);
+}
+
+// Reads both configurations while nobody writes them.
+void readConfigurations(KP_EngineMgr& engine, const std::string& admin, const std::string& name) {
+    using programs::InstallationLock;
+    const InstallationLock lock(admin, InstallationLock::Kind::kShared);
+    checkGeneralFile(generalFile(name), hintOfKeptFile(name));
+    checkGeneralFile(admin + "/" + name + "_prvtDef.cfg", "");
+    for (KP_Config* config : {engine.getConfigAdmin(), engine.getConfig()}) {
+        config->setName(name.c_str());
+        config->init();
+        // The file may have been changed in between by somebody who knows no lock.
+        if (config->password[0] == '\0')
+            throw InstallationError("could not start: the password is empty");
     }
 }
 
@@ -139,9 +175,11 @@ EnginePointer startInstallation(const std::string& directory, const std::string&
         throw InstallationError("out of memory");
 
     state.stage = Stage::kConfiguration;
-    for (KP_Config* config : {engine->getConfigAdmin(), engine->getConfig()}) {
-        config->setName(name.c_str());
-        config->init();
+    try {
+        readConfigurations(*engine, found + "/admin", name);
+    } catch (...) {
+        state.stage = Stage::kOver;  // Its reason is told by whoever catches it.
+        throw;
     }
     state.stage = Stage::kOver;
     return engine;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "common/printable.h"
 #include "engine.h"
 #include "installation.h"
 #include "options.h"
@@ -59,7 +60,7 @@ int main(int argc, char** argv) {
             return *status;
         return kp::capture::run(options);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kp-capture: %s\n", error.what());
+        std::fprintf(stderr, "kp-capture: %s\n", kp::programs::printable(error.what()).c_str());
         return 1;
     }
 }

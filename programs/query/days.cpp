@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "common/printable.h"
 #include "kp/kp.h"
 #include "records/day_files.h"
 #include "records/schema.h"
@@ -49,7 +50,8 @@ struct Task {
 };
 
 bool isUnreadable(const std::string& why) {
-    std::fprintf(stderr, "kp-query: %s; it is left out of the answer\n", why.c_str());
+    std::fprintf(stderr, "kp-query: %s; it is left out of the answer\n",
+                 programs::printable(why).c_str());
     return false;
 }
 
