@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -17,9 +18,9 @@ namespace kp::capture {
 
 namespace {
 
-enum class Stage { kDirectory, kLog, kConfiguration, kOver };
+enum class Stage { kDirectory, kLog, kConfiguration, kRunning, kOver };
 
-// Where start-up is, for the report of an exit in its middle. Global, because exit handlers get no
+// How far this run has come, for the report of an exit in its middle. Global, because exit handlers get no
 // argument.
 struct StartUp {
     Stage stage = Stage::kDirectory;
@@ -68,6 +69,19 @@ std::string writtenToLog() {
     return text;
 }
 
+// The last line of the log that this run has written.
+std::string lastWords() {
+    constexpr std::streamoff kMost = 1024;
+    std::ifstream log(startUp().logPath, std::ios::binary | std::ios::ate);
+    log.seekg(std::max(std::streamoff{log.tellg()} - kMost, startUp().logBefore));
+    std::string last;
+    for (std::string line; std::getline(log, line);) {
+        if (!line.empty())
+            last = withoutTime(line);
+    }
+    return last;
+}
+
 std::string hintOfKeptFile(const std::string& name) {
     const std::string kept = keptFile(name);
     return isRegularFile(kept) ? "; the last good configuration is kept as " + kept : "";
@@ -77,7 +91,12 @@ void reportExit() {
     const StartUp& state = startUp();
     std::string reason;
     switch (state.stage) {
-        case Stage::kOver:  // started, or the reason was told otherwise
+        case Stage::kOver:  // ended by ourselves, or the reason was told otherwise
+            return;
+        case Stage::kRunning:
+            std::fprintf(stderr, "kp-capture: ended: %s (log: %s)\n",
+                         programs::printable(lastWords()).c_str(),
+                         programs::printable(state.logPath).c_str());
             return;
         case Stage::kDirectory:
             reason = "no installation directory; give --dir DIR or set KP_INSTALLDIR";
@@ -181,8 +200,12 @@ EnginePointer startInstallation(const std::string& directory, const std::string&
         state.stage = Stage::kOver;  // Its reason is told by whoever catches it.
         throw;
     }
-    state.stage = Stage::kOver;
+    state.stage = Stage::kRunning;
     return engine;
+}
+
+void installationEnds() {
+    startUp().stage = Stage::kOver;
 }
 
 }  // namespace kp::capture

@@ -54,13 +54,15 @@ int run(const Options& options) {
 }  // namespace kp::capture
 
 int main(int argc, char** argv) {
+    int result = 1;
     try {
         kp::capture::Options options;
         if (const auto status = kp::capture::readOptions(argc, argv, options))
             return *status;
-        return kp::capture::run(options);
+        result = kp::capture::run(options);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kp-capture: %s\n", kp::programs::printable(error.what()).c_str());
-        return 1;
     }
+    kp::capture::installationEnds();
+    return result;
 }

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "common/exit_report.h"
 #include "common/general_file.h"
 #include "common/installation_lock.h"
 #include "common/settings.h"
@@ -142,7 +143,11 @@ void makeDirectory(const fs::path& path) {
 // makes that the temporary file. Writing ends without a word where the disk is full.
 void saveAs(KP_Config& config, const std::string& temporaryName, const Replacement& file) {
     config.setName(temporaryName.c_str());
-    config.save();
+    {
+        const programs::ExitReport report("kp-configure: cannot write " +
+                                          file.temporaryPath().string());
+        config.save();
+    }
     file.sync();
     const std::string fault = programs::generalFileFault(file.temporaryPath().string());
     if (!fault.empty()) {

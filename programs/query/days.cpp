@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "common/exit_report.h"
 #include "common/printable.h"
 #include "kp/kp.h"
 #include "records/day_files.h"
@@ -97,7 +98,11 @@ bool readDays(const std::string& directory, const Filter& filter, const DayFunct
     for (Task& task : tasks) {
         pool.addTask([](void* argument) { static_cast<Task*>(argument)->run(); }, &task, 0);
     }
-    pool.start();
+    {
+        const programs::ExitReport report(
+            "kp-query: cannot start the threads that read the days; the system allows no more");
+        pool.start();
+    }
     work.done.waitUntil([&] { return work.left == 0; });
     pool.stop();
     pool.join(nullptr, 0);
