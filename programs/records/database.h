@@ -45,7 +45,7 @@ public:
     /// Nothing but a regular file is opened, nor beside one that is not; what is written is no
     /// symbolic link either. What its schema tells SQLite to run is not trusted, texts have at most
     /// kLongestText bytes, and all open files together get at most kMostMemory bytes.
-    static constexpr int kLongestText = 4 * 1024 * 1024;
+    static constexpr int kLongestText = 1024 * 1024;
     static constexpr std::int64_t kMostMemory = std::int64_t{512} * 1024 * 1024;
     Database(const std::string& path, Access access,
              std::chrono::milliseconds patience = std::chrono::seconds(5));
