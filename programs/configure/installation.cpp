@@ -1,13 +1,16 @@
 #include "installation.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <system_error>
+#include <vector>
 
 #include "common/settings.h"
 
@@ -19,6 +22,7 @@ namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
 constexpr mode_t kReadable = 0644;
+constexpr mode_t kDirectory = 0750;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -81,23 +85,44 @@ std::string installationText(const Plan& plan, const KP_Config& config) {
     return text.str();
 }
 
+// What is new is for its owner, and for its group to read, whatever the umask.
 void makeDirectory(const fs::path& path) {
     std::error_code error;
-    fs::create_directories(path, error);
+    std::vector<fs::path> missing;
+    for (fs::path each = path; !each.empty() && !fs::exists(each, error); each = each.parent_path())
+        missing.push_back(each);
+    error.clear();
+    for (auto each = missing.rbegin(); each != missing.rend() && !error; ++each) {
+        if (::mkdir(each->c_str(), kDirectory) != 0 || ::chmod(each->c_str(), kDirectory) != 0)
+            error.assign(errno, std::generic_category());
+    }
     if (!fs::is_directory(path)) {
         throw std::system_error(error ? error : std::make_error_code(std::errc::not_a_directory),
                                 "cannot make the directory " + path.string());
     }
 }
 
-// The library writes a general configuration file under the configuration's name; a name of its own
-// makes that the temporary file. The full layout has at least this many bytes.
-constexpr std::uintmax_t kShortestGeneralFile = 400;
+// How many bytes a general configuration file has.
+std::uintmax_t sizeOf(KP_Config& config) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* const memory = ::open_memstream(&text, &size);
+    if (memory == nullptr) {
+        fail("cannot write the configuration");
+    }
+    config.saveTo(memory);
+    std::fclose(memory);
+    std::free(text);
+    return size;
+}
 
+// The library writes a general configuration file under the configuration's name; a name of its own
+// makes that the temporary file. It does not notice a disk that is full.
 void saveAs(KP_Config& config, const std::string& temporaryName, const Replacement& file) {
     config.setName(temporaryName.c_str());
+    errno = 0;
     config.save();
-    if (!file.complete(kShortestGeneralFile)) {
+    if (!file.complete(sizeOf(config))) {
         errno = errno != 0 ? errno : ENOSPC;
         fail("cannot write " + file.finalPath().string());
     }
