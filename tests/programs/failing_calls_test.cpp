@@ -130,7 +130,7 @@ TEST_F(FailingCallsTest, AnEngineEndsOrGoesOnAndSaysSo) {
         isOver = run.failed == "-";
         const std::string& said = run.outcome.err;
         SCOPED_TRACE(std::to_string(number) + " " + run.failed + "\n" + said);
-        EXPECT_LE(run.outcome.status, 1);
+        EXPECT_TRUE(run.outcome.status == 0 || run.outcome.status == 1 || run.outcome.status == 3);
         const std::string kRecorded = "recorded     ";
         const std::size_t place = said.find(kRecorded);
         const std::int64_t recorded =
