@@ -1,8 +1,5 @@
 #include "day_writer.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "common/printable.h"
 #include "records/day_files.h"
 #include "records/schema.h"
@@ -83,11 +80,6 @@ void TotalsTable<Key>::write() {
 
 Database DayWriter::openFile(const std::string& path, bool isDurable,
                              std::chrono::milliseconds patience) {
-    // The file tells who has visited which site, so only its owner may read it. SQLite gives the
-    // files beside it the same permissions.
-    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (descriptor >= 0)
-        ::close(descriptor);
     Database database(path, Database::Access::kWrite, patience);
     // Before anything is changed: it may be somebody else's.
     records::hasSchema(database);

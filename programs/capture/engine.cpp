@@ -295,6 +295,7 @@ void Engine::startRecording() {
     settings.directory = config_.current()->databaseDir;
     settings.mayWait = !options_.replay.empty();
     settings.daysToKeep = [this] { return config_.current()->daysOfDataToKeep; };
+    settings.deletesBeforePauses = options_.deleteOld;
     settings.isStopped = [] { return stopRequested.load(); };
     settings.tell = [this](const std::string& text) { tell(text); };
     recorder_ = new Recorder(std::move(settings));

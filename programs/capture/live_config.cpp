@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -39,44 +41,69 @@ std::string textFault(const char* what, const char* text, bool mayBeEmpty) {
     return "";
 }
 
-// After a rename: what was answered to be saved is there after a loss of power, too.
-void syncDirectory(const fs::path& path) {
-    const int directory = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ::fsync(directory);
-    ::close(directory);
-}
+// An open directory. What was renamed in it is there after a loss of power once it is synced.
+class Directory {
+public:
+    explicit Directory(const fs::path& path)
+        : descriptor_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    ~Directory() {
+        if (isOpen())
+            ::close(descriptor_);
+    }
+    bool isOpen() const { return descriptor_ >= 0; }
+    void sync() const { ::fsync(descriptor_); }
+
+private:
+    int descriptor_;
+};
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
 
 // Writes the configuration beside the file that it is to replace, where only its owner can read it:
-// it holds the password. Returns why it could not.
-std::string writeBeside(const KP_ConfigAdmin& config, const fs::path& path,
-                        const std::string& name) {
-    // save() ends the process when it cannot open its file: ours is opened first, and a descriptor
-    // is kept for it.
-    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    const int spare = descriptor < 0 ? -1 : ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
-    if (spare < 0) {
+// it holds the password. Returns why it could not. Not by save(), which opens its file by itself
+// and ends the process when another thread has taken the last descriptor.
+std::string writeBeside(const KP_ConfigAdmin& config, const fs::path& path) {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    const int descriptor = ::open(path.c_str(), kFlags, 0600);
+    const std::unique_ptr<std::FILE, CloseFile> file(descriptor < 0 ? nullptr
+                                                                    : ::fdopen(descriptor, "w"));
+    if (!file) {
         const std::string reason = std::strerror(errno);
-        ::close(descriptor);
+        if (descriptor >= 0)
+            ::close(descriptor);
         return "the configuration file cannot be written: " + reason;
     }
     KP_ConfigAdmin copy = config;
-    const bool isNamed = copy.setName(name.c_str()) == 0;
-    ::close(spare);
-    std::string fault;
-    if (!isNamed) {
-        fault = "the name of the engine is too long for a second configuration file";
-    } else {
-        copy.save();
-        if (::fsync(descriptor) != 0)
-            fault =
-                std::string("the configuration file cannot be written: ") + std::strerror(errno);
-        else if (const std::string wrong = programs::generalFileFault(path.string());
-                 !wrong.empty())
-            fault = "the configuration file could not be written completely; is the disk full? " +
-                    wrong;
+    errno = 0;
+    if (copy.saveTo(file.get()) != 0 || std::fflush(file.get()) != 0 || ::fsync(descriptor) != 0)
+        return std::string("the configuration file could not be written completely: ") +
+               std::strerror(errno);
+    const std::string wrong = programs::generalFileFault(path.string());
+    return wrong.empty()
+               ? ""
+               : "the configuration file could not be written completely; is the disk full? " +
+                     wrong;
+}
+
+// Keeps the file under another name. A second name costs no space; not every file system has any.
+std::string keep(const fs::path& file, const fs::path& kept) {
+    const fs::path part = kept.string() + ".part";
+    std::error_code error;
+    std::error_code ignored;
+    fs::remove(part, ignored);
+    fs::create_hard_link(file, part, error);
+    if (error) {
+        error.clear();
+        fs::copy_file(file, part, error);  // with the permissions: it holds the password
     }
-    ::close(descriptor);
-    return fault;
+    if (!error)
+        fs::rename(part, kept, error);
+    fs::remove(part, ignored);  // also where both names were of one file, which rename() leaves
+    return error ? "the previous configuration file cannot be kept: " + error.message() : "";
 }
 
 }  // namespace
@@ -151,26 +178,21 @@ std::string LiveConfig::change(const KP_ConfigAdmin& wanted, const std::string& 
 
     const fs::path file = generalFile(config_.name);
     const fs::path kept = keptFile(config_.name);
-    const std::string besideName = "." + std::string(config_.name) + ".new";
-    const fs::path beside = generalFile(besideName);
+    const fs::path beside = generalFile("." + std::string(config_.name) + ".new");
+    const Directory directory(file.parent_path());
+    if (!directory.isOpen())
+        return std::string("the configuration file cannot be replaced: ") + std::strerror(errno);
     std::error_code error;
     fs::remove(beside, error);
-    std::string fault = writeBeside(*next, beside, besideName);
-    if (fault.empty() && programs::generalFileFault(file.string()).empty()) {
-        const fs::path part = kept.string() + ".part";
-        fs::remove(part, error);
-        fs::copy_file(file, part, error);  // with the permissions: it holds the password
-        if (!error)
-            fs::rename(part, kept, error);
-        if (error)
-            fault = "the previous configuration file cannot be kept: " + error.message();
-    }
+    std::string fault = writeBeside(*next, beside);
+    if (fault.empty() && programs::generalFileFault(file.string()).empty())
+        fault = keep(file, kept);
     if (fault.empty()) {
         fs::rename(beside, file, error);
         if (error)
             fault = "the configuration file cannot be replaced: " + error.message();
         else
-            syncDirectory(file.parent_path());
+            directory.sync();
     }
     if (!fault.empty()) {
         fs::remove(beside, error);

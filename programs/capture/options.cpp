@@ -107,6 +107,9 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     app.add_flag_callback(
            "--no-record", [&] { options.record = false; }, "Record nothing")
         ->excludes(record);
+    app.add_flag("--delete-old", options.deleteOld,
+                 "Delete all days that are too old, also those before more than a\n"
+                 "month without records, which are kept as the clock may be wrong");
     app.add_flag("--serve", options.serve,
                  "Serve the administration front end (for kp-admin) on the configured\n"
                  "port; after a replay, serving continues until a signal ends it");

@@ -19,7 +19,6 @@ namespace {
 using records::Day;
 
 constexpr std::chrono::milliseconds kCommitPeriod{400};
-constexpr std::chrono::minutes kTidyPeriod{1};
 constexpr int kTurn = 100;  // milliseconds
 // The most bytes that wait to be written. A replay waits while its queue is full, so it needs no
 // more than is written in a moment. A device cannot wait: its queue has to bridge the time until a
@@ -29,6 +28,7 @@ constexpr std::size_t kMostQueuedDevice = std::size_t{64} * 1024 * 1024;
 // A queue of this size wakes the recorder's thread before the end of its turn.
 constexpr std::size_t kWakeSize = std::size_t{512} * 1024;
 constexpr std::size_t kMostOpenDays = 4;
+constexpr std::uint32_t kForEver = 1000000;  // days
 
 [[noreturn]] void refuse(const std::string& what) {
     throw records::DatabaseError(what + ": " + std::generic_category().message(errno));
@@ -236,7 +236,6 @@ void Recorder::tidy() {
 }
 
 bool Recorder::isTooOld(const Day& day) const {
-    constexpr std::uint32_t kForEver = 1000000;
     const std::uint32_t days = std::min(settings_.daysToKeep(), kForEver);
     return day < records::today().plus(-static_cast<int>(days));
 }
@@ -246,16 +245,46 @@ bool Recorder::isOpen(const Day& day) const {
                        [&](const DayWriter& writer) { return writer.day() == day; });
 }
 
-void Recorder::deleteOldDays() {
+// A clock that is wrong by years would make all days too old at once. So what lies before a long
+// time without a day, counted back from today, stays until the user says otherwise.
+std::vector<Day> Recorder::daysToDelete() {
+    constexpr int kLeastPause = 31;
+    const int pause =
+        static_cast<int>(std::clamp<std::uint32_t>(settings_.daysToKeep(), kLeastPause, kForEver));
+    std::vector<Day> days;
     for (const Day& day : records::daysWithRemains(settings_.directory)) {
-        if (!isTooOld(day) || isOpen(day))
-            continue;
-        if (!records::isOurs(settings_.directory, day)) {
-            if (toldOld_.insert(day).second)
-                settings_.tell(records::dayPath(settings_.directory, day) +
-                               " is not a day file of kp-capture and is left alone");
-            continue;
+        if (records::isOurs(settings_.directory, day)) {
+            days.push_back(day);
+        } else if (isTooOld(day) && toldOld_.insert(day).second) {
+            settings_.tell(records::dayPath(settings_.directory, day) +
+                           " is not a day file of kp-capture and is left alone");
         }
+    }
+    const Day today = records::today();
+    Day later = today;
+    auto kept = days.end();  // those before it stay
+    while (kept != days.begin() && !(*std::prev(kept) < later.plus(-pause))) {
+        --kept;
+        later = std::min(*kept, today);
+    }
+    if (settings_.deletesBeforePauses)
+        kept = days.begin();
+    if (kept != days.begin() && toldOld_.insert(*std::prev(kept)).second) {
+        settings_.tell("the records up to " + std::prev(kept)->text() +
+                       " are not deleted, although they are too old: there are none of the " +
+                       std::to_string(pause) +
+                       " days after them, so that the clock may be wrong; delete the files, or "
+                       "start once with --delete-old");
+    }
+    days.erase(days.begin(), kept);
+    days.erase(std::remove_if(days.begin(), days.end(),
+                              [&](const Day& day) { return !isTooOld(day) || isOpen(day); }),
+               days.end());
+    return days;
+}
+
+void Recorder::deleteOldDays() {
+    for (const Day& day : daysToDelete()) {
         const std::string fault = records::deleteDay(settings_.directory, day);
         settings_.tell(fault.empty() ? "deleted the records of " + day.text() + ", older than " +
                                            std::to_string(settings_.daysToKeep()) + " days"
@@ -272,17 +301,20 @@ void Recorder::tidyDays() {
     using records::Database;
     const Day yesterday = records::today().plus(-1);
     for (const Day& day : records::daysIn(settings_.directory)) {
-        const bool isToShrink = day < yesterday && records::needsLog(settings_.directory, day);
-        if (isOpen(day) || !(isToShrink || records::isOpenOrLeft(settings_.directory, day)))
+        if (isOpen(day) || !records::isOurs(settings_.directory, day))
             continue;
         try {
+            const bool isToShrink = day < yesterday && records::needsLog(settings_.directory, day);
+            if (!isToShrink && !records::isOpenOrLeft(settings_.directory, day))
+                continue;
             Database database(records::dayPath(settings_.directory, day), Database::Access::kWrite,
                               settings_.lockPatience);
             if (records::hasSchema(database) && isToShrink)
                 database.execute("PRAGMA journal_mode = DELETE");
         } catch (const records::DatabaseError& error) {
             if (error.isBusy()) {
-                tidyAgain_ = Clock::now() + kTidyPeriod;  // whoever reads it will not read for ever
+                tidyAgain_ =
+                    Clock::now() + settings_.tidyPeriod;  // whoever reads it will not read for ever
             } else {
                 settings_.tell("cannot close a day: " + std::string(error.what()));
             }

@@ -36,7 +36,7 @@ public:
 /// What was handed over is in the file half a second later, unless the disk takes longer. A
 /// transaction belongs to the local day of its request, whenever it comes; days are opened when
 /// they are needed. When a day begins the files are closed and those of days that are too old
-/// deleted, but for one that is just being written.
+/// deleted, but for one that is just being written, and those before a long pause.
 ///
 /// When the disk does not take what is written into a day (it is full, or cannot be written at
 /// all), what of that day was not committed is lost and counted, the user is told, and it is tried
@@ -52,6 +52,9 @@ public:
         bool mayWait = false;
         /// Days before today whose files are kept; asked whenever a day begins.
         std::function<std::uint32_t()> daysToKeep;
+        /// Whether days that are too old are also deleted where they lie before a time of more than a
+        /// month, and more than the days that are kept, without a day: the clock may be wrong.
+        bool deletesBeforePauses = false;
         /// Gets a sentence for the user, on any thread.
         std::function<void(const std::string&)> tell;
         /// Whether nothing may be waited for any longer; asked on the recorder's thread.
@@ -60,6 +63,8 @@ public:
         std::chrono::milliseconds retryPeriod{5000};
         /// How long somebody else may have a file locked.
         std::chrono::milliseconds lockPatience{5000};
+        /// How long a day that somebody was reading when it was to be closed is left alone.
+        std::chrono::milliseconds tidyPeriod{60000};
     };
 
     explicit Recorder(Settings settings);
@@ -107,6 +112,7 @@ private:
     void settle(bool isToClose);
     void takeDirectory();
     void beginDay();
+    std::vector<records::Day> daysToDelete();
     void deleteOldDays();
     void closeDays();
     void tidy();

@@ -223,8 +223,12 @@ std::string generalFileFault(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file)
         return path + ": " + std::strerror(errno);
-    const std::string fault = generalFileFault(file);
-    return fault.empty() ? "" : path + ": " + fault;
+    try {
+        const std::string fault = generalFileFault(file);
+        return fault.empty() ? "" : path + ": " + fault;
+    } catch (const std::ios_base::failure& error) {  // The buffer's own, when reading fails.
+        return path + ": " + error.code().message();
+    }
 }
 
 }  // namespace kp::programs

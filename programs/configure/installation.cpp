@@ -2,15 +2,18 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <vector>
 
 #include "common/exit_report.h"
 #include "common/general_file.h"
@@ -25,6 +28,7 @@ namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
 constexpr mode_t kReadable = 0644;
+constexpr mode_t kDirectory = 0750;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -130,9 +134,17 @@ std::string installationText(const Plan& plan, const KP_Config& config) {
     return text.str();
 }
 
+// What is new is for its owner, and for its group to read, whatever the umask.
 void makeDirectory(const fs::path& path) {
     std::error_code error;
-    fs::create_directories(path, error);
+    std::vector<fs::path> missing;
+    for (fs::path each = path; !each.empty() && !fs::exists(each, error); each = each.parent_path())
+        missing.push_back(each);
+    error.clear();
+    for (auto each = missing.rbegin(); each != missing.rend() && !error; ++each) {
+        if (::mkdir(each->c_str(), kDirectory) != 0 || ::chmod(each->c_str(), kDirectory) != 0)
+            error.assign(errno, std::generic_category());
+    }
     if (!fs::is_directory(path)) {
         throw std::system_error(error ? error : std::make_error_code(std::errc::not_a_directory),
                                 "cannot make the directory " + path.string());

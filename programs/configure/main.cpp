@@ -1,4 +1,5 @@
 // kp-configure: makes an installation for kp-capture.
+#include <csignal>
 #include <filesystem>
 #include <iostream>
 
@@ -88,6 +89,12 @@ int run(kp::configure::Plan& plan, const std::string& passwordFile) {
     if (plan.ranges.empty()) {
         std::cout << "note: no --range was given, so nothing will be watched\n";
     }
+    if (!std::cout.flush()) {
+        std::cerr
+            << "kp-configure: the installation was written, but not what is to be said of it: "
+               "cannot write to standard output\n";
+        return kFailure;
+    }
     return 0;
 }
 
@@ -102,6 +109,8 @@ int main(int argc, char** argv) {
     if (const auto status = kp::programs::readCommandLine(app, argc, argv)) {
         return *status;
     }
+    // A file that may not grow so far is an error like any other, and leaves nothing behind.
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         return run(plan, passwordFile);
     } catch (const std::exception& error) {

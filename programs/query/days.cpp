@@ -69,8 +69,6 @@ std::vector<records::Day> daysFor(const std::string& directory, const Filter& fi
 bool readDay(const std::string& directory, const records::Day& day, const DayFunction& read) {
     const std::string path = records::dayPath(directory, day);
     std::error_code none;
-    if (std::filesystem::exists(path, none) && !std::filesystem::is_regular_file(path, none))
-        return isUnreadable(path + " is not a file");
     try {
         // In a directory that it cannot write, SQLite reads a file only if it is told that nobody
         // changes it.
@@ -79,8 +77,11 @@ bool readDay(const std::string& directory, const records::Day& day, const DayFun
         using Access = records::Database::Access;
         records::Database database(path, isFrozen ? Access::kReadFrozen : Access::kRead);
         database.execute("BEGIN");
-        if (records::hasSchema(database))
-            read(database);
+        database.limitSteps();
+        if (records::hasSchema(database)) {
+            DayFile file(database, day);
+            read(file);
+        }
     } catch (const records::DatabaseError& error) {
         return !std::filesystem::exists(path, none) || isUnreadable(error.what());
     }

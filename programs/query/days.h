@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "day_file.h"
 #include "filter.h"
-#include "records/database.h"
 #include "records/day.h"
 
 namespace kp::query {
@@ -14,11 +14,12 @@ namespace kp::query {
 /// The days of a directory that a filter touches, the oldest first.
 std::vector<records::Day> daysFor(const std::string& directory, const Filter& filter);
 
-using DayFunction = std::function<void(records::Database&)>;
+using DayFunction = std::function<void(DayFile&)>;
 
 /// Gives the open file of a day to @p read, which sees it as it is at this moment, whatever an
 /// engine adds to it. A day that has been deleted, or has no tables yet, is skipped.
-/// Returns false when the file cannot be read, which it tells on standard error.
+/// Returns false when the file cannot be read, or holds what cannot be, which it tells on standard
+/// error.
 bool readDay(const std::string& directory, const records::Day& day, const DayFunction& read);
 
 /// readDay() for all those days, as many at a time as the machine has processors: @p read runs on

@@ -83,14 +83,15 @@ bool Filter::touches(const records::Day& day) const {
     return (!from || *from < day.plus(2).start()) && (!to || *to > day.plus(-1).start());
 }
 
-Filter Filter::within(records::Database& database) const {
+Filter Filter::within(const DayFile& file) const {
     // Each alone is the first or the last entry of the index; both at once would be all of them.
-    records::Statement times(database,
+    records::Statement times(file.database(),
                              "SELECT (SELECT min(time) FROM transactions), "
                              "(SELECT max(time) FROM transactions)");
     times.step();
-    const bool isInside = times.isNull(0) || ((!from || *from * kMicroseconds <= times.number(0)) &&
-                                              (!to || *to * kMicroseconds > times.number(1)));
+    const bool isInside =
+        times.isNull(0) || ((!from || *from * kMicroseconds <= file.time(times, 0)) &&
+                            (!to || *to * kMicroseconds > file.time(times, 1)));
     Filter filter = *this;
     if (isInside) {
         filter.from.reset();
@@ -103,8 +104,8 @@ bool Filter::isOfTimesOnly() const {
     return !host && !client && !server && !status && !type && !content && !page && !entry;
 }
 
-bool Filter::isOfWholeSlots(records::Database& database) const {
-    const std::int64_t first = database.number("SELECT min(start) FROM slots");
+bool Filter::isOfWholeSlots(const DayFile& file) const {
+    const std::int64_t first = file.firstSlot();
     const auto isBetween = [&](std::int64_t time) {
         return (time - first) % records::kSlotSeconds == 0;
     };

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "day_file.h"
 #include "records/database.h"
 #include "records/day.h"
 
@@ -44,11 +45,11 @@ struct Filter {
     /// Whether some request of a day can lie within the times, recorded in another time zone, too.
     bool touches(const records::Day& day) const;
     /// The same conditions for one day file: without the times, if all of its requests lie within.
-    Filter within(records::Database& database) const;
+    Filter within(const DayFile& file) const;
     /// Whether it takes everything.
     bool isEmpty() const { return !from && !to && isOfTimesOnly(); }
     /// Whether it takes each row of the file's table "slots" whole or not at all.
-    bool isOfWholeSlots(records::Database& database) const;
+    bool isOfWholeSlots(const DayFile& file) const;
 
     /// The conditions for the table "transactions" as a WHERE clause; empty for none.
     std::string where() const;

@@ -7,7 +7,10 @@
 namespace kp::query {
 
 std::int64_t sumOf(std::int64_t a, std::int64_t b) {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+    std::int64_t sum = 0;
+    if (!__builtin_add_overflow(a, b, &sum))
+        return sum;
+    return a < 0 ? INT64_MIN : INT64_MAX;
 }
 
 void Sums::add(const Sums& other) {

@@ -7,7 +7,7 @@
 
 namespace kp::query {
 
-/// a + b; what a hostile file makes too large wraps around.
+/// a + b, or the number next to it that there is.
 std::int64_t sumOf(std::int64_t a, std::int64_t b);
 
 /// Sums over some requests.

@@ -64,11 +64,11 @@ public:
         bool isRead = true;
         do {
             rows_.clear();
-            isRead = readDay(directory, day,
-                             [&](records::Database& database) { place = read(database, place); });
+            isMore_ = false;
+            isRead = readDay(directory, day, [&](DayFile& file) { place = read(file, place); });
             isComplete_ = isComplete_ && isRead;
             tell();
-        } while (isRead && rows_.size() == kPiece && !isFull());
+        } while (isRead && isMore_ && !isFull());
     }
 
     /// Returns whether all days could be read.
@@ -81,6 +81,7 @@ private:
     // A day is read in pieces, so that whoever looks at an answer for long, in a pager, say, does
     // not keep the file as it is meanwhile: the engine's log of changes would grow.
     static constexpr std::size_t kPiece = 10000;
+    static constexpr std::size_t kPieceBytes = std::size_t{8} * 1024 * 1024;  // of texts
 
     struct Row {
         Cells cells;
@@ -90,6 +91,10 @@ private:
     struct Place {
         std::int64_t time = INT64_MIN;
         std::int64_t id = INT64_MIN;
+
+        bool operator<(const Place& other) const {
+            return time != other.time ? time < other.time : id < other.id;
+        }
     };
 
     static std::vector<Column> columns(bool isResolved) {
@@ -111,20 +116,30 @@ private:
     }
 
     // Reads the rows behind a place; returns that of the last one.
-    Place read(records::Database& database, Place place) {
-        const Filter filter = options_.filter.within(database);
+    Place read(DayFile& file, Place place) {
+        const Filter filter = options_.filter.within(file);
         const std::string where = filter.where();
         const std::uint64_t count =
             options_.limit ? std::min<std::uint64_t>(kPiece, *options_.limit - told_) : kPiece;
-        records::Statement rows(database, kSelect + where + (where.empty() ? " WHERE " : " AND ") +
-                                              kBehindInOrder + std::to_string(count));
+        records::Statement rows(file.database(), kSelect + where +
+                                                     (where.empty() ? " WHERE " : " AND ") +
+                                                     kBehindInOrder + std::to_string(count));
         const int next = filter.bind(rows);
         rows.bind(next, place.time);
         rows.bind(next + 1, place.time);
         rows.bind(next + 2, place.id);
+        std::size_t bytes = 0;
         while (rows.step()) {
-            place = {rows.number(kTime), rows.number(kId)};
-            rows_.push_back({cellsOf(rows), rows.number(kClient), rows.number(kServer)});
+            const Place here = {file.time(rows, kTime), rows.number(kId)};
+            if (!(place < here))
+                file.refuse("its rows are not in their order");
+            place = here;
+            rows_.push_back({cellsOf(file, rows), rows.number(kClient), rows.number(kServer)});
+            for (const std::string& cell : rows_.back().cells)
+                bytes += cell.size();
+            isMore_ = rows_.size() == kPiece || bytes >= kPieceBytes;
+            if (bytes >= kPieceBytes)
+                break;
         }
         return place;
     }
@@ -136,25 +151,42 @@ private:
                microseconds(time);
     }
 
-    Cells cellsOf(const records::Statement& row) const {
+    Cells cellsOf(const DayFile& file, const records::Statement& row) const {
         Cells cells;
         for (int column = kTime; column <= kResponse; ++column) {
             const bool isText =
                 column == kMethod || column == kHost || column == kTarget || column == kType;
-            if (row.isNull(column)) {
+            const bool mayBeNull = column == kStatus || column == kResponse;
+            if (mayBeNull && row.isNull(column)) {
                 cells.emplace_back();
             } else if (isText) {
                 cells.emplace_back(row.text(column));
             } else {
-                cells.push_back(std::to_string(row.number(column)));
+                cells.push_back(numberOf(file, row, column));
             }
         }
-        cells[kTime] = timeOf(row.number(kTime));
-        cells[kClient] = addressText(row.number(kClient));
-        cells[kServer] = addressText(row.number(kServer));
-        if (!row.isNull(kResponse))
-            cells[kResponse] = Sums{1, 0, 1, row.number(kResponse)}.meanResponse();
         return cells;
+    }
+
+    std::string numberOf(const DayFile& file, const records::Statement& row, int column) const {
+        switch (column) {
+            case kTime:
+                return timeOf(file.time(row, column));
+            case kClient:
+            case kServer:
+                return addressText(file.upTo(UINT32_MAX, row, column));
+            case kClientPort:
+            case kServerPort:
+                return std::to_string(file.upTo(65535, row, column));
+            case kStatus:
+                return std::to_string(file.upTo(999, row, column));
+            case kBytes:
+                return std::to_string(file.count(row, column));
+            case kResponse:
+                return file.sumsOfOne(row, kBytes, kResponse).meanResponse();
+            default:  // judgements
+                return std::to_string(file.upTo(1, row, column));
+        }
     }
 
     void tell() {
@@ -181,6 +213,7 @@ private:
     Resolver resolver_;
     std::vector<Row> rows_;
     std::uint64_t told_ = 0;
+    bool isMore_ = false;  // behind the rows
     bool isComplete_ = true;
 };
 

@@ -43,10 +43,12 @@ void Table::add(Cells cells) {
         for (std::string& cell : cells)
             cell = cell.empty() ? "-" : programs::printable(cell);
         if (!hasStarted_) {
-            for (std::size_t i = 0; i < cells.size(); ++i)
-                widths_[i] = std::max(widths_[i], cells[i].size());
+            for (std::size_t i = 0; i < cells.size(); ++i) {
+                widths_[i] = std::max(widths_[i], std::min(cells[i].size(), kWidest));
+                keptBytes_ += cells[i].size();
+            }
             kept_.push_back(std::move(cells));
-            if (kept_.size() < kMeasured)
+            if (kept_.size() < kMeasured && keptBytes_ < kMeasuredBytes)
                 return;
             start();
             return;

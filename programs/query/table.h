@@ -37,6 +37,8 @@ public:
 
 private:
     static constexpr std::size_t kMeasured = 1000;  // rows that tell the widths
+    static constexpr std::size_t kMeasuredBytes = std::size_t{4} * 1024 * 1024;  // in these rows
+    static constexpr std::size_t kWidest = 1000;  // blanks that one long text costs each other row
 
     void start();
     void put(const Cells& cells);
@@ -49,6 +51,7 @@ private:
     std::vector<Column> columns_;
     std::vector<std::size_t> widths_;
     std::vector<Cells> kept_;
+    std::size_t keptBytes_ = 0;
     bool hasStarted_ = false;
     std::size_t rows_ = 0;
     std::string buffer_;

@@ -66,9 +66,9 @@ struct Counts {
 using Slots = std::map<std::int64_t, Counts>;  // by their start, seconds since 1970
 
 // From the totals that the day keeps.
-void addTotals(records::Database& database, const Filter& filter, Slots& slots) {
+void addTotals(DayFile& file, const Filter& filter, Slots& slots) {
     records::Statement rows(
-        database,
+        file.database(),
         "SELECT start, requests, body_bytes, answers, response_time, status_2xx, status_3xx, "
         "status_4xx, status_5xx, content, valid_pages, entry_points FROM slots "
         "WHERE start >= ? AND start < ?");
@@ -76,36 +76,38 @@ void addTotals(records::Database& database, const Filter& filter, Slots& slots) 
     rows.bind(2, filter.to.value_or(INT64_MAX));
     while (rows.step()) {
         Counts counts;
-        counts.sums = {rows.number(1), rows.number(2), rows.number(3), rows.number(4)};
+        counts.sums = file.sums(rows, 1);
+        const auto count = [&](int column) {
+            return file.upTo(counts.sums.requests, rows, column);
+        };
         for (int i = 0; i < 4; ++i)
-            counts.byClass[static_cast<std::size_t>(i)] = rows.number(5 + i);
-        counts.content = rows.number(9);
-        counts.pages = rows.number(10);
-        counts.entries = rows.number(11);
-        slots[rows.number(0)].add(counts);
+            counts.byClass[static_cast<std::size_t>(i)] = count(5 + i);
+        counts.content = count(9);
+        counts.pages = count(10);
+        counts.entries = count(11);
+        slots[file.seconds(rows, 0)].add(counts);
     }
 }
 
 // From the requests themselves.
-void addRequests(records::Database& database, const Filter& filter, Slots& slots) {
-    records::Statement rows(database,
+void addRequests(DayFile& file, const Filter& filter, Slots& slots) {
+    records::Statement rows(file.database(),
                             "SELECT time, body_bytes, response_time, status, content, valid_page, "
                             "entry_point FROM transactions" +
                                 filter.where());
     filter.bind(rows);
     constexpr std::int64_t kSlot = records::kSlotSeconds;
-    const std::int64_t first = database.number("SELECT min(start) FROM slots");
+    const std::int64_t first = file.firstSlot();
     while (rows.step()) {
         Counts counts;
-        const bool isAnswered = !rows.isNull(2);
-        counts.sums = {1, rows.number(1), isAnswered ? 1 : 0, rows.number(2)};
-        const std::int64_t statusClass = rows.number(3) / 100;
+        counts.sums = file.sumsOfOne(rows, 1, 2);
+        const std::int64_t statusClass = rows.isNull(3) ? 0 : file.upTo(999, rows, 3) / 100;
         if (statusClass >= 2 && statusClass <= 5)
             counts.byClass[static_cast<std::size_t>(statusClass - 2)] = 1;
-        counts.content = rows.number(4);
-        counts.pages = rows.number(5);
-        counts.entries = rows.number(6);
-        const std::int64_t seconds = rows.number(0) / 1000000;
+        counts.content = file.upTo(1, rows, 4);
+        counts.pages = file.upTo(1, rows, 5);
+        counts.entries = file.upTo(1, rows, 6);
+        const std::int64_t seconds = file.time(rows, 0) / 1000000;
         const std::int64_t since = seconds - first;
         slots[seconds - (since % kSlot + kSlot) % kSlot].add(counts);
     }
@@ -224,13 +226,13 @@ void write(const Slots& slots, const Options& options, std::FILE* output) {
 bool totals(const std::string& directory, const Options& options, std::FILE* output) {
     std::mutex mutex;
     Slots slots;
-    const bool isComplete = readDays(directory, options.filter, [&](records::Database& database) {
+    const bool isComplete = readDays(directory, options.filter, [&](DayFile& file) {
         Slots ofDay;
-        const Filter filter = options.filter.within(database);
-        if (filter.isOfWholeSlots(database)) {
-            addTotals(database, filter, ofDay);
+        const Filter filter = options.filter.within(file);
+        if (filter.isOfWholeSlots(file)) {
+            addTotals(file, filter, ofDay);
         } else {
-            addRequests(database, filter, ofDay);
+            addRequests(file, filter, ofDay);
         }
         const std::lock_guard<std::mutex> lock(mutex);
         for (const auto& [start, counts] : ofDay)

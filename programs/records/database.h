@@ -1,6 +1,7 @@
 // SQLite behind two small classes that close what they opened and throw what went wrong.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -39,8 +40,13 @@ public:
         kWrite        ///< makes the file when there is none
     };
 
-    /// Opens a file; waits up to @p patience whenever somebody else has it locked. What its schema
-    /// tells SQLite to run is not trusted.
+    /// Opens a file; waits up to @p patience whenever somebody else has it locked.
+    ///
+    /// Nothing but a regular file is opened, nor beside one that is not; what is written is no
+    /// symbolic link either. What its schema tells SQLite to run is not trusted, texts have at most
+    /// kLongestText bytes, and all open files together get at most kMostMemory bytes.
+    static constexpr int kLongestText = 1024 * 1024;
+    static constexpr std::int64_t kMostMemory = std::int64_t{512} * 1024 * 1024;
     Database(const std::string& path, Access access,
              std::chrono::milliseconds patience = std::chrono::seconds(5));
     Database(Database&&) noexcept;  // before it has statements
@@ -57,6 +63,14 @@ public:
     bool isInTransaction() const;
     /// Whether the file has been moved or deleted since it was opened.
     bool hasMoved() const;
+    /// The size of what it holds, with what is still in the log beside it.
+    std::int64_t bytes();
+    /// From here on the statements may take no more steps altogether than reading a file of this
+    /// size needs. Pages that refer to each other in a damaged file can make billions of rows.
+    void limitSteps();
+
+    /// The first 100 bytes of a file as they are on the disk; zeroes where it is shorter.
+    static std::array<char, 100> headerOf(const std::string& path);
 
 private:
     friend class Statement;
@@ -67,6 +81,7 @@ private:
     };
     std::string path_;
     std::unique_ptr<sqlite3, Close> handle_;
+    std::unique_ptr<std::int64_t> steps_;  // that are left
 };
 
 /// A prepared statement: bind its parameters (from 1 on), step through its rows, read their columns
@@ -94,6 +109,8 @@ public:
     void run();
 
     bool isNull(int column) const;
+    /// Whether the column holds a whole number, and not a text or anything else.
+    bool isNumber(int column) const;
     std::int64_t number(int column) const;
     /// Valid until the next step or reset.
     std::string_view text(int column) const;

@@ -1,10 +1,8 @@
 #include "day_files.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <string_view>
 #include <system_error>
@@ -19,14 +17,6 @@ namespace {
 
 constexpr std::string_view kSuffix = ".sqlite";
 constexpr std::size_t kDaySize = 10;  // YYYY-MM-DD
-constexpr std::size_t kHeaderSize = 100;
-
-// The header of SQLite's file format; zeroes where the file is shorter.
-std::array<char, kHeaderSize> headerOf(const std::string& directory, const Day& day) {
-    std::array<char, kHeaderSize> header = {};
-    std::ifstream(dayPath(directory, day), std::ios::binary).read(header.data(), kHeaderSize);
-    return header;
-}
 
 // The day in the name of a file with one of the endings; none for other names.
 std::optional<Day> dayInName(const std::string& name, std::initializer_list<const char*> endings) {
@@ -71,26 +61,31 @@ bool isOpenOrLeft(const std::string& directory, const Day& day) {
 
 bool needsLog(const std::string& directory, const Day& day) {
     constexpr std::size_t kReadVersion = 19;  // of the format; 2 with a log
-    return headerOf(directory, day)[kReadVersion] == 2;
+    return Database::headerOf(dayPath(directory, day))[kReadVersion] == 2;
 }
 
 bool isOurs(const std::string& directory, const Day& day) {
     constexpr std::size_t kApplication = 68;
     std::error_code none;
     const std::string path = dayPath(directory, day);
-    if (!fs::exists(path, none))
+    const fs::file_status status = fs::symlink_status(path, none);
+    if (!fs::exists(status))
         return true;  // what is left beside one that has gone
-    if (!fs::is_regular_file(path, none))
+    if (!fs::is_regular_file(status))
         return false;
     // A file that was just begun has all it has in its log still.
-    if (fs::file_size(path, none) <= 4096 && isOpenOrLeft(directory, day))
+    const std::uintmax_t size = fs::file_size(path, none);
+    if (size == 0 || (size <= 4096 && isOpenOrLeft(directory, day)))
         return true;
-    const std::array<char, kHeaderSize> header = headerOf(directory, day);
-    std::uint32_t application = 0;
-    for (std::size_t i = 0; i < 4; ++i)
-        application = application << 8 | static_cast<unsigned char>(header[kApplication + i]);
-    return fs::file_size(path, none) == 0 ||
-           application == static_cast<std::uint32_t>(kApplicationId);
+    try {
+        const auto header = Database::headerOf(path);
+        std::uint32_t application = 0;
+        for (std::size_t i = 0; i < 4; ++i)
+            application = application << 8 | static_cast<unsigned char>(header[kApplication + i]);
+        return application == static_cast<std::uint32_t>(kApplicationId);
+    } catch (const DatabaseError&) {
+        return false;
+    }
 }
 
 std::string deleteDay(const std::string& directory, const Day& day) {

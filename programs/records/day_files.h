@@ -22,7 +22,7 @@ std::vector<Day> daysWithRemains(const std::string& directory);
 bool isOpenOrLeft(const std::string& directory, const Day& day);
 
 /// Whether a day's file needs a log of changes beside it to be read, as it does while it is
-/// written.
+/// written. Throws DatabaseError.
 bool needsLog(const std::string& directory, const Day& day);
 
 /// Whether a day's file is one of ours, which its name alone does not prove. An empty file counts,

@@ -255,7 +255,12 @@ int KP_Config::save() {
     char fileName[sizeof name + 16];
     std::snprintf(fileName, sizeof fileName, "%s_prvt.cfg", name);
     std::FILE* file = openConfigFile("/admin", fileName, "w");
+    saveTo(file);
+    std::fclose(file);
+    return 0;
+}
 
+int KP_Config::saveTo(std::FILE* file) {
     const int mappings = mimeTypes != nullptr ? numOfMimeTypes : 0;
 
     // Written through the file's buffer and flushed once: a flush for each of a thousand mappings
@@ -283,8 +288,7 @@ int KP_Config::save() {
     }
     std::fputc('\n', file);
     writeUser(file);
-    std::fclose(file);
-    return 0;
+    return std::ferror(file) == 0 ? 0 : -1;
 }
 
 int KP_Config::writeUser(std::FILE* file) {

@@ -186,6 +186,30 @@ TEST_F(ConfigureTest, TwoAtATimeWriteTheFilesOfOneOfThem) {
     }
 }
 
+TEST_F(ConfigureTest, LeavesNothingBehindAndSaysWhatFailed) {
+    const auto limited = [&](const std::string& before, const std::string& directory) {
+        return kp::test::runProgram("/bin/sh",
+                                    {"-c",
+                                     before + "exec \"$0\" --dir \"$1\" --password-file \"$2\"" +
+                                         (before.empty() ? " >/dev/full" : ""),
+                                     KP_CONFIGURE, site_.path(directory), site_.path("password")});
+    };
+    const Outcome full = limited("", "full");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("cannot write to standard output"), std::string::npos) << full.err;
+    site_.write("password", std::string(500, 'p') + "\n");  // more than half a kilobyte in all
+    const Outcome small = limited("ulimit -f 1; ", "small");
+    EXPECT_EQ(small.status, 1) << small.err;
+    EXPECT_NE(small.err.find("cannot write"), std::string::npos) << small.err;
+    EXPECT_TRUE(std::filesystem::is_empty(site_.path("small/admin")));
+    for (const char* umask : {"000", "077"}) {
+        const std::string name = std::string("deep/") + umask;
+        EXPECT_EQ(limited(std::string("umask ") + umask + "; ", name).status, 0);
+        for (const std::string& directory : {name, name + "/admin", name + "/db", name + "/logs"})
+            EXPECT_EQ(permissions(directory), 0750U) << directory;
+    }
+}
+
 TEST_F(ConfigureTest, SaysThatThereIsNoTerminalToAskThePasswordAt) {
     const Outcome outcome = kp::test::runProgram(KP_CONFIGURE, {"--dir", site_.path("new")});
     EXPECT_EQ(outcome.status, 1);

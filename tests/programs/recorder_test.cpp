@@ -1,7 +1,9 @@
 // The recorder alone: days that begin while rows come, and a disk that does not take them.
 #include "recorder.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -10,7 +12,9 @@
 #include <thread>
 
 #include "records/day_files.h"
+#include "support/child.h"
 #include "support/installation.h"
+#include "threads/until.h"
 
 namespace {
 
@@ -61,7 +65,7 @@ protected:
 
 TEST_F(RecorderTest, ADayThatBeginsLosesNoRowAndDeletesWhatIsTooOld) {
     const Day now = today();
-    for (const int age : {2, 3, 4, 400})
+    for (const int age : {2, 3, 4, 30})
         site_.write("db/" + now.plus(-age).text() + ".sqlite", "");
     site_.write("db/" + now.plus(-9).text() + ".sqlite-wal", "left alone by somebody");
     fs::create_directory(dayPath(site_.path("db"), now.plus(-8)));
@@ -214,6 +218,103 @@ TEST_F(RecorderTest, TriesAgainWhenTheDirectoryIsBack) {
     EXPECT_TRUE(isTold("was moved or deleted"));
     EXPECT_EQ(recorder.recorded() + recorder.lost(), handed);
     EXPECT_EQ(static_cast<std::uint64_t>(rowsOf(now.plus(-1))), recorder.recorded() - recorded);
+}
+
+// A lock of the system's goes with the first descriptor that a process closes of the file. Without
+// the lock another program takes SQLite's log away under the engine.
+TEST_F(RecorderTest, KeepsTheLockOfAnOpenDayWhateverBecomesOfTheOthers) {
+    const Day writing = today().plus(-4);
+    const Day busy = today().plus(-2);  // is looked at behind the other one
+    Recorder::Settings quick = settings(true);
+    quick.daysToKeep = [] { return 9U; };
+    quick.lockPatience = quick.tidyPeriod = std::chrono::milliseconds(10);
+    Recorder recorder(quick);
+    recorder.open();
+    recorder.start();
+    record(recorder, busy.start(), "/");
+    recorder.flush();
+    auto reader =
+        std::make_unique<Database>(dayPath(site_.path("db"), busy), Database::Access::kWrite);
+    reader->execute("BEGIN");
+    EXPECT_EQ(reader->number("SELECT count(*) FROM transactions"), 1);
+    recorder.dayBegan();  // closes the day, which is busy
+    recorder.flush();
+    record(recorder, writing.start(), "/");
+    recorder.flush();
+    reader.reset();
+    EXPECT_TRUE(kp::test::until([&] {
+        return Database::headerOf(dayPath(site_.path("db"), busy))[19] == 1;  // needs no log
+    }));
+    const auto isUnlocked = [&] {
+        const int file = ::open(dayPath(site_.path("db"), writing).c_str(), O_RDWR);
+        struct flock whole = {};
+        whole.l_type = F_WRLCK;
+        return ::fcntl(file, F_GETLK, &whole) != 0 || whole.l_type == F_UNLCK ? 1 : 0;
+    };
+    EXPECT_EQ(kp::test::runInChild(isUnlocked).status, 0);
+    record(recorder, writing.start(), "/");
+    recorder.finish();
+    EXPECT_EQ(rowsOf(writing), 2);
+}
+
+TEST_F(RecorderTest, LeavesAloneWhatIsNoFileInThePlaceOfADay) {
+    const Day now = today();
+    const auto path = [&](int age) { return dayPath(site_.path("db"), now.plus(-age)); };
+    for (const std::string& pipe : {path(0), path(1) + "-journal", path(2) + "-wal", path(9)})
+        ::mkfifo(pipe.c_str(), 0600);
+    site_.write("elsewhere", "mine");
+    fs::create_symlink(site_.path("elsewhere"), path(3));
+    fs::create_symlink(site_.path("nowhere"), path(4));
+    fs::create_directory(path(5));
+    fs::create_symlink(site_.path("db"), site_.path("linked"));  // a directory may be one
+    Recorder::Settings settings = this->settings(true);
+    settings.directory = site_.path("linked");
+    settings.daysToKeep = [] { return 8U; };
+    Recorder recorder(settings);
+    recorder.open();
+    recorder.start();
+    for (int age = 0; age <= 6; ++age)
+        record(recorder, now.plus(-age).start(), "/");
+    recorder.finish();
+    EXPECT_EQ(recorder.lost(), 6U);
+    EXPECT_EQ(rowsOf(now.plus(-6)), 1);
+    EXPECT_EQ(fs::status(path(6)).permissions(), fs::perms(0600));
+    EXPECT_TRUE(isTold(".sqlite-wal is not a regular file and is left alone"));
+    EXPECT_TRUE(isTold(now.plus(-9).text() + ".sqlite is not a day file of kp-capture"));
+    EXPECT_TRUE(fs::is_fifo(path(0)) && fs::is_fifo(path(9)) && fs::is_symlink(path(4)));
+    EXPECT_EQ(site_.read("elsewhere"), "mine");
+    EXPECT_FALSE(fs::exists(site_.path("nowhere")));
+}
+
+TEST_F(RecorderTest, AClockThatIsWrongDeletesNothing) {
+    const Day now = today();
+    const auto begin = [&](bool deletes) {
+        Recorder::Settings settings = this->settings(true);
+        settings.deletesBeforePauses = deletes;
+        Recorder recorder(settings);
+        recorder.open();
+        recorder.start();
+        recorder.flush();
+        // The same once there is a day of the wrong time.
+        record(recorder, now.start(), "/");
+        recorder.flush();
+        recorder.dayBegan();
+        recorder.finish();
+        return kp::records::daysIn(site_.path("db"));
+    };
+    std::vector<Day> all;
+    for (const int age : {15003, 15002, 15000, 60, 40, 0}) {
+        all.push_back(now.plus(-age));
+        if (age != 0)
+            site_.write("db/" + now.plus(-age).text() + ".sqlite", "");
+    }
+    EXPECT_EQ(begin(false), all);
+    EXPECT_TRUE(isTold("the records up to " + now.plus(-40).text() + " are not deleted"));
+    // What is not before the pause goes as ever.
+    site_.write("db/" + now.plus(-31).text() + ".sqlite", "");
+    site_.write("db/" + now.plus(-5).text() + ".sqlite", "");
+    EXPECT_EQ(begin(false), (std::vector<Day>{all[0], all[1], all[2], now}));
+    EXPECT_EQ(begin(true), std::vector<Day>{now});
 }
 
 }  // namespace

@@ -74,6 +74,10 @@ public:
     /// meanwhile leaves it cut off. Returns 0; a file
     /// that cannot be opened ends the process; a disk that is full is not noticed here.
     virtual int save();
+    /// The same to @p file, which is open for writing and stays the caller's, who flushes it, too:
+    /// for a host that must not end when a file cannot be opened, or that replaces its file by one
+    /// that is whole. Returns 0, or -1 when something was not taken.
+    int saveTo(std::FILE* file);
     /// 1 when @p user is "root" and @p typed is the stored password, else 0. Neither is null. While
     /// the password is empty, as in a new configuration, an empty one is right.
     virtual int isValidPassword(const char* user, const char* typed);
