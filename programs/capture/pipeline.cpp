@@ -121,22 +121,23 @@ Dispatcher::Dispatcher(const std::vector<Parser*>& parsers)
 
 // A damaged time, or several captures in one file, must neither end what goes on nor keep what has
 // ended: the clock does not go back, and jumps only where two segments in a row say so.
-void Dispatcher::setClock(std::int64_t seconds) {
-    constexpr std::int64_t kJump = 3600;
+void Dispatcher::setClock(Timestamp time) {
+    constexpr CaptureTime kJump = 3600 * kOneSecond;
+    const CaptureTime now = time.seconds * kOneSecond + time.microseconds;
     if (number_ == 1)
-        clock_ = lookedAt_ = seconds;
-    const bool isFar = seconds > clock_ + kJump;
-    if (!isFar || (jump_ != 0 && seconds > jump_ - kJump && seconds < jump_ + kJump))
-        clock_ = std::max(clock_, seconds);
-    jump_ = isFar ? seconds : 0;
+        clock_ = lookedAt_ = now;
+    const bool isFar = now > clock_ + kJump;
+    if (!isFar || (jump_ != 0 && now > jump_ - kJump && now < jump_ + kJump))
+        clock_ = std::max(clock_, now);
+    jump_ = isFar ? now : 0;
 }
 
 void Dispatcher::segment(const Segment& segment) {
     if (segment.payload.size() > Batch::kMostBytes)
         return;  // no source gives one
     ++number_;
-    setClock(segment.time.seconds);
-    if (clock_ - lookedAt_ >= kExpirySeconds) {
+    setClock(segment.time);
+    if (clock_ - lookedAt_ >= kExpiryPeriod) {
         lookedAt_ = clock_;
         send(false, clock_);
     }
@@ -158,7 +159,7 @@ std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
     return batch;
 }
 
-void Dispatcher::send(bool isLast, std::optional<std::int64_t> expired) {
+void Dispatcher::send(bool isLast, std::optional<CaptureTime> expired) {
     for (std::size_t i = 0; i < parsers_.size(); ++i) {
         Batch& batch = *batches_[i];
         batch.lastNumber = number_;

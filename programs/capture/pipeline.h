@@ -39,10 +39,10 @@ struct Batch {
     void clear();
 
     std::vector<Segment> segments;
-    std::unique_ptr<char[]> bytes;        // the payloads
-    std::size_t used = 0;                 // of bytes
-    std::uint64_t lastNumber = 0;         // of the last packet of the round
-    std::optional<std::int64_t> expired;  // after it, what was silent until then is closed
+    std::unique_ptr<char[]> bytes;       // the payloads
+    std::size_t used = 0;                // of bytes
+    std::uint64_t lastNumber = 0;        // of the last packet of the round
+    std::optional<CaptureTime> expired;  // after it, what was silent until then is closed
     bool isLast = false;
 };
 
@@ -126,19 +126,19 @@ public:
     void finish() { send(true); }
 
 private:
-    /// Seconds of capture time between two looks for silent connections.
-    static constexpr std::int64_t kExpirySeconds = 10;
+    /// Between two looks for connections that are silent, or wait for what does not come.
+    static constexpr CaptureTime kExpiryPeriod = kOneSecond;
 
-    void setClock(std::int64_t seconds);
-    void send(bool isLast, std::optional<std::int64_t> expired = {});
+    void setClock(Timestamp time);
+    void send(bool isLast, std::optional<CaptureTime> expired = {});
     std::unique_ptr<Batch> emptyBatch(std::size_t parser);
 
     const std::vector<Parser*>& parsers_;
     std::vector<std::unique_ptr<Batch>> batches_;
     std::uint64_t number_ = 0;
-    std::int64_t clock_ = 0;
-    std::int64_t jump_ = 0;  // where the last segment would have set the clock, if far ahead
-    std::int64_t lookedAt_ = 0;
+    CaptureTime clock_ = 0;
+    CaptureTime jump_ = 0;  // where the last segment would have set the clock, if far ahead
+    CaptureTime lookedAt_ = 0;
     bool hasCollected_ = false;
 };
 
