@@ -241,7 +241,7 @@ void Engine::startStages() {
     add(output_);
     for (unsigned i = 0; i < options_.threads; ++i) {
         auto* parser = new Parser(i, std::max(kConnectionMemory / options_.threads, kLeastMemory),
-                                  output_->input(), faults_);
+                                  options_.answersAlone, output_->input(), faults_);
         add(parser);
         parsers_.push_back(parser);
     }

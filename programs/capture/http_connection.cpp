@@ -138,6 +138,8 @@ BodyRule HttpConnection::answer(MessageHead& head) {
         isAnswering_ = true;
         transaction = transactionOf(head);
         transaction.method = transaction.target = "-";
+        transaction.hasRequest = false;
+        transaction.responseTime = 0;
     }
     transaction.status = head.status;
     transaction.contentType = withoutParameters(head.contentType);

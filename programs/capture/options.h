@@ -16,6 +16,7 @@ struct Options {
     /// When the first packet of a replay is to arrive, in seconds since 1970.
     std::optional<std::int64_t> start;
     std::optional<bool> record;  ///< none: a device is recorded, a file is not
+    bool answersAlone = false;
     bool serve = false;
     unsigned clientTimeout = 60;  ///< seconds
     bool verbose = false;

@@ -47,11 +47,13 @@ std::string Faults::first() const {
     return first_;
 }
 
-Parser::Parser(std::size_t place, std::size_t memoryLimit, RowQueue& output, Faults& faults)
+Parser::Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, RowQueue& output,
+               Faults& faults)
     : input_(kRounds),
       emptied_(2 * kRounds),
       output_(output),
       faults_(faults),
+      answersAlone_(answersAlone),
       follower_(*this, memoryLimit) {
     made_.parser = place;
 }
@@ -64,7 +66,7 @@ Parser::~Parser() {
 std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, bool fromStart,
                                                std::uint64_t number) {
     TransactionSink& sink = *this;
-    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number);
+    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number, answersAlone_);
 }
 
 void Parser::transaction(Transaction&& transaction) {

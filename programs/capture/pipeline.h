@@ -84,8 +84,10 @@ private:
 /// Follows the connections that fall to it, and reads their HTTP.
 class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
 public:
-    /// @p memoryLimit: bytes that its connections may use.
-    Parser(std::size_t place, std::size_t memoryLimit, RowQueue& output, Faults& faults);
+    /// @p memoryLimit: bytes that its connections may use. @p answersAlone: answers without a
+    /// request become rows.
+    Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, RowQueue& output,
+           Faults& faults);
     ~Parser() override;
 
     BatchQueue& input() { return input_; }
@@ -104,6 +106,7 @@ private:
     BatchQueue emptied_;
     RowQueue& output_;
     Faults& faults_;
+    const bool answersAlone_;
     StreamFollower follower_;
     RowBatch made_;
     std::uint64_t number_ = 0;  // of the packet that is being read
