@@ -55,6 +55,8 @@ void HttpParser::read(std::string_view bytes, const Arrival& arrival) {
     nowEnd_ = arrival.sequence + static_cast<std::uint32_t>(bytes.size());
     hasRead_ = true;
     unread_ = bytes;
+    const bool wasInBody = isInBody();
+    const std::uint32_t head = head_.end;
     while (!unread_.empty()) {
         switch (state_) {
             case State::kSeek:
@@ -84,6 +86,9 @@ void HttpParser::read(std::string_view bytes, const Arrival& arrival) {
                 break;
         }
     }
+    // Within one body nothing is kept.
+    if (!wasInBody || !isInBody() || head != head_.end)
+        measure();
 }
 
 bool HttpParser::missing(std::uint64_t count) {
@@ -139,14 +144,13 @@ void HttpParser::finish() {
     }
 }
 
-std::size_t HttpParser::memory() const {
-    std::size_t bytes = line_.capacity();
+void HttpParser::measure() {
+    memory_ = line_.capacity();
     for (const std::string* text :
          {&head_.method, &head_.target, &head_.host, &head_.referer, &head_.contentType,
           &head_.contentLength, &head_.transferEncoding}) {
-        bytes += text->capacity();
+        memory_ += text->capacity();
     }
-    return bytes;
 }
 
 void HttpParser::seek(std::string_view& bytes) {

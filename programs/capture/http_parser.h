@@ -105,7 +105,7 @@ public:
     /// Reads nothing more and tells nothing more.
     void stop() { state_ = State::kStopped; }
     /// Bytes of memory beside the object itself, about.
-    std::size_t memory() const;
+    std::size_t memory() const { return memory_; }
     bool stopped() const { return state_ == State::kStopped; }
 
 private:
@@ -138,6 +138,10 @@ private:
     void readField(std::string_view line);
     void headEnded();
     void messageEnded(State next);
+    void measure();
+    bool isInBody() const {
+        return state_ == State::kBody || state_ == State::kChunked || state_ == State::kUntilClose;
+    }
 
     MessageHandler& handler_;
     MessageKind kind_ = MessageKind::kUnknown;
@@ -152,6 +156,7 @@ private:
     std::uint32_t nowEnd_ = 0;  // the sequence number behind them
     std::string_view unread_;   // the rest of them
     bool hasRead_ = false;
+    std::size_t memory_ = 0;
     std::string line_;  // the part of a line, or of a status line searched for, that came earlier
     MessageHead head_;
     std::string* field_ = nullptr;  // of head_: where a folded line continues

@@ -31,7 +31,7 @@ void Batch::add(const Segment& segment) {
 void Batch::clear() {
     segments.clear();
     used = 0;
-    expired.reset();
+    expiries.clear();
     isLast = false;
 }
 
@@ -74,16 +74,28 @@ void Parser::transaction(Transaction&& transaction) {
 }
 
 void Parser::work(const Batch& batch) {
-    for (const Segment& segment : batch.segments) {
+    auto expiry = batch.expiries.begin();
+    for (std::size_t place = 0; place < batch.segments.size(); ++place) {
+        for (; expiry != batch.expiries.end() && expiry->place == place; ++expiry)
+            expire(*expiry);
+        const Segment& segment = batch.segments[place];
         number_ = segment.number;
         follower_.segment(segment);
     }
+    for (; expiry != batch.expiries.end(); ++expiry)
+        expire(*expiry);
+    if (!batch.isLast)
+        return;
     isClosing_ = true;
     number_ = batch.lastNumber;
-    if (batch.expired)
-        follower_.expire(*batch.expired);
-    if (batch.isLast)
-        follower_.finish();
+    follower_.finish();
+    isClosing_ = false;
+}
+
+void Parser::expire(const Batch::Expiry& expiry) {
+    isClosing_ = true;
+    number_ = expiry.number;
+    follower_.expire(expiry.time);
     isClosing_ = false;
 }
 
@@ -141,7 +153,7 @@ void Dispatcher::segment(const Segment& segment) {
     setClock(segment.time);
     if (clock_ - lookedAt_ >= kExpiryPeriod) {
         lookedAt_ = clock_;
-        send(false, clock_);
+        expire();
     }
     const std::uint64_t hash = connectionHash(segment.source, segment.destination);
     const std::size_t place = hash % parsers_.size();
@@ -153,6 +165,11 @@ void Dispatcher::segment(const Segment& segment) {
     hasCollected_ = true;
 }
 
+void Dispatcher::expire() {
+    for (const std::unique_ptr<Batch>& batch : batches_)
+        batch->expiries.push_back({batch->segments.size(), number_ - 1, clock_});
+}
+
 // The batch of a parser to fill: one that it has worked off, or a new one at the beginning.
 std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
     std::unique_ptr<Batch> batch;
@@ -161,11 +178,10 @@ std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
     return batch;
 }
 
-void Dispatcher::send(bool isLast, std::optional<CaptureTime> expired) {
+void Dispatcher::send(bool isLast) {
     for (std::size_t i = 0; i < parsers_.size(); ++i) {
         Batch& batch = *batches_[i];
         batch.lastNumber = number_;
-        batch.expired = expired;
         batch.isLast = isLast;
         parsers_[i]->input().push(std::move(batches_[i]));
         batches_[i] = emptyBatch(i);

@@ -31,6 +31,13 @@ struct Batch {
     static constexpr std::size_t kMostBytes = std::size_t{512} * 1024;
     static constexpr std::size_t kMostSegments = 4096;
 
+    // Before the segment in this place, what was silent until then is closed.
+    struct Expiry {
+        std::size_t place;
+        std::uint64_t number;  // of the packet before it
+        CaptureTime time;
+    };
+
     bool hasRoomFor(const Segment& segment) const {
         return segments.size() < kMostSegments && used + segment.payload.size() <= kMostBytes;
     }
@@ -39,10 +46,10 @@ struct Batch {
     void clear();
 
     std::vector<Segment> segments;
-    std::unique_ptr<char[]> bytes;       // the payloads
-    std::size_t used = 0;                // of bytes
-    std::uint64_t lastNumber = 0;        // of the last packet of the round
-    std::optional<CaptureTime> expired;  // after it, what was silent until then is closed
+    std::unique_ptr<char[]> bytes;  // the payloads
+    std::size_t used = 0;           // of bytes
+    std::uint64_t lastNumber = 0;   // of the last packet of the round
+    std::vector<Expiry> expiries;
     bool isLast = false;
 };
 
@@ -101,6 +108,7 @@ private:
                                            std::uint64_t number) override;
     void transaction(Transaction&& transaction) override;
     void work(const Batch& batch);
+    void expire(const Batch::Expiry& expiry);
 
     BatchQueue input_;
     BatchQueue emptied_;
@@ -133,7 +141,8 @@ private:
     static constexpr CaptureTime kExpiryPeriod = kOneSecond;
 
     void setClock(Timestamp time);
-    void send(bool isLast, std::optional<CaptureTime> expired = {});
+    void expire();
+    void send(bool isLast);
     std::unique_ptr<Batch> emptyBatch(std::size_t parser);
 
     const std::vector<Parser*>& parsers_;

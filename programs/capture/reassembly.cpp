@@ -43,7 +43,7 @@ std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
         return {};
     dropFront(bytes, arrival, known);
     // What is held back came first.
-    if (!pieces_.empty()) {
+    if (isHoldingBack()) {
         const auto room = static_cast<std::size_t>(ahead(firstSequence()));
         if (bytes.size() > room) {
             std::string_view rest = bytes;
@@ -81,20 +81,22 @@ Reassembly::Kept Reassembly::kept(std::string_view bytes, const Arrival& arrival
 
 // Stores those of the bytes that are not held back yet.
 void Reassembly::holdBack(std::string_view bytes, Arrival arrival) {
-    if (ahead(arrival.sequence) > kWindow)
+    if (bytes.empty() || ahead(arrival.sequence) > kWindow)
         return;
     // The first piece that ends behind the new bytes' beginning.
-    auto place = pieces_.upper_bound(arrival.sequence);
-    if (place != pieces_.begin() && ahead(endOf(*std::prev(place))) > ahead(arrival.sequence))
+    if (!pieces_)
+        pieces_ = std::make_unique<Pieces>();
+    auto place = pieces_->upper_bound(arrival.sequence);
+    if (place != pieces_->begin() && ahead(endOf(*std::prev(place))) > ahead(arrival.sequence))
         --place;
     while (!bytes.empty()) {
-        const std::int32_t room = place == pieces_.end()
+        const std::int32_t room = place == pieces_->end()
                                       ? INT32_MAX
                                       : static_cast<std::int32_t>(place->first - arrival.sequence);
         std::size_t done = 0;
         if (room > 0) {
             done = std::min(bytes.size(), static_cast<std::size_t>(room));
-            pieces_.emplace_hint(place, arrival.sequence, kept(bytes.substr(0, done), arrival));
+            pieces_->emplace_hint(place, arrival.sequence, kept(bytes.substr(0, done), arrival));
             held_ += done;
         } else {
             done = std::min<std::size_t>(bytes.size(), endOf(*place) - arrival.sequence);
@@ -105,13 +107,14 @@ void Reassembly::holdBack(std::string_view bytes, Arrival arrival) {
 }
 
 void Reassembly::moveFirst(KP_BufferStream& stream) {
-    Kept& piece = pieces_.begin()->second;
+    Kept& piece = pieces_->begin()->second;
     const std::size_t size = piece->bytes().size();
     stream.add(piece.get());
     static_cast<void>(piece.release());  // the stream's now
     held_ -= size;
     next_ += static_cast<std::uint32_t>(size);
-    pieces_.erase(pieces_.begin());
+    pieces_->erase(pieces_->begin());
+    dropIfEmpty();
 }
 
 void Reassembly::waive(std::uint32_t sequence) {
@@ -128,7 +131,7 @@ void Reassembly::acknowledge(std::uint32_t sequence) {
 }
 
 bool Reassembly::isGapDue(CaptureTime now) const {
-    if (pieces_.empty())
+    if (!isHoldingBack())
         return false;
     if (isFull())
         return true;
@@ -146,7 +149,7 @@ std::uint32_t Reassembly::skipGap() {
 std::uint32_t Reassembly::skipCut(std::uint32_t end) {
     if (knowsEnd_ && ahead(end_) < ahead(end))
         end = end_;
-    if (!pieces_.empty() && ahead(firstSequence()) < ahead(end))
+    if (isHoldingBack() && ahead(firstSequence()) < ahead(end))
         end = firstSequence();
     const std::uint32_t missing = ahead(end) > 0 ? end - next_ : 0;
     next_ += missing;
@@ -167,8 +170,8 @@ void Reassembly::setEnd(std::uint32_t sequence) {
     end_ = sequence;
     knowsEnd_ = true;
     // What is held back from behind the end was never sent.
-    while (!pieces_.empty()) {
-        const auto last = std::prev(pieces_.end());
+    while (isHoldingBack()) {
+        const auto last = std::prev(pieces_->end());
         Piece& piece = *last->second;
         const std::size_t size = piece.bytes().size();
         const std::size_t good = upToEnd(piece.bytes(), last->first).size();
@@ -177,7 +180,8 @@ void Reassembly::setEnd(std::uint32_t sequence) {
             piece.copyBuffer(piece.getBuffer(), good);
             break;
         }
-        pieces_.erase(last);
+        pieces_->erase(last);
+        dropIfEmpty();
     }
 }
 
@@ -192,7 +196,7 @@ bool Reassembly::isLate(std::uint32_t sequence) const {
 }
 
 void Reassembly::drop() {
-    pieces_.clear();
+    pieces_.reset();
     held_ = 0;
 }
 

@@ -51,8 +51,8 @@ public:
     /// The other side has everything before @p sequence.
     void acknowledge(std::uint32_t sequence);
     /// Whether some of what is held back is due.
-    bool isDue() const { return !pieces_.empty() && ahead(firstSequence()) <= 0; }
-    bool isHoldingBack() const { return !pieces_.empty(); }
+    bool isDue() const { return isHoldingBack() && ahead(firstSequence()) <= 0; }
+    bool isHoldingBack() const { return pieces_ && !pieces_->empty(); }
     /// Whether a byte before @p sequence has not come yet.
     bool isMissing(std::uint32_t sequence) const {
         return hasBegun_ && ahead(sequence) > 0 && !hasEnded();  // an end has a number, too
@@ -69,7 +69,7 @@ public:
     /// Says that a segment of the direction was seen.
     void see() { wasSeen_ = true; }
     /// How the first of what is held back came.
-    const Arrival& firstHeld() const { return pieces_.begin()->second->arrival(); }
+    const Arrival& firstHeld() const { return pieces_->begin()->second->arrival(); }
     /// Whether it is time to step over the gap in front of what is held back.
     bool isGapDue(CaptureTime now) const;
     /// Whether more is held back than may be.
@@ -121,7 +121,7 @@ public:
     }
 
     /// Bytes of memory in what is held back.
-    std::size_t memory() const { return held_ + pieces_.size() * kPieceSize; }
+    std::size_t memory() const { return held_ + (pieces_ ? pieces_->size() * kPieceSize : 0); }
     /// Gives that back.
     void drop();
 
@@ -143,7 +143,7 @@ private:
     static std::uint32_t endOf(const Pieces::value_type& held) {
         return held.first + static_cast<std::uint32_t>(held.second->bytes().size());
     }
-    std::uint32_t firstSequence() const { return pieces_.begin()->first; }
+    std::uint32_t firstSequence() const { return pieces_->begin()->first; }
     bool isHeldAcknowledged() const {
         return knowsAcknowledged_ && ahead(acknowledged_) >= ahead(firstSequence());
     }
@@ -154,6 +154,10 @@ private:
     std::string_view upToEnd(std::string_view bytes, std::uint32_t sequence) const;
     static Kept kept(std::string_view bytes, const Arrival& arrival);
     void holdBack(std::string_view bytes, Arrival arrival);
+    void dropIfEmpty() {
+        if (pieces_->empty())
+            pieces_.reset();
+    }
 
     bool hasBegun_ = false;
     bool knowsEnd_ = false;
@@ -164,9 +168,9 @@ private:
     bool wasSeen_ = false;
     bool isWaived_ = false;
     std::uint32_t waived_ = 0;
-    CaptureTime movedOn_ = 0;  // when bytes came in order last
-    Pieces pieces_;            // by sequence number, without overlap
-    std::size_t held_ = 0;     // bytes in them
+    CaptureTime movedOn_ = 0;         // when bytes came in order last
+    std::unique_ptr<Pieces> pieces_;  // by sequence number, without overlap; null: none
+    std::size_t held_ = 0;            // bytes in them
 };
 
 }  // namespace kp::capture

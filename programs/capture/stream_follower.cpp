@@ -108,7 +108,8 @@ StreamFollower::Connection& StreamFollower::replace(Connections::iterator place,
     Connection& old = place->second;
     const Key key = place->first;
     const bool isKept = !old.hasEnded && (old.sink || old.isWaiting());
-    if (Connection* const predecessor = old.hasPredecessor ? predecessorOf(old) : nullptr) {
+    // One may be left of a connection that was forgotten, too.
+    if (Connection* const predecessor = predecessorOf(old)) {
         if (!predecessor->hasEnded)
             close(*predecessor);
         forget(*predecessor);
@@ -117,6 +118,7 @@ StreamFollower::Connection& StreamFollower::replace(Connections::iterator place,
         auto node = connections_.extract(place);
         node.key().low |= kPredecessor;
         connections_.insert(std::move(node));
+        old.isSuperseded = true;
         old.superseded = segment.clock;
         waiting_.insert(&old);
     } else {
@@ -136,17 +138,21 @@ bool StreamFollower::isOfNext(Connection& connection, Side side, const Segment& 
     const Reassembly& direction = connection.direction(side);
     if (connection.hasEnded)
         return !direction.isLate(segment.sequence);
-    std::optional<std::uint32_t>& strayEnd = connection.strayEnds[static_cast<int>(side)];
     if (direction.isPlausible(segment.sequence)) {
-        strayEnd.reset();
+        if (connection.hasStray && connection.straySide == side)
+            connection.hasStray = false;
         return false;
     }
     const Reassembly& other = connection.direction(otherSide(side));
     const bool mayBeStray =
         segment.has(Segment::kAck) && other.isPlausibleAcknowledgement(segment.acknowledgement);
-    if (!mayBeStray || (strayEnd && Reassembly::isWithinWindow(segment.sequence - *strayEnd)))
+    const bool isSecond = connection.hasStray && connection.straySide == side &&
+                          Reassembly::isWithinWindow(segment.sequence - connection.strayEnd);
+    if (!mayBeStray || isSecond)
         return true;
-    strayEnd = segment.sequence + static_cast<std::uint32_t>(segment.payload.size());
+    connection.hasStray = true;
+    connection.straySide = side;
+    connection.strayEnd = segment.sequence + static_cast<std::uint32_t>(segment.payload.size());
     return false;
 }
 
@@ -184,9 +190,8 @@ void StreamFollower::segment(const Segment& segment) {
     const Side side = sideOf(*connection, segment);
     connection->direction(side).see();
     if (segment.has(Segment::kReset)) {
-        if (!connection->isReset)
-            connection->reset = {side, arrivalOf(segment)};
-        connection->isReset = true;
+        if (!connection->reset)
+            connection->reset = std::make_unique<Reset>(Reset{side, arrivalOf(segment)});
     } else {
         take(*connection, side, segment);
         if (segment.has(Segment::kAck))
@@ -197,11 +202,15 @@ void StreamFollower::segment(const Segment& segment) {
         close(*connection);
         return;
     }
+    // Without data, and with nothing that waited, nothing has changed.
+    const bool isSame = segment.payload.empty() && waiting_.empty() && connection->memory != 0;
     if (connection->isWaiting()) {
         waiting_.insert(connection);
     } else if (!waiting_.empty()) {
         waiting_.erase(connection);
     }
+    if (isSame && waiting_.empty())
+        return;
     account(*connection);
     keepToLimit(connection);
 }
@@ -278,6 +287,8 @@ int StreamFollower::nextDue(Connection& connection) {
 
 // Hands out what was held back and is due, in the order in which it came.
 void StreamFollower::drain(Connection& connection) {
+    if (!connection.isHoldingBack())
+        return;
     for (int side = nextDue(connection); side != kNobody; side = nextDue(connection)) {
         due_.reset();
         int next = side;
@@ -297,7 +308,7 @@ bool StreamFollower::isOlder(const Reassembly& a, const Reassembly& b) {
 
 // Does what the time has made due.
 void StreamFollower::settle(Connection& connection, CaptureTime now) {
-    if (connection.directions[0].isHoldingBack() || connection.directions[1].isHoldingBack()) {
+    if (connection.isHoldingBack()) {
         waiveDue(connection, now);
         stepOverDue(connection, now);
     }
@@ -340,16 +351,16 @@ bool StreamFollower::isOver(Connection& connection, CaptureTime now) {
     const Reassembly& first = connection.directions[0];
     const Reassembly& second = connection.directions[1];
     if ((first.hasEnded() && second.hasEnded()) ||
-        (connection.superseded && now - *connection.superseded > Reassembly::kLag))
+        (connection.isSuperseded && now - connection.superseded > Reassembly::kLag))
         return true;
-    if (!connection.isReset)
+    if (!connection.reset)
         return false;
-    const Arrival& reset = connection.reset.arrival;
+    const Arrival& reset = connection.reset->arrival;
     if (now - reset.clock > Reassembly::kLag)
         return true;
     return !first.isHoldingBack() && !second.isHoldingBack() &&
-           !connection.direction(connection.reset.side).isMissing(reset.sequence) &&
-           !isTooEarly(connection, connection.reset.side, reset);
+           !connection.direction(connection.reset->side).isMissing(reset.sequence) &&
+           !isTooEarly(connection, connection.reset->side, reset);
 }
 
 // The direction that has waited longest for what it misses; null when none does.

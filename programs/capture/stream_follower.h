@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -87,11 +86,13 @@ private:
         bool hasEnded = false;
         bool isWanted = true;  // the sink wants more data
         bool wasToldEnd[2] = {false, false};
-        bool isReset = false;
-        Reset reset;
-        bool hasPredecessor = false;  // there was one, which may be kept yet
-        std::optional<CaptureTime> superseded;
-        std::optional<std::uint32_t> strayEnds[2];  // behind bytes from far away
+        std::unique_ptr<Reset> reset;  // that came, and waits
+        bool hasPredecessor = false;   // there was one, which may be kept yet
+        bool isSuperseded = false;
+        bool hasStray = false;  // a side has sent bytes from far away, up to strayEnd
+        Side straySide = Side::kFirst;
+        std::uint32_t strayEnd = 0;
+        CaptureTime superseded = 0;
         Reassembly directions[2];
 
         // Its place among the open or the ended ones, by the time of the last segment.
@@ -102,10 +103,10 @@ private:
         std::size_t memory = 0;
 
         Reassembly& direction(Side side) { return directions[static_cast<int>(side)]; }
-        bool isWaiting() const {
-            return directions[0].isHoldingBack() || directions[1].isHoldingBack() || isReset ||
-                   superseded || isComplete();
+        bool isHoldingBack() const {
+            return directions[0].isHoldingBack() || directions[1].isHoldingBack();
         }
+        bool isWaiting() const { return isHoldingBack() || reset || isSuperseded || isComplete(); }
         bool isComplete() const { return directions[0].isComplete() && directions[1].isComplete(); }
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
