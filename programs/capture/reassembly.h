@@ -126,7 +126,7 @@ public:
     void drop();
 
 private:
-    static constexpr std::size_t kPieceSize = 200;  // of a piece and its place, about
+    static constexpr std::size_t kPieceSize = 320;  // of a piece and its place, about
 
     struct Release {
         void operator()(Piece* piece) const { piece->release(); }
