@@ -1,4 +1,5 @@
 // kp-admin: shows and changes the configuration of a running engine, and shows its status.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@ struct Options {
     std::string passwordFile;
     int timeout = 10;
     std::vector<std::string> changes;
+    bool force = false;
     unsigned long count = 0;
 };
 
@@ -63,6 +65,22 @@ void watch(kp::admin::Client& client, std::FILE* output, unsigned long count) {
     }
 }
 
+// The engine tells the address that it sees us at: there may be a translator in between.
+void refuseLockOut(kp::admin::Client& client, KP_Config& config) {
+    const std::string key = "client_address=";
+    for (const std::string& line : client.status()) {
+        in_addr address{};
+        if (line.compare(0, key.size(), key) != 0 ||
+            ::inet_pton(AF_INET, line.c_str() + key.size(), &address) != 1)
+            continue;
+        if (config.isValidSourceIP(ntohl(address.s_addr)) == 0) {
+            throw kp::admin::Refused(
+                "refused: these networks would shut out this client, which the engine sees at " +
+                line.substr(key.size()) + "; --force sets them all the same");
+        }
+    }
+}
+
 void addOptions(CLI::App& app, Options& options) {
     app.add_option("--host", options.host, "Host of the engine")
         ->capture_default_str()
@@ -91,10 +109,13 @@ void addOptions(CLI::App& app, Options& options) {
                     "filter=TEXT, days=N, mime=TYPE=EXT,EXT, network=ADDRESS/BITS or\n"
                     "network=ADDRESS/MASK, password-file=FILE. mime and network may come\n"
                     "several times and replace the whole list; mime= and network= empty it,\n"
-                    "and without networks every address may administer. Device and port\n"
+                    "and without networks every address may administer. Networks that\n"
+                    "would shut out this client are refused (--force). Device and port\n"
                     "can only be changed by kp-configure and a restart.")
         ->required()
         ->type_name("");
+    set->add_flag("--force", options.force,
+                  "Set networks that shut out the address of this client, too");
     app.add_subcommand("status", "Shows the status");
     CLI::App* const watch = app.add_subcommand("watch", "Shows the status every second");
     watch->add_option("--count", options.count, "Number of times (default: for ever)")
@@ -120,6 +141,8 @@ int run(const CLI::App& app, const Options& options) {
         client.readConfig(config);
         if (app.got_subcommand("set")) {
             changes.apply(config);
+            if (changes.has("network") && !options.force)
+                refuseLockOut(client, config);
             client.writeConfig(config);
         } else {
             print(output, kp::admin::describe(config));

@@ -92,6 +92,11 @@ void Changes::apply(KP_Config& config) const {
         findKey(change.key).apply(config, change.values);
 }
 
+bool Changes::has(const std::string& key) const {
+    return std::any_of(changes_.begin(), changes_.end(),
+                       [&](const Change& change) { return change.key == key; });
+}
+
 std::vector<std::string> describe(const KP_Config& config) {
     std::vector<std::string> lines = {
         "device=" + std::string(config.device),

@@ -27,6 +27,9 @@ public:
     /// Throws programs::SettingError or PasswordError for a value that cannot be.
     void apply(KP_Config& config) const;
 
+    /// Whether @p key is to be changed.
+    bool has(const std::string& key) const;
+
 private:
     struct Change {
         std::string key;

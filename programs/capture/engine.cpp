@@ -16,15 +16,23 @@
 #include <stdexcept>
 #include <utility>
 
+#include "device_source.h"
+#include "fanout_group.h"
+#include "file_source.h"
 #include "front_end.h"
 #include "installation.h"
 #include "judgement.h"
 #include "live_config.h"
+#include "log_line.h"
+#include "losses.h"
 #include "packet_source.h"
 #include "pipeline.h"
+#include "reader.h"
 #include "recorder.h"
+#include "signals.h"
 #include "summary.h"
 #include "transaction_printer.h"
+#include "unread.h"
 
 namespace kp::capture {
 
@@ -33,11 +41,20 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kConnectionMemory = std::size_t{96} * 1024 * 1024;
+constexpr int kWithLosses = 3;                                      // exit status
 constexpr std::size_t kLeastMemory = std::size_t{8} * 1024 * 1024;  // of one parser
 
 std::atomic<bool> stopRequested{false};
-std::atomic<PacketSource*> stoppable{nullptr};
-static_assert(std::atomic<PacketSource*>::is_always_lock_free);
+using Sources = std::vector<std::unique_ptr<PacketSource>>;
+std::atomic<const Sources*> stoppable{nullptr};
+static_assert(std::atomic<const Sources*>::is_always_lock_free);
+
+void stopSources() {
+    if (const Sources* sources = stoppable) {
+        for (const std::unique_ptr<PacketSource>& source : *sources)
+            source->stop();
+    }
+}
 
 using Handler = void (*)(int);
 Handler loggingHandler[NSIG];  // the engine manager's, which write to the log and return
@@ -49,13 +66,12 @@ extern "C" void onStopSignal(int number) {
     // Whoever asks twice does not want to wait for a reader of our lines that stands still.
     if (stopRequested.exchange(true))
         _exit(1);
-    if (PacketSource* source = stoppable)
-        source->stop();
+    stopSources();
     errno = kept;
 }
 
 void catchSignals() {
-    for (const int number : {SIGINT, SIGTERM}) {
+    for (const int number : {SIGINT, SIGTERM, SIGQUIT}) {
         struct sigaction before {};
         sigaction(number, nullptr, &before);
         const bool isFunction = (before.sa_flags & SA_SIGINFO) == 0 &&
@@ -66,17 +82,15 @@ void catchSignals() {
         sigemptyset(&action.sa_mask);
         sigaction(number, &action, nullptr);
     }
-    signal(SIGPIPE, SIG_IGN);  // the printer tells of a reader that has gone
-    signal(SIGXFSZ, SIG_IGN);  // and the recorder of a file that may not grow
 }
 
-/// Lets the signals stop a source for as long as this lives.
+/// Lets the signals stop sources for as long as this lives.
 class StoppedBySignals {
 public:
-    explicit StoppedBySignals(PacketSource& source) {
-        stoppable = &source;
+    explicit StoppedBySignals(const Sources& sources) {
+        stoppable = &sources;
         if (stopRequested)
-            source.stop();
+            stopSources();
     }
     StoppedBySignals(const StoppedBySignals&) = delete;
     StoppedBySignals& operator=(const StoppedBySignals&) = delete;
@@ -103,8 +117,7 @@ public:
           options_(options),
           config_(configurationOf(manager), [this] { send(kConfigurationChanged); }),
           printer_(output),
-          rowsAreShown_(options.print && isatty(output) != 0),
-          isShifted_(options.start.has_value()) {
+          rowsAreShown_(options.print && isatty(output) != 0) {
         manager_.addHandler(this);
     }
     Engine(const Engine&) = delete;
@@ -120,16 +133,23 @@ public:
 private:
     int handleMessage(KP_Message* message) override;
     void send(const char* text);
-    std::unique_ptr<PacketSource> openSource();
+    void hungUp();
+    void openSources();
+    void openDevice(const KP_ConfigAdmin& config);
+    void deviceChanged(bool isFirst, const std::string& text);
+    void showDeviceState();
     void startStages();
     void endStages();
-    void readSource(PacketSource& source);
-    void shift(Timestamp& time);
-    PacketSource::Result readPackets(PacketSource& source);
+    void startReading();
+    void readSources();
+    void endReading();
     void startRecording();
     void take(Transaction&& transaction);
     void tell(const std::string& text);
     void idle(bool isLast);
+    Lost lost() const;
+    void tellLosses(bool isLast);
+    Unread unread() const;
     Status status() const;
     void complain(const std::string& text);
 
@@ -146,13 +166,23 @@ private:
     Output* output_ = nullptr;
     Recorder* recorder_ = nullptr;  // none when nothing is recorded
     FrontEnd* frontEnd_ = nullptr;
-    SegmentReader segments_;
-    std::unique_ptr<Dispatcher> dispatcher_;
+    Caretaker* caretaker_ = nullptr;
+    std::unique_ptr<InterfaceDrops> interface_;  // of a device that is watched
+    std::mutex telling_;                         // guards it and the next
+    LossTeller losses_;
+    FanoutGroup group_;
+    Reader::Shared reading_{
+        summary_, parsers_, {}, [this] { return std::string(config_.current()->filterProgram); }};
+    Sources sources_;                               // several of one device, or one
+    std::vector<std::unique_ptr<Reader>> readers_;  // one for each
+    std::vector<ReaderThread*> readerThreads_;      // of all but the first; owned as the stages are
+    std::unique_ptr<Dispatcher> dispatcher_;        // sends the last round
+    std::mutex deviceChanging_;
+    bool hasWatched_ = false;            // the device was there and up
+    std::atomic<bool> wasBlind_{false};  // and then for a while it was not
     std::atomic<const char*> state_{"starting"};
     std::atomic<bool> isPaced_{false};
-    std::atomic<bool> filterChanged_{false};
-    const bool isShifted_;               // the packets get other times than they had
-    std::optional<std::int64_t> shift_;  // by so many seconds
+    std::atomic<std::uint64_t> left_{0};  // packets, at the end
     bool isGood_ = true;
     bool isRunning_ = false;  // the stages are
 
@@ -165,15 +195,14 @@ private:
 int Engine::handleMessage(KP_Message* message) {
     const std::string text = message->getMessage();
     if (text == kConfigurationChanged) {
-        filterChanged_ = true;
+        ++reading_.filterChanges;
         judgingChanged_ = true;
     } else if (text == kDayBegan) {
-        KP_Log::ret("kp-capture: a new day has begun");
+        logLine("a new day has begun");
         if (recorder_ != nullptr)
             recorder_->dayBegan();
     } else if (text == kShutdown) {
-        if (PacketSource* source = stoppable)
-            source->stop();
+        stopSources();
     }
     return 0;  // others want to know as well
 }
@@ -184,9 +213,17 @@ void Engine::send(const char* text) {
     manager_.sendMessage(&message);
 }
 
+// On the caretaker's thread.
+void Engine::hungUp() {
+    if (KP_Log::reopen() != 0)
+        tell("the log cannot be opened anew, the old file is used: " +
+             std::string(std::strerror(errno)));
+    config_.reload();
+}
+
 void Engine::tell(const std::string& text) {
     std::fprintf(stderr, "kp-capture: %s\n", text.c_str());
-    KP_Log::ret("kp-capture: %s", text.c_str());
+    logLine(text);
 }
 
 void Engine::complain(const std::string& text) {
@@ -194,22 +231,60 @@ void Engine::complain(const std::string& text) {
     tell(text);
 }
 
-// Null when a signal came while the source was being opened.
-std::unique_ptr<PacketSource> Engine::openSource() {
+// None when a signal came while they were being opened.
+void Engine::openSources() {
     const std::shared_ptr<KP_ConfigAdmin> config = config_.current();
     try {
-        if (!options_.replay.empty())
-            return PacketSource::openFile(options_.replay, config->filterProgram);
-        const std::string device = options_.device.empty() ? config->device : options_.device;
-        if (device.empty()) {
-            throw PacketSourceError("no device is configured; give --device DEV, or --replay FILE");
+        if (options_.replay.empty()) {
+            openDevice(*config);
+        } else {
+            sources_.push_back(FileSource::open(options_.replay, config->filterProgram));
         }
-        return PacketSource::openDevice(device, config->filterProgram);
     } catch (const PacketSourceError&) {
         if (!stopRequested)
             throw;
-        return nullptr;
+        sources_.clear();
     }
+}
+
+void Engine::openDevice(const KP_ConfigAdmin& config) {
+    DeviceSource::Settings settings;
+    settings.name = options_.device.empty() ? config.device : options_.device;
+    if (settings.name.empty())
+        throw PacketSourceError("no device is configured; give --device DEV, or --replay FILE");
+    interface_ = std::make_unique<InterfaceDrops>(settings.name);
+    settings.filter = config.filterProgram;
+    settings.buffer = static_cast<int>(options_.buffer * 1024 * 1024 / options_.readers);
+    settings.mayWait = options_.wait;
+    settings.group = options_.readers > 1 ? &group_ : nullptr;
+    for (unsigned i = 0; i < options_.readers; ++i) {
+        const bool isFirst = i == 0;
+        settings.listener = [this, isFirst](const std::string& text) {
+            deviceChanged(isFirst, text);
+        };
+        sources_.push_back(std::make_unique<DeviceSource>(settings));
+    }
+}
+
+// On the thread of that reader. The readers of a device see the same, each for itself.
+void Engine::deviceChanged(bool isFirst, const std::string& text) {
+    const std::lock_guard<std::mutex> lock(deviceChanging_);
+    showDeviceState();
+    if (isFirst)
+        tell(text);
+}
+
+void Engine::showDeviceState() {
+    if (sources_.empty())
+        return;
+    const bool isBlind = std::any_of(sources_.begin(), sources_.end(),
+                                     [](const auto& source) { return source->isBlind(); });
+    if (isBlind && hasWatched_)
+        wasBlind_ = true;
+    hasWatched_ = hasWatched_ || !isBlind;
+    state_ = isBlind ? "waiting for device" : "watching";
+    if (!isBlind)
+        config_.setLinkType(sources_.front()->linkType());
 }
 
 // Before there are other threads.
@@ -240,11 +315,14 @@ void Engine::startStages() {
         [this](bool isLast) { idle(isLast); }, faults_);
     add(output_);
     for (unsigned i = 0; i < options_.threads; ++i) {
-        auto* parser = new Parser(i, std::max(kConnectionMemory / options_.threads, kLeastMemory),
-                                  options_.answersAlone, output_->input(), faults_);
+        auto* parser =
+            new Parser(i, std::max(kConnectionMemory / options_.threads, kLeastMemory),
+                       options_.answersAlone, options_.readers, output_->input(), faults_);
         add(parser);
         parsers_.push_back(parser);
     }
+    caretaker_ = new Caretaker([this] { hungUp(); }, [this] { tellLosses(false); });
+    add(caretaker_);
     auto* days = KP_ResetThread::create();
     add(days);
     days->KP_List<KP_Object>::append(&day_);
@@ -254,7 +332,9 @@ void Engine::startStages() {
             [this] { return status(); }, std::chrono::seconds(options_.clientTimeout));
         add(frontEnd_);
     }
-    dispatcher_ = std::make_unique<Dispatcher>(parsers_);
+    dispatcher_ = std::make_unique<Dispatcher>(parsers_, reading_.sending);
+    for (const std::unique_ptr<PacketSource>& source : sources_)
+        readers_.push_back(std::make_unique<Reader>(*source, reading_, options_.start));
     isRunning_ = manager_.start() == 0;
     if (!isRunning_)
         throw std::runtime_error("cannot start the threads of the stages");
@@ -266,6 +346,10 @@ void Engine::endStages() {
     if (frontEnd_ != nullptr)
         frontEnd_->end();
     frontEnd_ = nullptr;
+    if (caretaker_ != nullptr)
+        caretaker_->end();
+    caretaker_ = nullptr;
+    endReading();
     if (isRunning_ && !output_->isFinished()) {
         dispatcher_->finish();
         output_->waitUntilFinished();
@@ -302,12 +386,42 @@ void Engine::idle(bool isLast) {
     summary_.setConnections(output_->connections());
 }
 
+Lost Engine::lost() const {
+    Lost lost = summary_.droppedPackets();
+    lost.left = left_;
+    lost.rows = recorder_ != nullptr ? recorder_->lost() : 0;
+    return lost;
+}
+
+void Engine::tellLosses(bool isLast) {
+    const std::lock_guard<std::mutex> lock(telling_);
+    if (interface_) {
+        const bool hasSeenTags =
+            std::any_of(readers_.begin(), readers_.end(),
+                        [](const auto& reader) { return reader->unread().hasSeenTags(); });
+        summary_.setInterfaceDropped(interface_->count(hasSeenTags));
+    }
+    const std::string text = losses_.tell(lost(), Clock::now(), isLast);
+    if (!text.empty())
+        logLine(text);
+}
+
+Unread Engine::unread() const {
+    Unread unread;
+    for (const std::unique_ptr<Reader>& reader : readers_)
+        reader->unread().addTo(unread);
+    unread.notHttp = output_->notHttp();
+    return unread;
+}
+
 Status Engine::status() const {
     Status result = summary_.status();
     result.insert(result.begin(), {"state", state_.load()});
     result.emplace_back("connections_kept", std::to_string(output_->openConnections()));
     result.emplace_back("connections_given_up", std::to_string(output_->givenUp()));
     result.emplace_back("bytes_missing", std::to_string(output_->missingBytes()));
+    for (const auto& [name, count] : unread().named())
+        result.emplace_back(name, std::to_string(count));
     if (recorder_ != nullptr) {
         const std::string fault = recorder_->fault();
         result.emplace_back("recording", fault.empty() ? "yes" : "failing: " + fault);
@@ -318,84 +432,72 @@ Status Engine::status() const {
     }
     result.emplace_back("clients", std::to_string(frontEnd_->clients()));
     result.emplace_back("clients_refused", std::to_string(frontEnd_->refused()));
+    if (const std::string reloaded = config_.reloaded(); !reloaded.empty())
+        result.emplace_back("reloaded", reloaded);
     return result;
 }
 
-void Engine::shift(Timestamp& time) {
-    if (!shift_)
-        shift_ = *options_.start - time.seconds;
-    time.seconds = std::max<std::int64_t>(time.seconds + *shift_, 0);
-}
-
-PacketSource::Result Engine::readPackets(PacketSource& source) {
-    constexpr unsigned kRound = 1024;
-    constexpr std::chrono::milliseconds kLongestRound{200};
-    // Whoever waits for packets from outside looks at the clock each time, a file rarely.
-    isPaced_ = source.progress() < 0;
-    ProgressDisplay progress(!source.isLive() && !rowsAreShown_ && isatty(STDERR_FILENO) != 0);
-    Clock::time_point ended = Clock::now();
-    Packet packet;
-    Segment segment;
-    for (unsigned round = 1; !printer_.isFailed(); ++round) {
-        if (isPaced_ && dispatcher_->hasCollected() && source.mayWait())
-            dispatcher_->endRound();
-        const PacketSource::Result result = source.next(packet);
-        if (result == PacketSource::Result::kPacket) {
-            summary_.addPacket(packet.bytes.size());
-            if (isShifted_)
-                shift(packet.time);
-            if (segments_.read(packet.linkType, packet.bytes, packet.time, segment))
-                dispatcher_->segment(segment);
-        } else if (result != PacketSource::Result::kNothing) {
-            return result;
-        } else if (source.isLive() && dispatcher_->hasCollected()) {
-            dispatcher_->endRound();
-        }
-        if (!isPaced_ && round % kRound != 0)
-            continue;
-        if (filterChanged_.exchange(false)) {
-            const std::string fault = source.setFilter(config_.current()->filterProgram);
-            if (!fault.empty())
-                KP_Log::ret("kp-capture: the new filter is refused, the old one stays: %s",
-                            fault.c_str());
-        }
-        summary_.setFilteredOut(source.filteredOut());
-        summary_.setDropped(source.dropped());
-        if (progress.isDue())
-            progress.show(summary_.progressLine(source.progress()));
-        if (isPaced_ && Clock::now() - ended >= kLongestRound) {
-            dispatcher_->endRound();
-            ended = Clock::now();
-        }
-    }
-    return PacketSource::Result::kEnd;
-}
-
-void Engine::readSource(PacketSource& source) {
-    const StoppedBySignals scope(source);
+void Engine::startReading() {
+    const PacketSource& source = *sources_.front();
     if (!source.warning().empty())
         std::fprintf(stderr, "kp-capture: warning: %s\n", source.warning().c_str());
-    state_ = source.isLive() ? "watching" : "reading";
-    KP_Log::ret("kp-capture: %s %s", state_.load(), source.name().c_str());
+    isPaced_ = source.progress() < 0;
     if (source.isLive()) {
-        std::fprintf(stderr, "kp-capture: watching %s%s\n", source.name().c_str(),
+        const std::lock_guard<std::mutex> lock(deviceChanging_);
+        showDeviceState();
+        std::fprintf(stderr, "kp-capture: %s %s%s\n", state_.load(), source.name().c_str(),
                      options_.isRecorded() ? ", recording" : "");
+    } else {
+        state_ = "reading";
     }
-    const PacketSource::Result end = readPackets(source);
-    summary_.setFilteredOut(source.filteredOut());
-    summary_.setDropped(source.dropped());
-    if (end == PacketSource::Result::kFault)
-        complain(source.fault() + "; the packets before that are used");
+    logLine(std::string(state_) + " " + source.name());
+    for (std::size_t i = 1; i < readers_.size(); ++i) {
+        auto* thread = new ReaderThread(*readers_[i], stopSources, faults_);
+        if (thread == nullptr)
+            throw std::bad_alloc();
+        manager_.append(thread);
+        readerThreads_.push_back(thread);
+        if (thread->start() != 0)
+            throw std::runtime_error("cannot start the threads of the readers");
+    }
+}
+
+void Engine::readSources() {
+    const StoppedBySignals scope(sources_);
+    startReading();
+    Reader& reader = *readers_.front();
+    const bool isLive = reader.source().isLive();
+    ProgressDisplay progress(!isLive && !rowsAreShown_ && isatty(STDERR_FILENO) != 0);
+    while (!printer_.isFailed() && reader.turn()) {
+        if (progress.isDue())
+            progress.show(summary_.progressLine(reader.source().progress()));
+    }
+    endReading();
+    for (const std::unique_ptr<PacketSource>& source : sources_)
+        left_ += source->left();
+    for (const std::unique_ptr<Reader>& each : readers_) {
+        if (each->end() == PacketSource::Result::kFault)
+            complain(each->source().fault() + "; the packets before that are used");
+    }
+}
+
+// The main thread's reader has ended, or will not be called any more.
+void Engine::endReading() {
+    for (const std::unique_ptr<PacketSource>& source : sources_)
+        source->stop();
+    for (ReaderThread* thread : readerThreads_)
+        thread->join(nullptr, 0);
+    readerThreads_.clear();
 }
 
 int Engine::run() {
     catchSignals();
-    const std::unique_ptr<PacketSource> source = openSource();
-    if (source)
-        config_.setLinkType(source->linkType());
+    openSources();
+    if (!sources_.empty())
+        config_.setLinkType(sources_.front()->linkType());
     startStages();
-    if (source)
-        readSource(*source);
+    if (!sources_.empty())
+        readSources();
     dispatcher_->finish();
     output_->waitUntilFinished();
     summary_.setConnections(output_->connections());
@@ -403,9 +505,14 @@ int Engine::run() {
     if (recorder_ != nullptr) {
         recorder_->flush();
         summary_.setRecorded(recorder_->recorded(), recorder_->lost());
-        if (recorder_->lost() != 0)
-            complain(std::to_string(recorder_->lost()) + " transactions were not recorded");
     }
+    summary_.setUnread(unread().text());
+    tellLosses(true);
+    const Lost lost = this->lost();
+    if (lost.any())
+        std::fprintf(stderr, "kp-capture: %s\n", LossTeller().tell(lost, {}).c_str());
+    if (wasBlind_)
+        std::fprintf(stderr, "kp-capture: the device was not there, or down, for a while\n");
     if (faults_.any())
         complain(faults_.first());
     if (printer_.isFailed())
@@ -415,8 +522,13 @@ int Engine::run() {
     while (options_.serve && !stopRequested)
         manager_.wait(nullptr, 100);
     endStages();
-    KP_Log::ret("kp-capture: ended%s", isGood_ ? "" : " with an error");
-    return isGood_ ? 0 : 1;
+    if (!isGood_) {
+        logLine("ended with an error");
+        return 1;
+    }
+    const bool hasLost = lost.any() || wasBlind_;
+    logLine(hasLost ? "ended with losses" : "ended");
+    return hasLost ? kWithLosses : 0;
 }
 
 }  // namespace

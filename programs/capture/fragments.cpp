@@ -41,6 +41,12 @@ void Fragments::fill(Unfinished& packet, std::uint32_t begin, std::string_view b
     packet.missing = std::move(missing);
 }
 
+void Fragments::giveUp(std::deque<Key>::iterator place) {
+    packets_.erase(*place);
+    byAge_.erase(place);
+    ++givenUp_;
+}
+
 std::string_view Fragments::add(std::string_view packet, Timestamp time) {
     const std::size_t headerSize = std::size_t{byteAt(packet, 0) & 15} * 4;
     const std::size_t total = std::min<std::size_t>(read16(packet, 2), packet.size());
@@ -56,17 +62,17 @@ std::string_view Fragments::add(std::string_view packet, Timestamp time) {
 
     const Key key{read32(packet, 12), read32(packet, 16), read16(packet, 4),
                   static_cast<std::uint8_t>(byteAt(packet, 9))};
+    const auto isOld = [&](const Key& each) {
+        return time.seconds - packets_.at(each).since > kSeconds;
+    };
+    while (!byAge_.empty() && isOld(byAge_.front()))
+        giveUp(byAge_.begin());
+    if (packets_.count(key) != 0 && isOld(key))
+        giveUp(std::find(byAge_.begin(), byAge_.end(), key));
     auto place = packets_.find(key);
-    if (place != packets_.end() && time.seconds - place->second.since > kSeconds) {
-        byAge_.erase(std::find(byAge_.begin(), byAge_.end(), key));
-        packets_.erase(place);
-        place = packets_.end();
-    }
     if (place == packets_.end()) {
-        if (packets_.size() >= kMostPackets) {
-            packets_.erase(byAge_.front());
-            byAge_.pop_front();
-        }
+        if (packets_.size() >= kMostPackets)
+            giveUp(byAge_.begin());
         place = packets_.try_emplace(key).first;
         place->second.since = time.seconds;
         place->second.missing.push_back({0, kMostData});

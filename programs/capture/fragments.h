@@ -30,6 +30,11 @@ public:
     /// Whether a packet of 20 bytes at least is a fragment.
     static bool isFragment(std::string_view packet);
 
+    /// Packets that were given up.
+    std::uint64_t givenUp() const { return givenUp_; }
+    /// Packets that are not whole yet.
+    std::size_t unfinished() const { return packets_.size(); }
+
 private:
     struct Range {
         std::uint32_t begin;
@@ -45,11 +50,13 @@ private:
     // Source and destination, identification, protocol.
     using Key = std::tuple<std::uint32_t, std::uint32_t, std::uint16_t, std::uint8_t>;
 
+    void giveUp(std::deque<Key>::iterator place);
     static void fill(Unfinished& packet, std::uint32_t begin, std::string_view bytes);
 
     std::map<Key, Unfinished> packets_;
     std::deque<Key> byAge_;
     std::string whole_;
+    std::uint64_t givenUp_ = 0;
 };
 
 }  // namespace kp::capture

@@ -13,6 +13,8 @@
 #include <exception>
 #include <stdexcept>
 
+#include "log_line.h"
+
 namespace kp::capture {
 
 namespace {
@@ -69,9 +71,9 @@ public:
         try {
             serve();
         } catch (const std::exception& error) {
-            KP_Log::ret("kp-capture: a client was dropped: %s", error.what());
+            logLine(std::string("a client was dropped: ") + error.what());
         } catch (const KP_NoMoreMemoryException&) {
-            KP_Log::ret("kp-capture: a client was dropped: out of memory");
+            logLine("a client was dropped: out of memory");
         }
         sayGoodbye();
         setContinue(0);
@@ -132,7 +134,7 @@ private:
             owner_.succeeded(address_);
             return answer(true);
         }
-        KP_Log::ret("kp-capture: a client at %s was refused", textOf(address_).c_str());
+        logLine("a client at " + textOf(address_) + " was refused");
         const std::chrono::milliseconds delay = owner_.failed(address_);
         extend(delay);
         if (owner_.pause(delay))
@@ -148,12 +150,13 @@ private:
             answer(false);
             return false;
         }
-        refusal_ = owner_.config_.change(wanted);
+        refusal_ = owner_.config_.change(wanted, textOf(address_));
         return answer(refusal_.empty());
     }
 
     bool getStatus() {
         Status status = owner_.status_();
+        status.emplace_back("client_address", textOf(address_));
         if (!refusal_.empty())
             status.emplace_back("refusal", refusal_);
         bool isGood =

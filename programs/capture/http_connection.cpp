@@ -52,9 +52,9 @@ void HttpConnection::missing(Side side, std::uint64_t count) {
     if (!sender.missing(count))
         return;
     // Who is the client may not be known yet: then either may have been lost.
-    if (!isKindKnown_ || side == client_)
+    if (!isHttp_ || side == client_)
         pairing_.requestsLost(from, count);
-    if (!isKindKnown_ || side != client_)
+    if (!isHttp_ || side != client_)
         pairing_.answersLost(headFrom, count + (from ? *from - *headFrom : 0));
 }
 
@@ -70,17 +70,21 @@ void HttpConnection::ended(Side side) {
 void HttpConnection::closed() {
     first_.finish();
     second_.finish();
+    if (!isHttp_ && !isNotHttp_)
+        sink_.notHttp();  // it was joined in its middle, and nobody could tell before
     pairing_.giveUp();
 }
 
 void HttpConnection::kindFound(MessageKind kind) {
+    isHttp_ = true;
     const bool isClient = kind == MessageKind::kRequest;
     client_ = isClient ? reading_ : otherSide(reading_);
-    isKindKnown_ = true;
     parser(otherSide(reading_)).expect(isClient ? MessageKind::kResponse : MessageKind::kRequest);
 }
 
 void HttpConnection::notHttp() {
+    isNotHttp_ = true;
+    sink_.notHttp();
     leaveHttp();
 }
 

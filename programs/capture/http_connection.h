@@ -57,7 +57,8 @@ private:
     HttpParser second_;
     Side reading_ = Side::kFirst;  // whose bytes are being read
     Side client_ = Side::kFirst;   // valid once a kind was found
-    bool isKindKnown_ = false;
+    bool isHttp_ = false;          // a kind was found
+    bool isNotHttp_ = false;
     bool isAloneWanted_;
     bool isAnswering_ = false;  // the answer to answered_ is being read
     std::unique_ptr<Transaction> answered_;

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "live_config.h"
+#include "log_line.h"
 
 namespace kp::capture {
 
@@ -77,6 +78,7 @@ void reportExit() {
             reason = "cannot open the log " + state.logPath;
             break;
         case Stage::kConfiguration: {
+            endLogLine();  // the library's last words do not
             reason = writtenToLog();
             const bool isGeneralFile = reason.find("readGeneralConfigFile") != std::string::npos ||
                                        reason.find(generalFile(state.name)) != std::string::npos;
@@ -137,6 +139,7 @@ EnginePointer startInstallation(const std::string& directory, const std::string&
     EnginePointer engine(new KP_EngineMgr(isVerbose ? 2 : 1, arguments, nullptr, nullptr));
     if (!engine)
         throw InstallationError("out of memory");
+    endLogLine();  // of an engine that was killed, or of another program of this name
 
     state.stage = Stage::kConfiguration;
     for (KP_Config* config : {engine->getConfigAdmin(), engine->getConfig()}) {

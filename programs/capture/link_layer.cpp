@@ -54,6 +54,10 @@ bool isKnownLink(int linkType) {
     }
 }
 
+bool hasTag(int linkType, std::string_view frame) {
+    return linkType == DLT_EN10MB && frame.size() >= 14 && isTag(read16(frame, 12));
+}
+
 std::string_view ipv4Packet(int linkType, std::string_view frame) {
     std::string_view packet;
     switch (linkType) {

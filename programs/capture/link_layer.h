@@ -13,6 +13,9 @@ constexpr bool isTag(unsigned type) {
     return type == 0x8100 || type == 0x88a8 || type == 0x9100;
 }
 
+/// Whether a frame has a VLAN tag.
+bool hasTag(int linkType, std::string_view frame);
+
 /// The IPv4 packet in @p frame, from its header on; empty when the frame carries none.
 ///
 /// Known links: Ethernet with any number of VLAN tags (802.1Q, 802.1ad, 0x9100), Linux cooked

@@ -3,17 +3,22 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "config_changes.h"
+#include "installation_file.h"
+#include "log_line.h"
 #include "packet_source.h"
 
 namespace kp::capture {
@@ -21,6 +26,8 @@ namespace kp::capture {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr unsigned kDefaultPort = 8189;
 
 // A text of the general file stands on a line of its own.
 std::string textFault(const char* what, const char* text, bool mayBeEmpty) {
@@ -91,6 +98,10 @@ std::string keptFile(const std::string& name) {
     return generalFile(name) + ".last";
 }
 
+std::string installationFile(const std::string& name) {
+    return std::string(KP_Tools::getInstallDir()) + "/admin/" + name + "Install.cfg";
+}
+
 LiveConfig::LiveConfig(KP_ConfigAdmin& config, std::function<void()> changed)
     : config_(config),
       changed_(std::move(changed)),
@@ -135,12 +146,15 @@ std::string LiveConfig::refusal(const KP_ConfigAdmin& wanted) const {
     return PacketSource::filterFault(wanted.filterProgram, linkType_);
 }
 
-std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
+std::string LiveConfig::change(const KP_ConfigAdmin& wanted, const std::string& client) {
     const std::lock_guard<std::mutex> one(changing_);
     std::string reason = refusal(wanted);
     if (!reason.empty())
         return reason;
     auto next = std::make_shared<KP_ConfigAdmin>(wanted);
+    // They do not travel, and may have been read again since the client's copy was made.
+    next->numOfIPRanges = config_.numOfIPRanges;
+    std::copy(std::begin(config_.ipRanges), std::end(config_.ipRanges), next->ipRanges);
     for (int i = 0; i < next->numOfNets; ++i)
         next->netAddress[i] = next->exampleAddress[i] & next->maskAddress[i];
 
@@ -171,14 +185,65 @@ std::string LiveConfig::change(const KP_ConfigAdmin& wanted) {
         fs::remove(beside, error);
         return fault;
     }
+    const std::string changes = changesBetween(config_, *next);
+    putInForce(next);
+    logLine("a client at " + client + " has changed the configuration: " + changes);
+    return "";
+}
+
+void LiveConfig::putInForce(const std::shared_ptr<KP_ConfigAdmin>& next) {
     config_ = *next;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         current_ = next;
     }
     changed_();
-    KP_Log::ret("kp-capture: a client has changed the configuration");
-    return "";
+}
+
+// Returns what is to be told. Of the other keys a changed one cannot be put in force while the
+// engine runs; whoever changed it shall not believe so.
+std::string LiveConfig::takeRanges() {
+    const InstallationFile file = readInstallationFile(installationFile(config_.name));
+    auto next = std::make_shared<KP_ConfigAdmin>(config_);
+    next->numOfIPRanges = static_cast<std::uint16_t>(file.ranges.size());
+    std::copy(file.ranges.begin(), file.ranges.end(), next->ipRanges);
+    const std::string changes = changesBetween(config_, *next);
+    putInForce(next);
+    std::string text = "the installation file was read again: " + changes;
+    if (file.ranges.empty())
+        text += "; no address ranges are configured, nothing is watched";
+    const std::string directory = file.databaseDir == "default"
+                                      ? KP_Tools::getInstallDir() + std::string("/db")
+                                      : file.databaseDir;
+    const std::string port = file.port == "default" ? std::to_string(kDefaultPort) : file.port;
+    const std::string device = file.device == "default" ? "" : file.device;
+    if (device != config_.device || directory != config_.databaseDir ||
+        std::stoul(port) != config_.connectionPort)
+        text += "; device, port and dbpath are taken at the next start";
+    return text;
+}
+
+void LiveConfig::reload() {
+    std::string text;
+    {
+        const std::lock_guard<std::mutex> one(changing_);
+        try {
+            text = takeRanges();
+        } catch (const std::exception& error) {
+            text = std::string("the installation file is refused, nothing has changed: ") +
+                   error.what();
+        } catch (const KP_NoMoreMemoryException&) {
+            text = "the installation file is refused, nothing has changed: out of memory";
+        }
+    }
+    logLine(text);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    reloaded_ = text;
+}
+
+std::string LiveConfig::reloaded() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return reloaded_;
 }
 
 }  // namespace kp::capture

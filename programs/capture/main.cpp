@@ -8,6 +8,7 @@
 #include "engine.h"
 #include "installation.h"
 #include "options.h"
+#include "signals.h"
 
 namespace kp::capture {
 namespace {
@@ -31,6 +32,7 @@ const char* warningWithoutRanges(const Options& options) {
 }
 
 int run(const Options& options) {
+    holdSignals();
     fillStandardStreams();
     const EnginePointer engine =
         startInstallation(options.directory, options.name, options.verbose);

@@ -26,7 +26,12 @@ page has the status 200 to 203 or 304. An entry point is content that was not re
 the same site: there is no Referer, or the Referer does not contain the Host. Tabs, line ends, backslashes and bytes that are not
 printable ASCII are written as \xHH.
 
-Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line.)";
+Signals: SIGINT, SIGTERM and SIGQUIT end the engine in order, a second one at once; SIGHUP opens the
+log anew and reads the ranges of the installation file again; others do nothing.
+
+Exit status: 0 done (also when a signal ended it), 1 failed, 2 wrong command line, 3 done with
+losses: the system or the interface dropped packets, transactions were not recorded, or the device
+was missing or down for a while.)";
 
 std::string checkName(const std::string& name) {
     if (name.empty() || name.size() > 100 || name.find_first_of("/\\.") != std::string::npos) {
@@ -61,6 +66,22 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
         ->check(checkNotEmpty)
         ->excludes(replay)
         ->type_name("DEV");
+    app.add_flag("--wait", options.wait, "Wait for a device that is missing or down at the start")
+        ->excludes(replay);
+    app.add_option("--buffer", options.buffer,
+                   "MiB of packets that the system keeps for us while we are busy;\n"
+                   "what does not fit is dropped and counted")
+        ->check(CLI::Range(1, 2047))
+        ->excludes(replay)
+        ->capture_default_str()
+        ->type_name("MIB");
+    app.add_option("--readers", options.readers,
+                   "Threads that read packets from the device. The system deals out\n"
+                   "whole connections to them; the buffer is divided among them")
+        ->check(CLI::Range(1, 64))
+        ->excludes(replay)
+        ->capture_default_str()
+        ->type_name("N");
     app.add_option("--threads", options.threads, "Threads that follow connections and read HTTP")
         ->check(CLI::Range(1, 64))
         ->capture_default_str()

@@ -12,6 +12,9 @@ struct Options {
     std::string name = "kp-capture";
     std::string replay;  ///< file to read, "-" for standard input; empty: none
     std::string device;  ///< empty: the configured one
+    unsigned readers = 1;
+    unsigned buffer = 64;  ///< MiB
+    bool wait = false;
     unsigned threads = 1;
     /// When the first packet of a replay is to arrive, in seconds since 1970.
     std::optional<std::int64_t> start;

@@ -47,10 +47,11 @@ std::string Faults::first() const {
     return first_;
 }
 
-Parser::Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, RowQueue& output,
-               Faults& faults)
+// Of the batches that there are, kRounds may wait, one is worked off, and each reader fills one.
+Parser::Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, std::size_t readers,
+               RowQueue& output, Faults& faults)
     : input_(kRounds),
-      emptied_(2 * kRounds),
+      emptied_(kRounds + 1 + readers),
       output_(output),
       faults_(faults),
       answersAlone_(answersAlone),
@@ -73,12 +74,13 @@ void Parser::transaction(Transaction&& transaction) {
     made_.rows.push_back({number_, isClosing_, std::move(transaction)});
 }
 
-void Parser::work(const Batch& batch) {
+void Parser::work(Batch& batch) {
     auto expiry = batch.expiries.begin();
     for (std::size_t place = 0; place < batch.segments.size(); ++place) {
         for (; expiry != batch.expiries.end() && expiry->place == place; ++expiry)
             expire(*expiry);
-        const Segment& segment = batch.segments[place];
+        Segment& segment = batch.segments[place];
+        segment.clock = clock_ = std::max(clock_, segment.clock);
         number_ = segment.number;
         follower_.segment(segment);
     }
@@ -95,7 +97,7 @@ void Parser::work(const Batch& batch) {
 void Parser::expire(const Batch::Expiry& expiry) {
     isClosing_ = true;
     number_ = expiry.number;
-    follower_.expire(expiry.time);
+    follower_.expire(std::max(clock_, expiry.time));
     isClosing_ = false;
 }
 
@@ -115,6 +117,7 @@ int Parser::doTask() {
     made_.open = follower_.open();
     made_.givenUp = follower_.givenUp();
     made_.missing = follower_.missingBytes();
+    made_.notHttp = notHttp_;
     made_.isLast = batch->isLast;
     if (batch->isLast)
         setContinue(0);
@@ -127,8 +130,8 @@ int Parser::doTask() {
     return 0;
 }
 
-Dispatcher::Dispatcher(const std::vector<Parser*>& parsers)
-    : parsers_(parsers), batches_(parsers.size()) {
+Dispatcher::Dispatcher(const std::vector<Parser*>& parsers, std::mutex& sending)
+    : parsers_(parsers), sending_(sending), batches_(parsers.size()) {
     for (std::unique_ptr<Batch>& batch : batches_)
         batch = std::make_unique<Batch>();
 }
@@ -179,6 +182,7 @@ std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
 }
 
 void Dispatcher::send(bool isLast) {
+    const std::lock_guard<std::mutex> lock(sending_);
     for (std::size_t i = 0; i < parsers_.size(); ++i) {
         Batch& batch = *batches_[i];
         batch.lastNumber = number_;
@@ -217,6 +221,7 @@ void Output::writeRound() {
     std::size_t open = 0;
     std::uint64_t givenUp = 0;
     std::uint64_t missing = 0;
+    std::uint64_t notHttp = 0;
     for (RowBatch& part : parts) {
         for (Row& row : part.rows)
             round.push_back(&row);
@@ -224,6 +229,7 @@ void Output::writeRound() {
         open += part.open;
         givenUp += part.givenUp;
         missing += part.missing;
+        notHttp += part.notHttp;
         sawLast_ = part.isLast;
     }
     // A connection is one parser's, and its own rows stand in their order already.
@@ -240,6 +246,7 @@ void Output::writeRound() {
     open_ = open;
     givenUp_ = givenUp;
     missing_ = missing;
+    notHttp_ = notHttp;
     if (sawLast_)
         idle_(true);
 }

@@ -2,9 +2,10 @@
 //
 //   reader --batches--> parser 0..N-1 --rows--> output
 //
-// The reader cuts the capture into rounds. Of every round each parser gets the segments of its
+// A reader cuts the capture into rounds. Of every round each parser gets the segments of its
 // connections, and the output puts the rows of all parsers in the order of the packets that
-// completed them: what comes out does not depend on the number of parsers.
+// completed them: what comes out does not depend on the number of parsers. Of several readers each
+// has rounds of its own.
 #pragma once
 
 #include <atomic>
@@ -68,6 +69,7 @@ struct RowBatch {
     std::size_t open = 0;           // of them, kept now
     std::uint64_t givenUp = 0;      // of them, because of the memory
     std::uint64_t missing = 0;      // bytes that were never captured
+    std::uint64_t notHttp = 0;      // connections with something else, so far
     bool isLast = false;
 };
 
@@ -92,9 +94,9 @@ private:
 class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
 public:
     /// @p memoryLimit: bytes that its connections may use. @p answersAlone: answers without a
-    /// request become rows.
-    Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, RowQueue& output,
-           Faults& faults);
+    /// request become rows. @p readers: dispatchers that feed it.
+    Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, std::size_t readers,
+           RowQueue& output, Faults& faults);
     ~Parser() override;
 
     BatchQueue& input() { return input_; }
@@ -107,7 +109,8 @@ private:
     std::unique_ptr<ConnectionSink> opened(Endpoint first, Endpoint second, bool fromStart,
                                            std::uint64_t number) override;
     void transaction(Transaction&& transaction) override;
-    void work(const Batch& batch);
+    void notHttp() override { ++notHttp_; }
+    void work(Batch& batch);
     void expire(const Batch::Expiry& expiry);
 
     BatchQueue input_;
@@ -118,15 +121,19 @@ private:
     StreamFollower follower_;
     RowBatch made_;
     std::uint64_t number_ = 0;  // of the packet that is being read
+    CaptureTime clock_ = 0;     // readers may differ a little
     bool isClosing_ = false;
+    std::uint64_t notHttp_ = 0;
 };
 
 /// Hands segments to the parsers, in rounds.
 ///
-/// Threads: the reader's alone.
+/// Threads: the reader's alone. Each of several readers has its own.
 class Dispatcher {
 public:
-    explicit Dispatcher(const std::vector<Parser*>& parsers);
+    /// @p sending: shared by the dispatchers of all readers, so that every parser gets the rounds in
+    /// the same order.
+    Dispatcher(const std::vector<Parser*>& parsers, std::mutex& sending);
 
     /// Takes the next segment; waits while its parser has enough to do.
     void segment(const Segment& segment);
@@ -146,6 +153,7 @@ private:
     std::unique_ptr<Batch> emptyBatch(std::size_t parser);
 
     const std::vector<Parser*>& parsers_;
+    std::mutex& sending_;
     std::vector<std::unique_ptr<Batch>> batches_;
     std::uint64_t number_ = 0;
     CaptureTime clock_ = 0;
@@ -171,6 +179,7 @@ public:
     std::size_t openConnections() const { return open_; }
     std::uint64_t givenUp() const { return givenUp_; }
     std::uint64_t missingBytes() const { return missing_; }
+    std::uint64_t notHttp() const { return notHttp_; }
     /// Waits until everything was written.
     void waitUntilFinished();
 
@@ -191,6 +200,7 @@ private:
     std::atomic<std::size_t> open_{0};
     std::atomic<std::uint64_t> givenUp_{0};
     std::atomic<std::uint64_t> missing_{0};
+    std::atomic<std::uint64_t> notHttp_{0};
     std::atomic<bool> isFinished_{false};
     std::mutex mutex_;
     std::condition_variable finished_;

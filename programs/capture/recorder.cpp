@@ -19,7 +19,6 @@ namespace {
 using records::Day;
 
 constexpr std::chrono::milliseconds kCommitPeriod{400};
-constexpr std::chrono::seconds kTellingPeriod{10};
 constexpr std::chrono::minutes kTidyPeriod{1};
 constexpr int kTurn = 100;  // milliseconds
 // The most bytes that wait to be written. A replay waits while its queue is full, so it needs no
@@ -128,7 +127,6 @@ int Recorder::doTask() {
         closeDays();
     if (tidyAgain_ && Clock::now() >= *tidyAgain_)
         tidy();
-    tellLosses();
     if (isToSettle) {
         {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -176,17 +174,6 @@ void Recorder::recovered(const Day& day) {
 void Recorder::setFault(const std::string& why) {
     const std::lock_guard<std::mutex> lock(mutex_);
     fault_ = why;
-}
-
-// Losses go to the log when they grow, and not for every transaction.
-void Recorder::tellLosses() {
-    const std::uint64_t lost = lost_;
-    if (lost == toldLost_ || Clock::now() - toldAt_ < kTellingPeriod)
-        return;
-    KP_Log::ret("kp-capture: %llu transactions were not recorded",
-                static_cast<unsigned long long>(lost - toldLost_));
-    toldLost_ = lost;
-    toldAt_ = Clock::now();
 }
 
 void Recorder::takeDirectory() {

@@ -121,7 +121,6 @@ private:
     void fail(const records::Day& day, const std::string& why);
     void recovered(const records::Day& day);
     void setFault(const std::string& why);
-    void tellLosses();
 
     const Settings settings_;
     std::unique_ptr<std::FILE, CloseFile> lockFile_;
@@ -151,8 +150,6 @@ private:
     std::optional<Clock::time_point> tidyAgain_;
     // When the first row that is not committed was written.
     std::optional<Clock::time_point> begun_;
-    std::uint64_t toldLost_ = 0;
-    Clock::time_point toldAt_;
 };
 
 }  // namespace kp::capture

@@ -20,24 +20,41 @@ std::uint64_t number(Endpoint end) {
 
 }  // namespace
 
+std::string_view SegmentReader::wholePacket(std::string_view packet, Timestamp time) {
+    const std::uint64_t before = fragments_.givenUp();
+    packet = fragments_.add(packet, time);
+    if (fragments_.givenUp() != before)
+        unread_.addFragments(fragments_.givenUp() - before);
+    return packet;
+}
+
 bool SegmentReader::read(int linkType, std::string_view frame, Timestamp time, Segment& segment) {
+    if (hasTag(linkType, frame))
+        unread_.sawTag();
     std::string_view packet = ipv4Packet(linkType, frame);
-    if (packet.size() < kSmallestHeader || byteAt(packet, 9) != kProtocolTcp)
-        return false;
-    if (Fragments::isFragment(packet))
-        packet = fragments_.add(packet, time);
+    if (packet.empty())
+        return fail(UnreadPackets::kNotIPv4);
+    if (packet.size() < kSmallestHeader)
+        return fail(UnreadPackets::kTruncated);
+    if (byteAt(packet, 9) != kProtocolTcp)
+        return fail(UnreadPackets::kNotTcp);
+    if (Fragments::isFragment(packet)) {
+        packet = wholePacket(packet, time);
+        if (packet.empty())
+            return false;
+    }
     if (packet.size() < 2 * kSmallestHeader)
-        return false;
+        return fail(UnreadPackets::kTruncated);
     const std::size_t ipSize = std::size_t{byteAt(packet, 0) & 15} * 4;
     if (ipSize < kSmallestHeader || packet.size() < ipSize + kSmallestHeader)
-        return false;
+        return fail(UnreadPackets::kTruncated);
     const std::string_view tcp = packet.substr(ipSize);
     const std::size_t tcpSize = std::size_t{byteAt(tcp, 12) >> 4} * 4;
     // A length of 0 comes from network cards that cut large segments for the system.
     const std::size_t total = read16(packet, 2);
     const std::size_t size = total != 0 ? std::min(total, packet.size()) : packet.size();
     if (tcpSize < kSmallestHeader || size < ipSize + tcpSize)
-        return false;
+        return fail(UnreadPackets::kTruncated);
     segment.time = time;
     segment.source = {read32(packet, 12), read16(tcp, 0)};
     segment.destination = {read32(packet, 16), read16(tcp, 2)};

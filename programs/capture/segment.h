@@ -6,6 +6,7 @@
 
 #include "fragments.h"
 #include "traffic.h"
+#include "unread.h"
 
 namespace kp::capture {
 
@@ -38,7 +39,18 @@ public:
     /// time is that of the last one.
     bool read(int linkType, std::string_view frame, Timestamp time, Segment& segment);
 
+    /// What it could not read. At the end, finish() also counts what will never be whole.
+    const UnreadPackets& unread() const { return unread_; }
+    void finish() { unread_.addFragments(fragments_.unfinished()); }
+
 private:
+    std::string_view wholePacket(std::string_view packet, Timestamp time);
+    bool fail(UnreadPackets::Reason reason) {
+        unread_.add(reason);
+        return false;
+    }
+
+    UnreadPackets unread_;
     Fragments fragments_;
 };
 

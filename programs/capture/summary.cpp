@@ -58,6 +58,7 @@ std::vector<std::pair<std::string, std::string>> Summary::status() const {
             {"bytes", std::to_string(bytes_)},
             {"filtered_out", std::to_string(filteredOut_)},
             {"dropped", std::to_string(dropped_)},
+            {"interface_dropped", std::to_string(interfaceDropped_)},
             {"connections", std::to_string(connections_)},
             {"transactions", std::to_string(seen_.all)},
             {"transactions_in_ranges", std::to_string(watched_.all)},
@@ -83,9 +84,13 @@ std::string Summary::text() const {
         text += " (" + std::to_string(filteredOut_) + " more filtered out)";
     if (dropped_ != 0)
         text += " (" + std::to_string(dropped_) + " more dropped by the system)";
+    if (interfaceDropped_ != 0)
+        text += " (" + std::to_string(interfaceDropped_) + " more dropped by the interface)";
     text += "\nbytes        " + std::to_string(bytes_);
     if (missingBytes_ != 0)
         text += " (" + std::to_string(missingBytes_) + " bytes of connections are missing)";
+    if (!unread_.empty())
+        text += "\nnot read     " + unread_;
     text += "\nconnections  " + std::to_string(connections_);
     if (givenUp_ != 0)
         text += " (" + std::to_string(givenUp_) + " given up because of the memory limit)";

@@ -12,22 +12,22 @@
 #include <vector>
 
 #include "judgement.h"
+#include "losses.h"
 #include "transaction.h"
 
 namespace kp::capture {
 
 /// Counts packets, connections and transactions, these in all and inside the watched ranges.
 ///
-/// Threads: one adds packets, one adds transactions, any may ask.
+/// Threads: any add packets, one adds transactions, any may ask.
 class Summary {
 public:
     /// The seconds count from here.
     Summary();
 
-    void addPacket(std::size_t bytes) {
-        // One thread adds, so nothing is lost between the two halves.
-        packets_.store(packets_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        bytes_.store(bytes_.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+    void addPackets(std::uint64_t packets, std::uint64_t bytes) {
+        packets_ += packets;
+        bytes_ += bytes;
     }
     void addTransaction(const Transaction& transaction, const Judgement& judgement);
     void setConnections(std::uint64_t connections) { connections_ = connections; }
@@ -44,7 +44,15 @@ public:
         notRecorded_ = lost;
     }
     void setFilteredOut(std::uint64_t packets) { filteredOut_ = packets; }
-    void setDropped(std::uint64_t packets) { dropped_ = packets; }
+    void addDropped(std::uint64_t packets) { dropped_ += packets; }
+    void setInterfaceDropped(std::uint64_t packets) { interfaceDropped_ = packets; }
+    /// What of the losses it knows: packets.
+    Lost droppedPackets() const { return {dropped_, interfaceDropped_, 0, 0}; }
+    /// What was not understood, in words.
+    void setUnread(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        unread_ = text;
+    }
 
     /// A progress line without its line end; @p done is 0 to 1, negative when it is not known.
     std::string progressLine(double done) const;
@@ -79,9 +87,11 @@ private:
     std::atomic<std::uint64_t> notRecorded_{0};
     std::atomic<std::uint64_t> filteredOut_{0};
     std::atomic<std::uint64_t> dropped_{0};
+    std::atomic<std::uint64_t> interfaceDropped_{0};
     mutable std::mutex mutex_;  // guards the rest
     Counts seen_;
     Counts watched_;
+    std::string unread_;
 };
 
 /// Shows a line on a terminal that is overwritten again and again, at most ten times a second.

@@ -33,6 +33,8 @@ class TransactionSink {
 public:
     virtual ~TransactionSink() = default;
     virtual void transaction(Transaction&& transaction) = 0;
+    /// Says that a connection carried data, and no HTTP; at most once for each.
+    virtual void notHttp() {}
 };
 
 }  // namespace kp::capture

@@ -40,7 +40,8 @@ void addOptions(CLI::App& app, kp::configure::Plan& plan, std::string& passwordF
         ->type_name("TYPE=EXT");
     app.add_option("--network", plan.networks,
                    "Network from which administration is allowed, ADDRESS/MASK or\n"
-                   "ADDRESS/BITS; repeatable, at most 5 (default: from everywhere)")
+                   "ADDRESS/BITS; repeatable, at most 5 (default: from this machine,\n"
+                   "127.0.0.0/8; 0.0.0.0/0 is from everywhere)")
         ->allow_extra_args(false)
         ->type_name("NETWORK");
     app.add_option("--password-file", passwordFile,
@@ -72,10 +73,16 @@ int run(kp::configure::Plan& plan, const std::string& passwordFile) {
     plan.password = passwordFile.empty()
                         ? kp::programs::askPassword("Password of the administrator", true)
                         : kp::programs::passwordFromFile(passwordFile);
+    const bool isLoopbackOnly = plan.networks.empty();
+    if (isLoopbackOnly)
+        plan.networks = {"127.0.0.0/8"};
     KP_Config config;
     kp::configure::apply(plan, config);
     for (const std::string& path : kp::configure::writeInstallation(plan, config)) {
         std::cout << "wrote " << path << "\n";
+    }
+    if (isLoopbackOnly) {
+        std::cout << "note: no --network was given, so only this machine may administer\n";
     }
     if (plan.ranges.empty()) {
         std::cout << "note: no --range was given, so nothing will be watched\n";

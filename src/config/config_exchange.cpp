@@ -91,9 +91,11 @@ int receiveField(int socket, char (&field)[Size]) {
 
 int receiveNumber(int socket, std::uint32_t* number) {
     unsigned long value = 0;
-    const int result = readJ_UInt32(socket, &value);
+    if (readJ_UInt32(socket, &value) != 0) {
+        return -1;  // What did not come changes nothing.
+    }
     *number = static_cast<std::uint32_t>(value);
-    return result;
+    return 0;
 }
 
 int receiveMimeType(int socket, MimeType& mime) {

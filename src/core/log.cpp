@@ -17,6 +17,7 @@ constexpr std::size_t kLineSize = 1024;
 
 struct LogState {
     char* name = nullptr;
+    char* path = nullptr;
     int level = 0;
     KP_ExitHandler* handler = nullptr;
     std::FILE* file = nullptr;
@@ -81,14 +82,29 @@ void KP_Log::init(const char* name, int level, KP_ExitHandler* handler) {
     if (state.file == nullptr) {
         quit("init: %s can't open log file", path);
     }
+    state.path = KP_Tools::strdup(path);
     state.level = level;
     state.handler = handler;
     kp::platform::setSignalLog(state.file);
 }
 
+int KP_Log::reopen() {
+    if (state.file == nullptr || state.path == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    if (!kp::platform::reopenLog(state.file, state.path)) {
+        return -1;
+    }
+    kp::platform::setSignalLog(state.file);
+    return 0;
+}
+
 int KP_Log::reset() {
     std::free(state.name);
     state.name = nullptr;
+    std::free(state.path);
+    state.path = nullptr;
     state.level = 0;
     state.handler = nullptr;
     if (state.file != nullptr) {

@@ -38,6 +38,9 @@ bool isDirectory(const char* path);
 /// fopen() with the file closed in programs that this process starts; null with errno on failure. A
 /// directory is refused with EISDIR.
 std::FILE* openFile(const char* path, const char* mode);
+/// Makes a file that was opened with "a+" the one that is now at @p path, created if there is none.
+/// Writes of other threads go to the old one or the new one. False with errno: it stays the old one.
+bool reopenLog(std::FILE* file, const char* path);
 /// openFile() for configuration files: a file that it creates is its owner's alone.
 std::FILE* openConfigurationFile(const char* path, const char* mode);
 /// Writes the folder of the running program's file to @p folder; false, with an empty folder, when

@@ -57,6 +57,21 @@ std::FILE* openFile(const char* path, const char* mode) {
     return std::fopen(path, closing);
 }
 
+// The descriptor keeps its number and only points elsewhere: whoever writes at this moment has it.
+bool reopenLog(std::FILE* file, const char* path) {
+    const int fresh = ::open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fresh < 0) {
+        return false;
+    }
+    ::flockfile(file);
+    const bool isGood = ::dup3(fresh, ::fileno(file), O_CLOEXEC) >= 0;
+    ::funlockfile(file);
+    const int kept = errno;
+    ::close(fresh);
+    errno = kept;
+    return isGood;
+}
+
 FileBytes::FileBytes(std::FILE* file) : file_(file) {
     ::flockfile(file);
 }

@@ -78,7 +78,9 @@ int KP_Event::waitAnnounced(std::uint32_t last, int milliseconds) {
             passedOn = bell;
             ring();
         }
-        inTime = kp::platform::waitWhileEqual(bell_, bell, milliseconds > 0 ? &deadline : nullptr);
+        inTime =
+            kp::platform::waitWhileEqual(bell_, bell, milliseconds > 0 ? &deadline : nullptr) &&
+            !kp::platform::isAbandonWanted();
     }
 }
 

@@ -72,11 +72,15 @@ struct KP_Thread::Loop {
         }
     }
     // Waits a limited time, and no longer when the waiting thread itself is to be ended by force;
-    // whether the loop has ended. The signal for that may come just before the sleep.
-    bool waitALittleForEnd() {
+    // whether the loop has ended. The signal for that may come just before the sleep, and so may the
+    // one with which this loop is ended: @p insists sends it again.
+    bool waitALittleForEnd(bool insists = false) {
         for (int slices = kForcedEndLimit / kLongestDeafness; !hasEnded(); --slices) {
             if (slices == 0 || kp::platform::isAbandonWanted()) {
                 return false;
+            }
+            if (insists) {
+                abandon();
             }
             const kp::platform::Deadline slice = kp::platform::deadlineIn(kLongestDeafness);
             while (!hasEnded() && !kp::platform::isAbandonWanted() &&
@@ -109,6 +113,7 @@ KP_Thread::KP_Thread(const KP_Thread& other)
 
 KP_Thread& KP_Thread::operator=(const KP_Thread& other) {
     if (this != &other) {
+        const kp::detail::Abandonable shield(false);
         const std::lock_guard<KP_Mutex> guard(*this);
         Loop* const last = currentLoop();
         if (last == nullptr || last->hasEnded()) {
@@ -121,8 +126,10 @@ KP_Thread& KP_Thread::operator=(const KP_Thread& other) {
 }
 
 void KP_Thread::copySettings(const KP_Thread& other) {
-    function_ = other.function_.load();
-    arg_ = other.arg_.load();
+    void (*function)(void*) = nullptr;
+    void* arg = nullptr;
+    other.getPair(&function, &arg);
+    setPair(function, arg);
     arg2_ = other.arg2_.load();
     iterationLimit_ = other.iterationLimit_.load();
     iterationCount_ = other.iterationCount_.load();
@@ -168,16 +175,8 @@ bool KP_Thread::isOwnLoop() {
 int KP_Thread::start(void (*function)(void*), void* arg) {
     {
         const kp::detail::Abandonable shield(false);
-        const Guard guard(loopLock_);
-        ++pairing_;
-        kp::platform::happensBefore(&arg_);
-        if (arg != nullptr) {
-            arg_ = arg;
-        }
-        if (function != nullptr) {
-            function_ = function;
-        }
-        ++pairing_;
+        setPair(function != nullptr ? function : function_.load(),
+                arg != nullptr ? arg : arg_.load());
     }
     return start();
 }
@@ -213,11 +212,12 @@ int KP_Thread::start() {
     }
     Loop* loop = new (memory) Loop(this);
     {
+        // At once, so that whoever ends a loop by force takes the handle of just that loop.
         const Guard exchange(loopLock_);
         Loop::drop(loop_.exchange(loop));
+        continue_ = 1;
+        handle_ = true;
     }
-    continue_ = 1;
-    handle_ = true;
     // The new thread's reference must exist before it does: the owner may release at any time.
     addRef();
     if (!kp::platform::startThread(enter, loop)) {
@@ -327,18 +327,31 @@ bool KP_Thread::isLoopOf(const Loop* loop) {
     return handle_ && loop_ == loop;
 }
 
-int KP_Thread::doTask() {
-    // Both of one start(). The argument first: whoever takes the work away clears the function
-    // before the argument.
-    void (*function)(void*) = nullptr;
-    void* arg = nullptr;
+void KP_Thread::setPair(void (*function)(void*), void* arg) {
+    const Guard guard(loopLock_);
+    kp::platform::happensBefore(&arg_);
+    ++pairing_;
+    arg_ = arg;
+    function_ = function;
+    ++pairing_;
+}
+
+// Both as they were set together. The argument first: whoever takes the work away clears the
+// function before the argument.
+void KP_Thread::getPair(void (**function)(void*), void** arg) const {
     std::uint32_t pairing = 0;
     do {
         pairing = pairing_;
-        arg = arg_;
-        function = function_;
+        *arg = arg_;
+        *function = function_;
     } while (pairing % 2 != 0 || pairing != pairing_);
     kp::platform::happensAfter(&arg_);
+}
+
+int KP_Thread::doTask() {
+    void (*function)(void*) = nullptr;
+    void* arg = nullptr;
+    getPair(&function, &arg);
     if (function != nullptr) {
         function(arg);
     }
@@ -350,6 +363,7 @@ int KP_Thread::joinSignal() {
 }
 
 int KP_Thread::setFunction(void (*function)(void*)) {
+    kp::platform::happensBefore(&arg_);
     function_ = function;
     return 0;
 }
@@ -361,12 +375,15 @@ int KP_Thread::setArg(void* arg) {
 }
 
 int KP_Thread::setArg2(void* arg2) {
+    kp::platform::happensBefore(&arg2_);
     arg2_ = arg2;
     return 0;
 }
 
 void* KP_Thread::getArg2() {
-    return arg2_;
+    void* const arg2 = arg2_;
+    kp::platform::happensAfter(&arg2_);
+    return arg2;
 }
 
 int KP_Thread::setSleepInterval(int seconds) {
@@ -398,8 +415,13 @@ int KP_Thread::stop() {
 }
 
 void KP_Thread::endByForce() {
-    Loop* loop = currentLoop();
-    const bool taken = loop != nullptr && handle_.exchange(false);
+    Loop* loop = nullptr;
+    bool taken = false;
+    {
+        const Guard guard(loopLock_);
+        loop = currentLoop();
+        taken = loop != nullptr && handle_.exchange(false);
+    }
     if (taken && loop->isCurrentThread()) {
         Loop::drop(loop);
         kp::platform::abandonWork(kp::platform::currentThread());  // As soon as it is allowed.
@@ -407,7 +429,7 @@ void KP_Thread::endByForce() {
     }
     if (taken) {
         loop->abandon();
-        loop->waitALittleForEnd();
+        loop->waitALittleForEnd(true);
     }
     Loop::drop(loop);
 }

@@ -21,48 +21,71 @@ KP_ThreadList::KP_ThreadList() {
 
 KP_ThreadList::KP_ThreadList(const KP_ThreadList& other)
     : KP_Object(other), KP_Mutex(other), KP_Runnable(other), KP_List<KP_Thread>(), isCopy_(true) {
-    const std::lock_guard<KP_Mutex> guard(const_cast<KP_ThreadList&>(other));
-    takeOver(other, copyLink);
-    for (KP_Thread* thread : elements()) {
-        if (thread != nullptr) {
-            thread->addRef();
+    if (!other.isPool_) {
+        const std::lock_guard<KP_Mutex> guard(const_cast<KP_ThreadList&>(other));
+        takeOver(other, copyLink);
+        for (KP_Thread* thread : elements()) {
+            if (thread != nullptr) {
+                thread->addRef();
+            }
         }
     }
     setOwner(1);
 }
 
 KP_ThreadList& KP_ThreadList::operator=(const KP_ThreadList& other) {
-    if (this != &other) {
+    // A pool takes nothing from the list that it is: KP_ThreadPool does it all.
+    if (this != &other && !isPool_) {
         KP_ThreadList copy(other);
-        endThreads();
+        KP_Link<KP_Thread>* const current = copy.getCurrentLink();
+        const int shared = endThreads(&copy);
+        clearRunning();
         const std::lock_guard<KP_Mutex> guard(*this);
+        isCopy_ = isCopy_ || shared < copy.getCount();
         std::swap(head_, copy.head_);
         std::swap(tail_, copy.tail_);
         std::swap(count_, copy.count_);
-        current_ = std::exchange(copy.current_, nullptr);
-        isCopy_ = true;
+        copy.current_ = nullptr;
+        current_ = current;
+        options_ = copy.options_;
     }
     return *this;
 }
 
 KP_ThreadList::~KP_ThreadList() {
-    endThreads();
+    if (!isCopy_) {
+        for (KP_Thread* thread : elements()) {
+            takeWork(thread);
+        }
+        KP_Tools::sleep(0);
+        KP_ThreadList::stop();
+    }
 }
 
-// Takes the work away from the threads and tells them to end, if they are this list's alone.
-void KP_ThreadList::endThreads() {
-    if (isCopy_) {
-        return;
+void KP_ThreadList::takeWork(KP_Thread* thread) {
+    if (thread != nullptr) {
+        thread->setFunction(nullptr);
+        thread->setArg(nullptr);
+        thread->setContinue(0);
     }
-    for (KP_Thread* thread : elements()) {
-        if (thread != nullptr) {
-            thread->setFunction(nullptr);
-            thread->setArg(nullptr);
-            thread->setContinue(0);
+}
+
+// Ends the threads as the destructor does, but for those that another list holds too; returns how
+// many these are. Moves the cursor of that list.
+int KP_ThreadList::endThreads(KP_ThreadList* others) {
+    int shared = 0;
+    int position = 0;
+    for (KP_Thread* thread = referenceTo(position); thread != nullptr;
+         thread = referenceTo(++position)) {
+        if (others->find(thread) != nullptr) {
+            ++shared;
+        } else if (!isCopy_) {
+            takeWork(thread);
+            thread->stop();
         }
+        thread->release();
     }
-    KP_Tools::sleep(0);
-    KP_ThreadList::stop();
+    return shared;
 }
 
 void KP_ThreadList::lock() {
@@ -71,6 +94,17 @@ void KP_ThreadList::lock() {
     if (held_++ == 0) {
         abandonableBefore_ = abandonable;
     }
+}
+
+bool KP_ThreadList::try_lock() {
+    const bool abandonable = kp::platform::setAbandonable(false);
+    const bool isTaken = KP_Mutex::try_lock();
+    if (isTaken && held_++ == 0) {
+        abandonableBefore_ = abandonable;
+    } else if (abandonable) {
+        kp::platform::setAbandonable(true);
+    }
+    return isTaken;
 }
 
 void KP_ThreadList::unlock() {
@@ -147,10 +181,14 @@ int KP_ThreadList::start() {
         changing_.lock();
     }
     if (running_ == 0 && barred_ == 0) {
-        for (KP_Thread* thread : elements()) {
-            if (thread != nullptr && thread->start() != 0) {
+        // Not under the list's lock: a start may wait for a loop that needs the list to end.
+        int position = 0;
+        for (KP_Thread* thread = referenceTo(position); thread != nullptr;
+             thread = referenceTo(++position)) {
+            if (thread->start() != 0) {
                 KP_Log::quit("KP_ThreadList::start: Error starting a thread");
             }
+            thread->release();
         }
         running_ = 1;
     }

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "kp/core/log.h"
+#include "kp/tools/tools.h"
 #include "threads/abandonable.h"
 
 namespace {
@@ -56,6 +57,7 @@ void KP_ThreadPool::Chain::releaseAll() {
 }
 
 KP_ThreadPool::KP_ThreadPool(int threads) : threads_(threads) {
+    isPool_ = true;
     for (int i = 0; i < threads; ++i) {
         KP_ThreadPool::addThread();
     }
@@ -69,6 +71,8 @@ KP_ThreadPool::KP_ThreadPool(const KP_ThreadPool& other)
       threads_(other.threads_),
       autoStop_(other.autoStop_.load()),
       autoStart_(other.autoStart_.load()) {
+    isPool_ = true;
+    isCopy_ = false;  // As a derived class may have made its list.
     for (int i = const_cast<KP_ThreadPool&>(other).getCount(); i > 0; --i) {
         KP_ThreadPool::addThread();
     }
@@ -129,7 +133,7 @@ int KP_ThreadPool::queue(KP_Task* task) {
         const ChainGuard guard(in_.lock);
         in_.append(task);
         added_.store(added_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        running = isRunning() != 0;
+        running = running_ != 0;
         waiting = work_.numWaiting() > 0;
         if (running && currentWorker_ != nullptr) {
             worker = currentWorker_;
@@ -226,13 +230,38 @@ KP_Task* KP_ThreadPool::take(KP_Thread* worker) {
     return task;
 }
 
-// Waits until there may be a task; false when the pool is to stop.
+// Gives back to the queue's front what a worker took that is to be ended before it has begun.
+void KP_ThreadPool::putBack(KP_Thread* worker, KP_Task* task) {
+    {
+        const ChainGuard guard(out_.lock);
+        task->next_ = out_.first;
+        out_.first = task;
+        if (out_.last == nullptr) {
+            out_.last = task;
+        }
+        worker->taskObject_ = nullptr;
+        worker->task_ = KP_Thread::kNoTask;
+    }
+    wakeWorker();
+}
+
+bool KP_ThreadPool::isMember(const KP_Thread* worker) {
+    for (const KP_Thread* each : elements()) {
+        if (each == worker) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Waits until there may be a task; false when the pool is to stop, or this worker.
 bool KP_ThreadPool::waitForTask() {
     const auto isTask = [this] {
         const ChainGuard guard(out_.lock);
         return fetch();
     };
-    while (isRunning() != 0) {
+    // What is broken off while it waits is broken off when it has returned.
+    while (isRunning() != 0 && !kp::platform::isAbandonWanted()) {
         const std::uint32_t added = added_.load(std::memory_order_relaxed);
         const auto isAdded = [&] { return added != added_.load(std::memory_order_relaxed); };
         if (!looking_.exchange(true)) {
@@ -256,7 +285,7 @@ bool KP_ThreadPool::waitForTask() {
         const int result = work_.waitAnnounced(last, limited ? kIdleLimit : 0);
         waking_.exchange(false);
         if (isTask()) {
-            return isRunning() != 0;
+            return isRunning() != 0 && !kp::platform::isAbandonWanted();
         }
         if (result != 0 && limited && !isAdded()) {
             stopThreads([this] { return endIdleRun(); });
@@ -297,14 +326,15 @@ int KP_ThreadPool::doTask(KP_Thread* worker) {
     }
     const kp::detail::Abandonable shield(false);
     worker->endTask();  // The last one may have been broken off.
-    if (worker
-            ->yields_) {  // Not one of the pool's own, on which joinSignal() would change nothing.
+    // Not one of the pool's own, on which joinSignal() would change nothing.
+    if (worker->yields_ && isMember(worker)) {
         const ChainGuard guard(in_.lock);
-        if (isRunning() != 0) {
+        if (running_ != 0) {
             currentWorker_ = worker;
         }
     }
     if (isRunning() == 0) {
+        KP_Tools::sleep(0);  // A worker that was started by itself asks again and again.
         return 0;
     }
     KP_Task* task = take(worker);
@@ -313,6 +343,10 @@ int KP_ThreadPool::doTask(KP_Thread* worker) {
             return 0;
         }
         task = take(worker);
+    }
+    if (kp::platform::isAbandonWanted()) {
+        putBack(worker, task);
+        return 0;
     }
     try {
         const kp::detail::Abandonable window(true);
@@ -394,6 +428,10 @@ int KP_ThreadPool::reset() {
     // given up waiting.
     ++barred_;
     KP_ThreadPool::stop();
+    for (int position = 0; KP_Thread* const worker = referenceTo(position); ++position) {
+        worker->stop();  // It may have been started by itself.
+        worker->release();
+    }
     join(nullptr, 0);
     for (int position = 0; KP_Thread* const worker = referenceTo(position); ++position) {
         worker->waitForLoop();

@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <iterator>
+#include <regex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "kp/core/exception.h"
 #include "kp/tools/tools.h"
@@ -117,6 +122,47 @@ TEST_F(LogTest, RetWritesTheLocalTimeAndLinesOfAnyLength) {
         KP_Log::ret("%s", text.c_str());
         EXPECT_EQ(site_.newLog(), "TIME - " + text + "\n");
     }
+}
+
+TEST_F(LogTest, ReopenedGoesOnInANewFileAndKeepsTheOldOneWhenThereIsNone) {
+    EXPECT_EQ(KP_Log::reopen(), -1);  // not open
+    site_.openLog(1);
+    constexpr int kThreads = 4;
+    constexpr int kLines = 400;
+    const std::string log = site_.path("logs/test.log");
+    std::atomic<int> writing{kThreads};
+    std::vector<std::thread> writers;
+    writers.reserve(kThreads);
+    for (int i = 0; i < kThreads; ++i) {
+        writers.emplace_back([&] {
+            for (int line = 0; line < kLines; ++line) {
+                KP_Log::ret("a line");
+            }
+            --writing;
+        });
+    }
+    int files = 0;
+    while (writing > 0 && files < 1000) {
+        std::filesystem::rename(log, log + "." + std::to_string(files++));
+        EXPECT_EQ(KP_Log::reopen(), 0);
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+    std::string all = site_.read("logs/test.log");
+    for (int i = 0; i < files; ++i) {
+        all += site_.read("logs/test.log." + std::to_string(i));
+    }
+    const std::regex line("[^\n]* - a line\n");
+    EXPECT_EQ(std::distance(std::sregex_iterator(all.begin(), all.end(), line), {}),
+              kThreads * kLines);
+    EXPECT_EQ(std::regex_replace(all, line, ""), "");
+
+    std::filesystem::rename(site_.path("logs"), site_.path("moved"));
+    EXPECT_EQ(KP_Log::reopen(), -1);
+    KP_Log::log("still here");
+    EXPECT_NE(site_.read("moved/test.log").find("still here"), std::string::npos);
+    std::filesystem::rename(site_.path("moved"), site_.path("logs"));
 }
 
 }  // namespace

@@ -28,6 +28,7 @@ using Arguments = std::vector<std::string>;
 const std::string kYes = "\0\1"s;
 const std::string kNo = "\0\0"s;
 const std::string kLogin = "root\nsecret\n";
+const std::string kLoopback = "network=127.0.0.0/255.0.0.0\n";
 const char* const kGeneralFile = "admin/kp-capture_prvt.cfg";
 
 // An engine that has read a stored capture and serves.
@@ -63,7 +64,8 @@ protected:
     }
     std::string emptyMessage() const {
         return bigEndian(1, 8) + "\n" + bigEndian(static_cast<unsigned>(port_.number()), 8) + "\n" +
-               bigEndian(7, 8) + bigEndian(0, 4) + "secret\n" + kNo + bigEndian(0, 4);
+               bigEndian(7, 8) + bigEndian(0, 4) + "secret\n" + kYes + bigEndian(1, 4) +
+               "127.0.0.0\n255.0.0.0\n";
     }
 
     kp::test::Installation site_;
@@ -156,7 +158,7 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
     serve();
     const Dialog ready(port_.number());
     const std::string port = "port=" + std::to_string(port_.number()) + "\n";
-    EXPECT_EQ(admin({"show"}).out, "device=\n" + port + "filter=\ndays=7\n");
+    EXPECT_EQ(admin({"show"}).out, "device=\n" + port + "filter=\ndays=7\n" + kLoopback);
     // As long as its field: 15 and 63 characters.
     const std::string longest = "mime=" + std::string(63, 't') + "=" + std::string(15, 'e');
     EXPECT_EQ(admin({"set", longest}).status, 0);
@@ -167,7 +169,8 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
     EXPECT_EQ(set.out, "");
     const std::string changed = "device=\n" + port +
                                 "filter=tcp\ndays=30\nmime=image/png=png\n"
-                                "mime=text/html=htm,html\nnetwork=127.0.0.0/255.0.0.0\n";
+                                "mime=text/html=htm,html\n" +
+                                kLoopback;
     EXPECT_EQ(admin({"show"}).out, changed);
 
     const struct {
@@ -184,6 +187,7 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
         {{"set", "days"}, 2, "KEY=VALUE"},
         {{"set", "days=1", "days=2"}, 2, "twice"},
         {{"set"}, 2, ""},
+        {{"set", "network=10.0.0.0/8"}, 1, "shut out this client, which the engine sees at 127.0."},
         {{}, 2, ""},
         {{"--user", "guest", "show"}, 1, "refused the user or the password"},
     };
@@ -208,6 +212,8 @@ TEST_F(FrontEndTest, AdminShowsAndChangesWhatTheEngineHas) {
     EXPECT_EQ(admin({"show"}).status, 1);
     site_.write("password", "other\n");
     EXPECT_EQ(admin({"show"}).out, "device=\n" + port + "filter=tcp\ndays=30\n");
+    EXPECT_EQ(admin({"set", "--force", "network=10.0.0.0/8"}).status, 0);
+    EXPECT_EQ(admin({"show"}).status, 3);
 }
 
 #ifndef KP_SANITIZED  // The sanitizers' own checks need descriptors.

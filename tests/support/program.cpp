@@ -75,8 +75,12 @@ long RunningProgram::memory() const {
     return 0;
 }
 
-int RunningProgram::end(int signal) {
+void RunningProgram::send(int signal) const {
     ::kill(process_, signal);
+}
+
+int RunningProgram::end(int signal) {
+    send(signal);
     int status = 0;
     ::waitpid(process_, &status, 0);
     process_ = -1;

@@ -28,6 +28,8 @@ public:
     bool isRunning() const;
     /// Kilobytes of memory that it has in use.
     long memory() const;
+    /// Sends it a signal.
+    void send(int signal) const;
     /// Sends it a signal, and waits for its end; its exit status, or 128 and its signal.
     int end(int signal);
 

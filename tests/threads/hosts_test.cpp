@@ -225,6 +225,60 @@ TEST(PoolCopyTest, HasWorkersAndAQueueOfItsOwn) {
     EXPECT_NE(copy.first(), pool.first());
 }
 
+TEST(ThreadListCopyTest, CanBeAssignedWhileItRunsAndBackToItsSource) {
+    Count calls{0};
+    KP_ThreadList source;
+    source.append(new KP_Thread(count, &calls));
+    KP_ThreadList copy(source);
+    copy.start();
+    source = copy;  // The same thread: it keeps its work.
+    copy = source;
+    EXPECT_EQ(copy.isRunning() + source.isRunning(), 0);
+    copy.start();
+    const int seen = calls;
+    EXPECT_TRUE(until([&] { return calls > seen + 10; }));
+    copy.stop();
+    copy.join(nullptr, 0);
+}
+
+TEST(PoolCopyTest, OfADerivedClassHasWorkersOfItsOwnToo) {
+    struct Pool : KP_ThreadPool {
+        Pool() : KP_ThreadPool(2) {}
+        Pool(const Pool&) = default;
+        Pool& operator=(const Pool&) = default;
+        ~Pool() override { reset(); }
+    } pool;
+    pool.start();
+    Pool copy(pool);
+    EXPECT_EQ(copy.getCount(), 2);
+    EXPECT_NE(copy.first(), pool.first());
+    copy = pool;
+    EXPECT_NE(copy.first(), pool.first());
+    const KP_ThreadList list(pool);
+    EXPECT_EQ(const_cast<KP_ThreadList&>(list).getCount(), 0);
+}
+
+TEST(PoolHardStopTest, EndsAnIdleWorkerAndLosesNoTask) {
+    for (int round = 0; round < 200; ++round) {
+        Count calls{0};
+        KP_ThreadPool pool(1);
+        KP_Thread* const worker = pool.first();
+        worker->setHardStop(1);
+        pool.start();
+        kp::test::together(2, [&](int i) {
+            if (i == 0) {
+                worker->stop();
+            } else {
+                pool.addTask(count, &calls, 1);
+            }
+        });
+        pool.restart();
+        ASSERT_TRUE(until([&] { return calls == 1; })) << round;
+    }
+    KP_ThreadPool pool(1);  // Its worker was started by itself.
+    pool.first()->start();
+}
+
 TEST(PoolArgumentTest, IsEndedOnceWhetherTheTaskRanOrNot) {
     Count ended{0};
     struct Argument {

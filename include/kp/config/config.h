@@ -70,7 +70,8 @@ public:
     /// Writes the general configuration file `admin/<name>_prvt.cfg`, also for KP_ConfigDef.
     /// Extensions become lower case, here and in the file. A file that does not exist yet is
     /// created for its owner alone, since it holds the password in clear text. The file is
-    /// rewritten in place: a process that is stopped meanwhile leaves it cut off. Returns 0; a file
+    /// rewritten in place, and flushed as a whole and not line by line: a process that is stopped
+    /// meanwhile leaves it cut off. Returns 0; a file
     /// that cannot be opened ends the process; a disk that is full is not noticed here.
     virtual int save();
     /// 1 when @p user is "root" and @p typed is the stored password, else 0. Neither is null. While

@@ -33,6 +33,12 @@ public:
     /// that could say so. So look before whether KP_INSTALLDIR names a directory, and whether that
     /// has a directory `logs` in which the program can write.
     static void init(const char* name, int level, KP_ExitHandler* handler);
+    /// Opens the file anew under the name that it was opened with, after somebody has moved it away
+    /// to begin a new one. Lines go into the old file or into the new one, none is lost or torn.
+    /// Any thread may write meanwhile; one thread at a time calls this, and none during init() or
+    /// reset(). Returns 0; -1 when no log is open or the file cannot be opened (errno says why):
+    /// then lines go on going into the old one.
+    static int reopen();
     /// Closes the log and forgets name, level and handler; returns 0.
     static int reset();
     /// The log file while it is open, else standard output. Not to be closed by the caller.

@@ -24,8 +24,9 @@
 /// broken off, never the thread's own sleeping and waiting; work that waits in the join() of a
 /// thread or a list ends within a second. The process lives on, and the object can be started again
 /// or released. It uses the real-time signal SIGRTMIN + 7, whose handler is installed when a thread
-/// is first stopped by force. Work that blocks all signals cannot be broken off by the system: its
-/// loop lives until the work returns, and the object cannot be started again before.
+/// is first stopped by force. Work that blocks all signals cannot be broken off by the system, and
+/// neither can a host's own run(), which is no work: the loop lives until it returns, and the object
+/// cannot be started again before.
 ///
 /// Lifetime: objects are reference-counted. A running loop holds a reference, so the owner may
 /// release the object at any time after start(); it is destroyed when the loop has ended. A thread
@@ -42,8 +43,8 @@ public:
     /// caller's.
     KP_Thread(void (*function)(void*) = nullptr, void* arg = nullptr);
     /// A copy has the settings of its source, the continue flag and the number of iterations among
-    /// them, and as many references (KP_ReferenceCounter): those of a running source include the
-    /// loop's. It is not running.
+    /// them, and as many references (KP_ReferenceCounter): those of a running source include two of
+    /// its loop. It is not running.
     KP_Thread(const KP_Thread& other);
     /// Takes over the same, and a loop that runs goes on with it; but the references only when none
     /// runs, since a loop holds some of them.
@@ -75,7 +76,7 @@ public:
     virtual int setContinue(int on);
 
     /// Starts the loop on a new thread; a loop that runs already is left alone, and one that was
-    /// told to end and has not yet goes on. Waits for one that is just ending, 5 seconds at most.
+    /// told to end and has not yet goes on: otherwise a restart would leave a thread that ends. Waits for one that is just ending, 5 seconds at most.
     /// Returns 0; -1 when the system refuses a thread, when memory runs out, and while a loop lives
     /// that could not be ended by force.
     int start() override;
@@ -90,7 +91,8 @@ public:
     /// end. Called from work that is to be ended by force, it stops waiting, and the work ends
     /// there.
     int join(KP_Mutex* mutex, int milliseconds) override;
-    /// The continue flag: whether the thread is meant to run, not whether it does. It is 1 in a new
+    /// The continue flag, read without the thread's lock, which a loop that is ended by force while
+    /// it asks could leave locked: whether the thread is meant to run, not whether it does. It is 1 in a new
     /// thread, and stop() leaves it alone when there is no loop.
     int isRunning() override;
 
@@ -112,6 +114,8 @@ private:
 
     static void enter(void* loop);
     void copySettings(const KP_Thread& other);
+    void setPair(void (*function)(void*), void* arg);
+    void getPair(void (**function)(void*), void** arg) const;
     bool goesOn();
     int work();
     void leaveLoop();
@@ -125,7 +129,7 @@ private:
 
     std::atomic<void (*)(void*)> function_;
     std::atomic<void*> arg_;
-    std::atomic<std::uint32_t> pairing_{0};  // Odd while start() exchanges the two above.
+    std::atomic<std::uint32_t> pairing_{0};  // Odd while both of the above are exchanged.
     std::atomic<void*> arg2_{nullptr};
     std::atomic<std::int32_t> iterationLimit_{0};
     std::atomic<std::int32_t> iterationCount_{0};

@@ -30,10 +30,12 @@ public:
     /// An empty list that does not run.
     KP_ThreadList();
     /// A copy holds the same threads, each with a reference of its own, and does not run: its
-    /// start() leaves threads alone that run already. Its end leaves the threads and their work
-    /// alone; whoever wants a copy to end them calls stop().
+    /// start() leaves threads alone that run already. Its end leaves all its threads and their work
+    /// alone, also those that were added to it; whoever wants a copy to end them calls stop(). A
+    /// list that is copied from a pool is empty: workers belong to their pool.
     KP_ThreadList(const KP_ThreadList& other);
-    /// The target first ends its threads as its destructor would.
+    /// The target first ends its threads as its destructor would, but for those that @p other holds
+    /// too, and does not run then.
     KP_ThreadList& operator=(const KP_ThreadList& other);
     ~KP_ThreadList() override;
 
@@ -58,6 +60,7 @@ public:
     /// As KP_Mutex's. A thread that holds the list's lock is not ended by force until it lets go.
     void lock() override;
     void unlock() override;
+    bool try_lock();
 
     char* getClassName() override;
     int queryInterface(unsigned long id, void** out) override;
@@ -73,7 +76,8 @@ private:
     friend class KP_ThreadPool;
 
     KP_Thread* referenceTo(int position);
-    void endThreads();
+    static void takeWork(KP_Thread* thread);
+    int endThreads(KP_ThreadList* others);
     bool lockLifecycle();
     void unlockLifecycle();
     bool lockToStop();
@@ -82,6 +86,7 @@ private:
     int stopThreads(const std::function<bool()>& begin);
 
     bool isCopy_ = false;             // Others may need the threads when this list ends.
+    bool isPool_ = false;             // The threads cannot be another list's.
     std::int32_t held_ = 0;           // How often the list is locked; guarded by its lock, as is
     bool abandonableBefore_ = false;  // whether its holder could be ended by force before.
     std::atomic<std::int32_t> running_{0};

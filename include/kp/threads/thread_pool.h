@@ -110,6 +110,8 @@ private:
     int queue(KP_Task* task);
     bool fetch();
     KP_Task* take(KP_Thread* worker);
+    void putBack(KP_Thread* worker, KP_Task* task);
+    bool isMember(const KP_Thread* worker);
     bool waitForTask();
     bool endIdleRun();
     bool endRun();
