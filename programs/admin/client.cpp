@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 #include "config_message.h"
 
@@ -63,6 +64,9 @@ Client::Client(const std::string& host, std::uint16_t port, std::chrono::seconds
     try {
         connect(address, port);
         watcher_ = std::thread([this] { watch(); });
+    } catch (const std::system_error& error) {
+        ::close(socket_);
+        throw std::runtime_error(std::string("cannot start a thread: ") + error.what());
     } catch (...) {
         ::close(socket_);
         throw;

@@ -11,6 +11,7 @@
 #include "client.h"
 #include "common/command_line.h"
 #include "common/password.h"
+#include "common/printable.h"
 #include "settings_text.h"
 
 namespace {
@@ -46,7 +47,7 @@ std::FILE* ownOutput() {
 
 void print(std::FILE* output, const std::vector<std::string>& lines) {
     for (const std::string& line : lines)
-        std::fprintf(output, "%s\n", kp::admin::printable(line).c_str());
+        std::fprintf(output, "%s\n", kp::programs::printable(line).c_str());
     if (std::fflush(output) != 0 || std::ferror(output) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
 }
@@ -160,16 +161,18 @@ int main(int argc, char** argv) {
     addOptions(app, options);
     if (const auto status = kp::programs::readCommandLine(app, argc, argv))
         return *status;
+    // What the engine says of a refusal is in it, too.
+    const auto complain = [](const std::exception& error, int status) {
+        std::fprintf(stderr, "kp-admin: %s\n", kp::programs::printable(error.what()).c_str());
+        return status;
+    };
     try {
         return run(app, options);
     } catch (const kp::admin::UsageError& error) {
-        std::fprintf(stderr, "kp-admin: %s\n", error.what());
-        return kUsage;
+        return complain(error, kUsage);
     } catch (const kp::admin::Unreachable& error) {
-        std::fprintf(stderr, "kp-admin: %s\n", error.what());
-        return kUnreachable;
+        return complain(error, kUnreachable);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kp-admin: %s\n", error.what());
-        return kFailure;
+        return complain(error, kFailure);
     }
 }

@@ -118,10 +118,4 @@ std::vector<std::string> describe(const KP_Config& config) {
     return lines;
 }
 
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    return text;
-}
-
 }  // namespace kp::admin

@@ -41,7 +41,4 @@ private:
 /// The lines KEY=VALUE of a configuration. The password is not among them.
 std::vector<std::string> describe(const KP_Config& config);
 
-/// @p text with a question mark for each byte that could upset a terminal.
-std::string printable(std::string text);
-
 }  // namespace kp::admin

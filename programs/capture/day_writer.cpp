@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/printable.h"
 #include "records/day_files.h"
 #include "records/schema.h"
-#include "transaction_printer.h"
 
 namespace kp::capture {
 
@@ -136,7 +136,7 @@ DayWriter::DayWriter(const std::string& directory, const records::Day& day, bool
 // Valid until the next call.
 const std::string& DayWriter::escaped(const std::string& text) {
     escaped_.clear();
-    appendEscaped(escaped_, text);
+    programs::appendPrintable(escaped_, text, programs::Backslash::kEscape);
     return escaped_;
 }
 

@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/printable.h"
+#include "confinement.h"
 #include "device_source.h"
 #include "fanout_group.h"
 #include "file_source.h"
@@ -222,7 +224,7 @@ void Engine::hungUp() {
 }
 
 void Engine::tell(const std::string& text) {
-    std::fprintf(stderr, "kp-capture: %s\n", text.c_str());
+    std::fprintf(stderr, "kp-capture: %s\n", programs::printable(text).c_str());
     logLine(text);
 }
 
@@ -335,6 +337,9 @@ void Engine::startStages() {
     dispatcher_ = std::make_unique<Dispatcher>(parsers_, reading_.sending);
     for (const std::unique_ptr<PacketSource>& source : sources_)
         readers_.push_back(std::make_unique<Reader>(*source, reading_, options_.start));
+    const std::string installation = KP_Tools::getInstallDir();
+    logLine(confine(options_.replay.empty(), {installation + "/admin", installation + "/logs",
+                                              config_.current()->databaseDir}));
     isRunning_ = manager_.start() == 0;
     if (!isRunning_)
         throw std::runtime_error("cannot start the threads of the stages");
@@ -440,7 +445,8 @@ Status Engine::status() const {
 void Engine::startReading() {
     const PacketSource& source = *sources_.front();
     if (!source.warning().empty())
-        std::fprintf(stderr, "kp-capture: warning: %s\n", source.warning().c_str());
+        std::fprintf(stderr, "kp-capture: warning: %s\n",
+                     programs::printable(source.warning()).c_str());
     isPaced_ = source.progress() < 0;
     if (source.isLive()) {
         const std::lock_guard<std::mutex> lock(deviceChanging_);

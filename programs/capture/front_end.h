@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -15,6 +14,8 @@
 
 #include "kp/kp.h"
 #include "live_config.h"
+#include "login_limiter.h"
+#include "refusal_log.h"
 
 namespace kp::capture {
 
@@ -23,8 +24,9 @@ using Status = std::vector<std::pair<std::string, std::string>>;
 /// Accepts clients and serves each on a thread of its own.
 ///
 /// A client whose address the configured networks do not contain is dropped without a word. It then
-/// sends two lines, user and password, and gets a UInt8: 1, or 0 and the end of the connection. A
-/// refusal is delayed, the longer the more often the address has failed, up to kMostDelay.
+/// sends two lines, user and password, and gets a UInt8: 1, or 0 and the end of the connection. When
+/// the password is looked at, LoginLimiter decides; an attempt that it has kept waiting for
+/// kLongestWait ends without an answer.
 ///
 /// Command lines after that:
 ///   GET_CONFIG   UInt8 1 and the configuration
@@ -34,14 +36,20 @@ using Status = std::vector<std::pair<std::string, std::string>>;
 ///   QUIT         ends the connection
 /// Anything else is answered with UInt8 0.
 ///
-/// A client may take @p clientLimit for its login, for a command and between two commands; then it
-/// is dropped. Nobody waits for anybody: more than kMostClients at once, or kMostOfOneAddress from
-/// one address, are dropped at once.
+/// A client may take kLoginLimit for its login, and @p clientLimit for a command and between two
+/// commands; then it is dropped. Clients that have not logged in give way to newer ones: kMostGuests
+/// of them may be there at once, and apart from these kMostKnownGuests from addresses that somebody
+/// has logged in from before, and from 127.0.0.1. The address that has most of them gives way, with
+/// its oldest. So whoever fills the places of guests, from few addresses or from many, fills
+/// neither those of the others nor those of clients that have logged in.
 class FrontEnd : public KP_Thread {
 public:
-    static constexpr std::size_t kMostClients = 256;
+    static constexpr std::size_t kMostGuests = 96;
+    static constexpr std::size_t kMostKnownGuests = 32;
+    static constexpr std::size_t kMostLoggedIn = 128;
     static constexpr std::size_t kMostOfOneAddress = 64;
-    static constexpr std::chrono::milliseconds kMostDelay{8000};
+    static constexpr std::chrono::seconds kLoginLimit{5};
+    static constexpr std::chrono::seconds kLongestWait{5};
 
     /// Listens on @p port of all addresses. Throws std::runtime_error when it cannot.
     FrontEnd(std::uint16_t port, LiveConfig& config, std::function<Status()> status,
@@ -61,17 +69,19 @@ public:
 private:
     class Session;
 
-    void accept();
+    bool accept();
+    bool isRefused(std::uint32_t address);
+    void makeRoom(std::uint32_t address, bool isKnown);
     void lookAfterSessions(bool isEnd);
-    std::chrono::milliseconds failed(std::uint32_t address);
-    void succeeded(std::uint32_t address);
-    /// False when the front end ends meanwhile.
-    bool pause(std::chrono::milliseconds time);
-
-    struct Failures {
-        int count = 0;
-        std::chrono::steady_clock::time_point last;
-    };
+    /// Waits until the session's password may be looked at; false: never.
+    bool waitForTurn(const Session& session);
+    /// False when so many have logged in already.
+    bool enter(std::uint32_t address);
+    void leave();
+    void refused(std::uint32_t address);
+    void tellRefusals(bool isEnd);
+    /// Waits, or until the front end ends.
+    void pause(std::chrono::milliseconds time);
 
     const int listener_;
     LiveConfig& config_;
@@ -81,9 +91,11 @@ private:
     std::atomic<std::size_t> clientCount_{0};
     std::atomic<std::uint64_t> refusals_{0};
     std::mutex mutex_;  // guards the rest
-    std::condition_variable ended_;
+    std::condition_variable changed_;
     bool isEnding_ = false;
-    std::map<std::uint32_t, Failures> failures_;
+    std::size_t loggedIn_ = 0;
+    LoginLimiter limiter_;
+    RefusalLog refusalLog_;
 };
 
 }  // namespace kp::capture

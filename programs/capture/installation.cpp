@@ -1,12 +1,17 @@
 #include "installation.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
+#include "common/general_file.h"
+#include "common/installation_lock.h"
+#include "common/printable.h"
 #include "live_config.h"
 #include "log_line.h"
 
@@ -14,9 +19,9 @@ namespace kp::capture {
 
 namespace {
 
-enum class Stage { kDirectory, kLog, kConfiguration, kOver };
+enum class Stage { kDirectory, kLog, kConfiguration, kRunning, kOver };
 
-// Where start-up is, for the report of an exit in its middle. Global, because exit handlers get no
+// How far this run has come, for the report of an exit in its middle. Global, because exit handlers get no
 // argument.
 struct StartUp {
     Stage stage = Stage::kDirectory;
@@ -65,11 +70,34 @@ std::string writtenToLog() {
     return text;
 }
 
+// The last line of the log that this run has written.
+std::string lastWords() {
+    constexpr std::streamoff kMost = 1024;
+    std::ifstream log(startUp().logPath, std::ios::binary | std::ios::ate);
+    log.seekg(std::max(std::streamoff{log.tellg()} - kMost, startUp().logBefore));
+    std::string last;
+    for (std::string line; std::getline(log, line);) {
+        if (!line.empty())
+            last = withoutTime(line);
+    }
+    return last;
+}
+
+std::string hintOfKeptFile(const std::string& name) {
+    const std::string kept = keptFile(name);
+    return isRegularFile(kept) ? "; the last good configuration is kept as " + kept : "";
+}
+
 void reportExit() {
     const StartUp& state = startUp();
     std::string reason;
     switch (state.stage) {
-        case Stage::kOver:  // started, or the reason was told otherwise
+        case Stage::kOver:  // ended by ourselves, or the reason was told otherwise
+            return;
+        case Stage::kRunning:
+            std::fprintf(stderr, "kp-capture: ended: %s (log: %s)\n",
+                         programs::printable(lastWords()).c_str(),
+                         programs::printable(state.logPath).c_str());
             return;
         case Stage::kDirectory:
             reason = "no installation directory; give --dir DIR or set KP_INSTALLDIR";
@@ -83,12 +111,12 @@ void reportExit() {
             const bool isGeneralFile = reason.find("readGeneralConfigFile") != std::string::npos ||
                                        reason.find(generalFile(state.name)) != std::string::npos;
             reason += " (log: " + state.logPath + ")";
-            if (isGeneralFile && isRegularFile(keptFile(state.name)))
-                reason += "; the last good configuration is kept as " + keptFile(state.name);
+            if (isGeneralFile)
+                reason += hintOfKeptFile(state.name);
             break;
         }
     }
-    std::fprintf(stderr, "kp-capture: could not start: %s\n", reason.c_str());
+    std::fprintf(stderr, "kp-capture: could not start: %s\n", programs::printable(reason).c_str());
 }
 
 void checkDirectory(const std::string& directory) {
@@ -104,6 +132,33 @@ void checkDirectory(const std::string& directory) {
             throw InstallationError(directory + " is not an installation: it has no directory \"" +
                                     (part + 1) + "\"; kp-configure makes one");
         }
+    }
+}
+
+// A file that the library would read from the wrong lines, without noticing, ends the start. What it
+// does notice, and files that it cannot open, are left to its own words.
+void checkGeneralFile(const std::string& path, const std::string& hint) {
+    if (access(path.c_str(), R_OK) != 0)
+        return;
+    const std::string fault = programs::generalFileFault(path);
+    if (fault.empty())
+        return;
+    KP_Log::ret("kp-capture: could not start: %s", programs::printable(fault).c_str());
+    throw InstallationError("could not start: " + fault + hint);
+}
+
+// Reads both configurations while nobody writes them.
+void readConfigurations(KP_EngineMgr& engine, const std::string& admin, const std::string& name) {
+    using programs::InstallationLock;
+    const InstallationLock lock(admin, InstallationLock::Kind::kShared);
+    checkGeneralFile(generalFile(name), hintOfKeptFile(name));
+    checkGeneralFile(admin + "/" + name + "_prvtDef.cfg", "");
+    for (KP_Config* config : {engine.getConfigAdmin(), engine.getConfig()}) {
+        config->setName(name.c_str());
+        config->init();
+        // The file may have been changed in between by somebody who knows no lock.
+        if (config->password[0] == '\0')
+            throw InstallationError("could not start: the password is empty");
     }
 }
 
@@ -142,12 +197,18 @@ EnginePointer startInstallation(const std::string& directory, const std::string&
     endLogLine();  // of an engine that was killed, or of another program of this name
 
     state.stage = Stage::kConfiguration;
-    for (KP_Config* config : {engine->getConfigAdmin(), engine->getConfig()}) {
-        config->setName(name.c_str());
-        config->init();
+    try {
+        readConfigurations(*engine, found + "/admin", name);
+    } catch (...) {
+        state.stage = Stage::kOver;  // Its reason is told by whoever catches it.
+        throw;
     }
-    state.stage = Stage::kOver;
+    state.stage = Stage::kRunning;
     return engine;
+}
+
+void installationEnds() {
+    startUp().stage = Stage::kOver;
 }
 
 }  // namespace kp::capture

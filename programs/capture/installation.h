@@ -23,11 +23,15 @@ using EnginePointer = std::unique_ptr<KP_EngineMgr, EngineReleaser>;
 /// Makes the engine manager, which opens the log, and loads its two configurations.
 ///
 /// @p directory is exported as KP_INSTALLDIR; when it is empty the library finds the directory by
-/// itself. The library ends the process with status 1 when the installation is not in order and
-/// tells why in the log only; here the reason is written to standard error as well.
-/// Throws InstallationError. Called once, before there are other threads.
+/// itself. The library ends the process with status 1 when the installation is not in order, and later
+/// when it cannot go on, and tells why in the log only; here the reason is written to standard error
+/// as well, until installationEnds(). A general configuration file that the library would misread
+/// is refused. Throws InstallationError. Called once, before there are other threads.
 EnginePointer startInstallation(const std::string& directory, const std::string& name,
                                 bool isVerbose);
+
+/// An end of the process from here on is ours, and needs no report.
+void installationEnds();
 
 /// The administrator configuration of an engine.
 KP_ConfigAdmin& configurationOf(KP_EngineMgr& engine);

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -14,8 +13,8 @@
 #include <string>
 #include <system_error>
 #include <utility>
-#include <vector>
 
+#include "common/general_file.h"
 #include "config_changes.h"
 #include "installation_file.h"
 #include "log_line.h"
@@ -38,19 +37,6 @@ std::string textFault(const char* what, const char* text, bool mayBeEmpty) {
             return std::string(what) + " contains a control character";
     }
     return "";
-}
-
-// As the reader counts: the last line is the 27th, and one more for each mapping, of which line 18
-// has the number. A file without it was cut off.
-bool isWhole(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
-        lines.push_back(line);
-    if (lines.size() < 18)
-        return false;
-    const std::size_t mappings = std::strtoul(lines[17].c_str(), nullptr, 10) & 0xFFFF;
-    return lines.size() > 26 + mappings && lines[26 + mappings].find('}') != std::string::npos;
 }
 
 // After a rename: what was answered to be saved is there after a loss of power, too.
@@ -81,8 +67,13 @@ std::string writeBeside(const KP_ConfigAdmin& config, const fs::path& path,
         fault = "the name of the engine is too long for a second configuration file";
     } else {
         copy.save();
-        if (::fsync(descriptor) != 0 || !isWhole(path))
-            fault = "the configuration file could not be written completely; is the disk full?";
+        if (::fsync(descriptor) != 0)
+            fault =
+                std::string("the configuration file cannot be written: ") + std::strerror(errno);
+        else if (const std::string wrong = programs::generalFileFault(path.string());
+                 !wrong.empty())
+            fault = "the configuration file could not be written completely; is the disk full? " +
+                    wrong;
     }
     ::close(descriptor);
     return fault;
@@ -165,7 +156,7 @@ std::string LiveConfig::change(const KP_ConfigAdmin& wanted, const std::string& 
     std::error_code error;
     fs::remove(beside, error);
     std::string fault = writeBeside(*next, beside, besideName);
-    if (fault.empty() && isWhole(file)) {
+    if (fault.empty() && programs::generalFileFault(file.string()).empty()) {
         const fs::path part = kept.string() + ".part";
         fs::remove(part, error);
         fs::copy_file(file, part, error);  // with the permissions: it holds the password

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/printable.h"
 #include "kp/core/log.h"
 
 namespace kp::capture {
@@ -21,7 +22,7 @@ void endLogLine() {
 
 void logLine(const std::string& text) {
     endLogLine();
-    KP_Log::ret("kp-capture: %s", text.c_str());
+    KP_Log::ret("kp-capture: %s", programs::printable(text).c_str());
 }
 
 }  // namespace kp::capture

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "common/printable.h"
 #include "engine.h"
 #include "installation.h"
 #include "options.h"
@@ -55,13 +56,15 @@ int run(const Options& options) {
 }  // namespace kp::capture
 
 int main(int argc, char** argv) {
+    int result = 1;
     try {
         kp::capture::Options options;
         if (const auto status = kp::capture::readOptions(argc, argv, options))
             return *status;
-        return kp::capture::run(options);
+        result = kp::capture::run(options);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kp-capture: %s\n", error.what());
-        return 1;
+        std::fprintf(stderr, "kp-capture: %s\n", kp::programs::printable(error.what()).c_str());
     }
+    kp::capture::installationEnds();
+    return result;
 }

@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <string_view>
 #include <system_error>
 
+#include "common/printable.h"
 #include "kp/tools/tools.h"
 
 namespace kp::capture {
@@ -35,6 +37,10 @@ void appendEnd(std::string& line, Endpoint end) {
     appendNumber(line, end.port);
 }
 
+void appendEscaped(std::string& line, std::string_view text) {
+    programs::appendPrintable(line, text, programs::Backslash::kEscape);
+}
+
 void appendText(std::string& line, std::string_view text) {
     if (text.empty()) {
         line += '-';
@@ -44,20 +50,6 @@ void appendText(std::string& line, std::string_view text) {
 }
 
 }  // namespace
-
-void appendEscaped(std::string& line, std::string_view text) {
-    constexpr char kHex[] = "0123456789ABCDEF";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte < 0x7f && c != '\\') {
-            line += c;
-        } else {
-            line += "\\x";
-            line += kHex[byte >> 4];
-            line += kHex[byte & 15];
-        }
-    }
-}
 
 void appendLine(std::string& lines, const Transaction& transaction, const Judgement& judgement) {
     appendTime(lines, transaction.time);

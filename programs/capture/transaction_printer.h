@@ -4,16 +4,11 @@
 #include <atomic>
 #include <cstddef>
 #include <string>
-#include <string_view>
 
 #include "judgement.h"
 #include "transaction.h"
 
 namespace kp::capture {
-
-/// Appends @p text with every tab, line end, backslash and byte that is no printable ASCII written
-/// as \xHH.
-void appendEscaped(std::string& line, std::string_view text);
 
 /// Appends the line of a transaction, its line feed included: 15 columns separated by tabs.
 void appendLine(std::string& lines, const Transaction& transaction, const Judgement& judgement);

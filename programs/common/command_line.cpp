@@ -6,6 +6,8 @@
 #include <sstream>
 #include <vector>
 
+#include "common/printable.h"
+
 namespace kp::programs {
 
 namespace {
@@ -250,7 +252,7 @@ std::optional<int> readCommandLine(CLI::App& app, int argc, char** argv) {
     } catch (const CLI::Success& success) {
         return app.exit(success);  // prints the help or the version
     } catch (const CLI::ParseError& error) {
-        std::cerr << app.get_name() << ": " << error.what() << "\n"
+        std::cerr << app.get_name() << ": " << printable(error.what()) << "\n"
                   << app.get_name() << " --help lists the options.\n";
         return 2;
     }

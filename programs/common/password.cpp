@@ -1,58 +1,44 @@
 #include "common/password.h"
 
-#include <fcntl.h>
-#include <termios.h>
-#include <unistd.h>
+#include <bsd/readpassphrase.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 
 namespace kp::programs {
 
 namespace {
 
-// The controlling terminal with its echo off, for as long as the object lives.
-class SilentTerminal {
-public:
-    SilentTerminal() : terminal_(::open("/dev/tty", O_RDWR | O_CLOEXEC)) {
-        if (terminal_ < 0 || ::tcgetattr(terminal_, &before_) != 0) {
+constexpr std::size_t kBufferSize = 1024;
+
+// A buffer whose text does not stay in memory.
+struct Buffer {
+    ~Buffer() { explicit_bzero(text, sizeof text); }
+    char text[kBufferSize] = {};
+};
+
+// A signal during the question, such as Ctrl-C, restores the terminal's echo before it does what it
+// does; a stopped program that is continued asks again.
+std::string ask(const std::string& prompt) {
+    Buffer buffer;
+    if (readpassphrase(prompt.c_str(), buffer.text, sizeof buffer.text, RPP_REQUIRE_TTY) ==
+        nullptr) {
+        if (errno == ENOTTY || errno == ENXIO) {
             throw PasswordError(
                 "there is no terminal to ask for the password; use --password-file");
         }
-        termios silent = before_;
-        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        ::tcsetattr(terminal_, TCSAFLUSH, &silent);
+        throw PasswordError(std::string("cannot ask for the password: ") + std::strerror(errno));
     }
-    SilentTerminal(const SilentTerminal&) = delete;
-    SilentTerminal& operator=(const SilentTerminal&) = delete;
-    ~SilentTerminal() {
-        ::tcsetattr(terminal_, TCSAFLUSH, &before_);
-        ::close(terminal_);
+    const std::string answer = buffer.text;
+    if (answer.empty()) {
+        throw PasswordError("no password was given");
     }
-
-    std::string ask(const std::string& prompt) {
-        say(prompt);
-        std::string answer;
-        char c = '\0';
-        for (ssize_t got = ::read(terminal_, &c, 1); c != '\n'; got = ::read(terminal_, &c, 1)) {
-            if (got <= 0) {
-                throw PasswordError("no password was given");
-            }
-            answer += c;
-        }
-        say("\n");
-        return answer;
+    if (answer.size() + 1 == sizeof buffer.text) {
+        throw PasswordError("the password is too long");
     }
-
-private:
-    void say(const std::string& text) {
-        if (::write(terminal_, text.data(), text.size()) < 0) {
-            throw PasswordError("cannot write to the terminal");
-        }
-    }
-
-    int terminal_;
-    termios before_ = {};
-};
+    return answer;
+}
 
 }  // namespace
 
@@ -69,9 +55,8 @@ std::string passwordFromFile(const std::string& path) {
 }
 
 std::string askPassword(const std::string& prompt, bool twice) {
-    SilentTerminal terminal;
-    std::string password = terminal.ask(prompt + ": ");
-    if (twice && terminal.ask(prompt + " again: ") != password) {
+    std::string password = ask(prompt + ": ");
+    if (twice && ask(prompt + " again: ") != password) {
         throw PasswordError("the two passwords differ");
     }
     return password;

@@ -17,7 +17,7 @@ public:
 std::string passwordFromFile(const std::string& path);
 
 /// Asks for a password at the terminal, without echo; with @p twice, a second time to be sure.
-/// Throws PasswordError when there is no terminal, the input ends, or the two differ.
+/// Throws PasswordError when there is no terminal, no password is given, or the two differ.
 std::string askPassword(const std::string& prompt, bool twice);
 
 }  // namespace kp::programs

@@ -1,14 +1,20 @@
 #include "installation.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <initializer_list>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
+#include "common/exit_report.h"
+#include "common/general_file.h"
+#include "common/installation_lock.h"
 #include "common/settings.h"
 
 namespace kp::configure {
@@ -24,12 +30,14 @@ constexpr mode_t kReadable = 0644;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// A new file that replaces the one at its final path only when all is well.
+// A new file beside the one that it is to replace.
 class Replacement {
 public:
     Replacement(fs::path final, fs::path temporary, mode_t mode)
-        : final_(std::move(final)), temporary_(std::move(temporary)) {
+        : final_(std::move(final)), temporary_(std::move(temporary)), before_(temporary_) {
+        before_ += ".before";
         fs::remove(temporary_);
+        fs::remove(before_);
         descriptor_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (descriptor_ < 0) {
             fail("cannot write " + temporary_.string());
@@ -41,6 +49,7 @@ public:
         ::close(descriptor_);
         std::error_code ignored;
         fs::remove(temporary_, ignored);
+        fs::remove(before_, ignored);
     }
 
     void write(const std::string& text) {
@@ -48,17 +57,57 @@ public:
             fail("cannot write " + temporary_.string());
         }
     }
-    // What was written is on the disk; false when it is not, or when nothing was written.
-    bool complete(std::uintmax_t atLeast) const {
-        return ::fsync(descriptor_) == 0 && fs::file_size(temporary_) >= atLeast;
+    void sync() const {
+        if (::fsync(descriptor_) != 0) {
+            fail("cannot write " + temporary_.string());
+        }
     }
-    void commit() { fs::rename(temporary_, final_); }
     const fs::path& finalPath() const { return final_; }
+    const fs::path& temporaryPath() const { return temporary_; }
+
+    // The file of before keeps a second name until all is done.
+    void commit() {
+        std::error_code error;
+        fs::create_hard_link(final_, before_, error);
+        if (error && error != std::errc::no_such_file_or_directory) {
+            fs::copy_file(final_, before_);  // where a file cannot have two names
+        }
+        fs::rename(temporary_, final_);
+        isCommitted_ = true;
+    }
+    void undo() noexcept {
+        std::error_code error;
+        if (!isCommitted_) {
+            return;
+        }
+        fs::rename(before_, final_, error);
+        if (error == std::errc::no_such_file_or_directory) {
+            fs::remove(final_, error);  // there was none before
+        }
+    }
 
 private:
     fs::path final_;
     fs::path temporary_;
+    fs::path before_;
     int descriptor_ = -1;
+    bool isCommitted_ = false;
+};
+
+// Keeps signals away, so that Ctrl-C finds all files new or all old.
+class SignalsWait {
+public:
+    SignalsWait() {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::sigprocmask(SIG_SETMASK, &all, &before_);
+    }
+    SignalsWait(const SignalsWait&) = delete;
+    SignalsWait& operator=(const SignalsWait&) = delete;
+    ~SignalsWait() { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_ = {};
 };
 
 std::string installationText(const Plan& plan, const KP_Config& config) {
@@ -91,15 +140,34 @@ void makeDirectory(const fs::path& path) {
 }
 
 // The library writes a general configuration file under the configuration's name; a name of its own
-// makes that the temporary file. The full layout has at least this many bytes.
-constexpr std::uintmax_t kShortestGeneralFile = 400;
-
+// makes that the temporary file. Writing ends without a word where the disk is full.
 void saveAs(KP_Config& config, const std::string& temporaryName, const Replacement& file) {
     config.setName(temporaryName.c_str());
-    config.save();
-    if (!file.complete(kShortestGeneralFile)) {
-        errno = errno != 0 ? errno : ENOSPC;
-        fail("cannot write " + file.finalPath().string());
+    {
+        const programs::ExitReport report("kp-configure: cannot write " +
+                                          file.temporaryPath().string());
+        config.save();
+    }
+    file.sync();
+    const std::string fault = programs::generalFileFault(file.temporaryPath().string());
+    if (!fault.empty()) {
+        throw std::runtime_error("cannot write " + file.finalPath().string() + ": " + fault);
+    }
+}
+
+// All files are replaced, or none.
+void commit(std::initializer_list<Replacement*> files, const programs::InstallationLock& lock) {
+    const SignalsWait wait;
+    try {
+        for (Replacement* file : files) {
+            file->commit();
+        }
+        lock.sync();
+    } catch (...) {
+        for (Replacement* file : files) {
+            file->undo();
+        }
+        throw;
     }
 }
 
@@ -111,12 +179,13 @@ std::vector<std::string> writeInstallation(const Plan& plan, KP_Config& config) 
     const std::string paths[] = {(admin / (plan.name + "_prvt.cfg")).string(),
                                  (admin / (plan.name + "_prvtDef.cfg")).string(),
                                  (admin / (plan.name + "Install.cfg")).string()};
+    makeDirectory(admin);
+    const programs::InstallationLock lock(admin.string(), programs::InstallationLock::Kind::kAlone);
     for (const std::string& path : paths) {
         if (fs::exists(path) && !plan.force) {
             throw programs::SettingError(path + " exists already; --force overwrites it");
         }
     }
-    makeDirectory(admin);
     makeDirectory(directory / "logs");
     makeDirectory(plan.databasePath.empty() ? directory / "db" : fs::path(plan.databasePath));
     if (::setenv("KP_INSTALLDIR", plan.directory.c_str(), 1) != 0) {
@@ -129,12 +198,8 @@ std::vector<std::string> writeInstallation(const Plan& plan, KP_Config& config) 
     saveAs(config, ".new", general);
     saveAs(config, ".newDef", defaults);
     keyed.write(installationText(plan, config));
-    if (!keyed.complete(1)) {
-        fail("cannot write " + paths[2]);
-    }
-    general.commit();
-    defaults.commit();
-    keyed.commit();
+    keyed.sync();
+    commit({&general, &defaults, &keyed}, lock);
     return {std::begin(paths), std::end(paths)};
 }
 

@@ -4,6 +4,7 @@
 
 #include "common/command_line.h"
 #include "common/password.h"
+#include "common/printable.h"
 #include "installation.h"
 #include "plan.h"
 
@@ -104,7 +105,7 @@ int main(int argc, char** argv) {
     try {
         return run(plan, passwordFile);
     } catch (const std::exception& error) {
-        std::cerr << "kp-configure: " << error.what() << "\n";
+        std::cerr << "kp-configure: " << kp::programs::printable(error.what()) << "\n";
         return kFailure;
     }
 }

@@ -11,6 +11,8 @@
 #include <system_error>
 #include <thread>
 
+#include "common/exit_report.h"
+#include "common/printable.h"
 #include "kp/kp.h"
 #include "records/day_files.h"
 #include "records/schema.h"
@@ -49,7 +51,8 @@ struct Task {
 };
 
 bool isUnreadable(const std::string& why) {
-    std::fprintf(stderr, "kp-query: %s; it is left out of the answer\n", why.c_str());
+    std::fprintf(stderr, "kp-query: %s; it is left out of the answer\n",
+                 programs::printable(why).c_str());
     return false;
 }
 
@@ -95,7 +98,11 @@ bool readDays(const std::string& directory, const Filter& filter, const DayFunct
     for (Task& task : tasks) {
         pool.addTask([](void* argument) { static_cast<Task*>(argument)->run(); }, &task, 0);
     }
-    pool.start();
+    {
+        const programs::ExitReport report(
+            "kp-query: cannot start the threads that read the days; the system allows no more");
+        pool.start();
+    }
     work.done.waitUntil([&] { return work.left == 0; });
     pool.stop();
     pool.join(nullptr, 0);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "common/printable.h"
 #include "kp/kp.h"
 #include "options.h"
 #include "questions.h"
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
             return *status;
         return kp::query::run(options) ? 0 : 1;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kp-query: %s\n", error.what());
+        std::fprintf(stderr, "kp-query: %s\n", kp::programs::printable(error.what()).c_str());
         return 1;
     }
 }

@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include "common/printable.h"
+
 namespace kp::query {
 
 namespace {
@@ -13,28 +15,12 @@ constexpr char kHex[] = "0123456789ABCDEF";
 constexpr std::size_t kBufferSize = 65536;
 constexpr const char* kGap = "  ";
 
-bool isHarmless(char c) {
-    return c >= 0x20 && c < 0x7f;
-}
-
-std::string printable(const std::string& text) {
-    std::string result;
-    for (const char c : text) {
-        if (isHarmless(c)) {
-            result += c;
-        } else {
-            result += {'\\', 'x', kHex[static_cast<unsigned char>(c) >> 4], kHex[c & 15]};
-        }
-    }
-    return result;
-}
-
 std::string quoted(const std::string& text) {
     std::string result = "\"";
     for (const char c : text) {
         if (c == '"' || c == '\\')
             result += '\\';
-        if (isHarmless(c)) {
+        if (programs::isPrintable(c)) {
             result += c;
         } else {
             result += {'\\', 'u', '0', '0', kHex[static_cast<unsigned char>(c) >> 4], kHex[c & 15]};
@@ -55,7 +41,7 @@ void Table::add(Cells cells) {
     ++rows_;
     if (format_ == Format::kTable) {
         for (std::string& cell : cells)
-            cell = cell.empty() ? "-" : printable(cell);
+            cell = cell.empty() ? "-" : programs::printable(cell);
         if (!hasStarted_) {
             for (std::size_t i = 0; i < cells.size(); ++i)
                 widths_[i] = std::max(widths_[i], cells[i].size());
@@ -101,7 +87,8 @@ void Table::putPlain(const Cells& cells) {
     for (std::size_t i = 0; i < cells.size(); ++i) {
         const bool isLast = i + 1 == cells.size();
         if (format_ == Format::kTsv) {
-            buffer_ += (cells[i].empty() ? "-" : printable(cells[i])) + (isLast ? "" : "\t");
+            buffer_ +=
+                (cells[i].empty() ? "-" : programs::printable(cells[i])) + (isLast ? "" : "\t");
             continue;
         }
         const std::size_t missing = widths_[i] - std::min(widths_[i], cells[i].size());

@@ -69,7 +69,15 @@ void KP_Config::copyFields(const KP_Config& other) {
 }
 
 int KP_Config::isValidPassword(const char* user, const char* typed) {
-    return std::strcmp(user, "root") == 0 && std::strcmp(typed, password) == 0 ? 1 : 0;
+    // Takes as long for every text, so that nobody learns from the time how much of it is right. A
+    // text that has ended goes on as zeros; volatile keeps the compiler from ending early.
+    volatile unsigned char differences = 0;
+    for (std::size_t i = 0, t = 0, p = 0; i < sizeof password; ++i) {
+        differences = differences | (typed[t] ^ password[p]);
+        t += typed[t] != '\0' ? 1 : 0;
+        p += password[p] != '\0' ? 1 : 0;
+    }
+    return std::strcmp(user, "root") == 0 && differences == 0 ? 1 : 0;
 }
 
 int KP_Config::isValidSourceIP(unsigned long address) {

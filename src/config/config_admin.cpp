@@ -23,10 +23,10 @@ bool isDefault(const char* value) {
     return std::strcmp(value, kDefault) == 0;
 }
 
-std::uint32_t parseBound(const char* text) {
+std::uint32_t parseBound(char* text) {
     const std::uint32_t bound = kp::platform::parseAddress(text);
     if (bound == kNoAddress) {
-        KP_Log::quit("Invalid address in Install.cfg: %s", text);
+        KP_Log::quit("Invalid address in Install.cfg: %s", kp::detail::makePrintable(text));
     }
     return bound;
 }
@@ -41,10 +41,10 @@ void addRange(char* value, void* userData) {
     char* low = KP_Tools::squeeze(value, nullptr, 1, nullptr);
     char* space = std::strchr(low, ' ');
     if (space == nullptr) {
-        KP_Log::quit("Invalid syntax in Install.cfg: %s", low);
+        KP_Log::quit("Invalid syntax in Install.cfg: %s", kp::detail::makePrintable(low));
     }
     *space = '\0';
-    const char* high = space + 1;
+    char* high = space + 1;
     high += std::strspn(high, " \t");
     const std::uint32_t min = parseBound(low);
     const std::uint32_t max = parseBound(high);

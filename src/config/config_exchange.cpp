@@ -9,6 +9,7 @@
 #include "kp/tools/tools.h"
 #include "kp/wire/primitives.h"
 #include "platform/platform.h"
+#include "tools/parsing.h"
 
 namespace {
 
@@ -127,7 +128,8 @@ int receiveAddress(int socket, int which, bool allOnes, std::uint32_t* address) 
     }
     const std::uint32_t parsed = kp::platform::parseAddress(line);
     if (parsed == kNoAddress && !(allOnes && std::strcmp(line, "255.255.255.255") == 0)) {
-        KP_Log::ret("hcommand_SET_CONFIG: Malformed IP Address(%d): %s", which, line);
+        KP_Log::ret("hcommand_SET_CONFIG: Malformed IP Address(%d): %s", which,
+                    kp::detail::makePrintable(line));
         return -1;
     }
     *address = parsed;

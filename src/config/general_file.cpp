@@ -9,6 +9,7 @@
 #include "kp/core/log.h"
 #include "kp/tools/tools.h"
 #include "platform/platform.h"
+#include "tools/parsing.h"
 
 namespace {
 
@@ -138,11 +139,12 @@ void readAddresses(LineFile& lines, std::uint32_t* addresses, int count, bool al
     }
     char* rest = valueOf(line);
     for (int i = 0; i < count; ++i) {
-        const char* piece = nextPiece(&rest);
+        char* piece = nextPiece(&rest);
         addresses[i] = kp::platform::parseAddress(piece);
         if (addresses[i] == kNoAddress &&
             !(allOnes && std::strcmp(piece, "255.255.255.255") == 0)) {
-            KP_Log::quit("readGeneralConfigFile: Malformed IP Address: %s", piece);
+            KP_Log::quit("readGeneralConfigFile: Malformed IP Address: %s",
+                         kp::detail::makePrintable(piece));
         }
     }
 }

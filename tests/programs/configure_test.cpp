@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "kp/kp.h"
 #include "support/installation.h"
 #include "support/program.h"
 #include "support/socket_pair.h"
+#include "threads/until.h"
 
 namespace {
 
@@ -148,6 +151,39 @@ TEST_F(ConfigureTest, OverwritesOnlyWhenForcedAndKeepsTheOldFilesWhenItFails) {
     EXPECT_EQ(site_.read("new/admin/kp-capture_prvt.cfg"), before);
     EXPECT_EQ(configure({"--days", "4", "--force"}).status, 0);
     EXPECT_NE(site_.read("new/admin/kp-capture_prvt.cfg"), before);
+}
+
+TEST_F(ConfigureTest, AFaultInTheMiddleLeavesAllFilesAsTheyWere) {
+    ASSERT_EQ(configure({"--days", "3"}).status, 0);
+    const std::string before = site_.read("new/admin/kp-capture_prvt.cfg");
+    namespace fs = std::filesystem;
+    fs::remove(site_.path("new/admin/kp-captureInstall.cfg"));
+    fs::create_directories(site_.path("new/admin/kp-captureInstall.cfg/in the way"));
+    fs::remove(site_.path("new/admin/kp-capture_prvtDef.cfg"));
+    EXPECT_EQ(configure({"--days", "4", "--force"}).status, 1);
+    EXPECT_EQ(site_.read("new/admin/kp-capture_prvt.cfg"), before);
+    int files = 0;
+    for (const fs::directory_entry& entry : fs::directory_iterator(site_.path("new/admin"))) {
+        EXPECT_EQ(entry.path().filename().string().rfind("kp-capture", 0), 0U) << entry.path();
+        ++files;
+    }
+    EXPECT_EQ(files, 2);
+}
+
+TEST_F(ConfigureTest, TwoAtATimeWriteTheFilesOfOneOfThem) {
+    constexpr int kRounds = 12;
+    for (int round = 0; round < kRounds; ++round) {
+        kp::test::together(2, [&](int i) {
+            const std::string number = std::to_string(1000 + i);
+            EXPECT_EQ(configure({"--force", "--days", number, "--port", number}).status, 0);
+        });
+        const std::string general = site_.read("new/admin/kp-capture_prvt.cfg");
+        const std::string number = general.find("\n1000\n") != std::string::npos ? "1000" : "1001";
+        EXPECT_NE(general.find("\n" + number + "\n"), std::string::npos);
+        EXPECT_EQ(site_.read("new/admin/kp-capture_prvtDef.cfg"), general);
+        EXPECT_NE(site_.read("new/admin/kp-captureInstall.cfg").find("port " + number),
+                  std::string::npos);
+    }
 }
 
 TEST_F(ConfigureTest, SaysThatThereIsNoTerminalToAskThePasswordAt) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -142,6 +143,66 @@ TEST_F(FrontEndTest, ASilentClientIsDropped) {
     EXPECT_EQ(loggedIn.receive(2), kYes);
     EXPECT_TRUE(silent.isClosed());
     EXPECT_TRUE(loggedIn.isClosed());
+}
+
+// Four addresses with 64 silent connections each; from whichever address, an administrator gets in.
+TEST_F(FrontEndTest, SilentStrangersKeepNobodyOut) {
+    serve();
+    std::vector<std::unique_ptr<Dialog>> silent;
+    for (int i = 0; i < 256; ++i)
+        silent.push_back(std::make_unique<Dialog>(
+            port_.number(), ("127.0.0." + std::to_string(2 + i % 4)).c_str()));
+    for (const char* from : {"127.0.0.1", "127.0.0.9", "127.0.0.2"}) {
+        const Dialog honest(port_.number(), from);
+        honest.send(kLogin);
+        EXPECT_EQ(honest.receive(2), kYes) << from;
+    }
+    // Whoever has logged in stays, whatever comes.
+    const Dialog stays(port_.number(), "127.0.0.2");
+    stays.send(kLogin);
+    EXPECT_EQ(stays.receive(2), kYes);
+    for (int i = 0; i < 256; ++i)
+        silent.push_back(std::make_unique<Dialog>(port_.number(), "127.0.0.2"));
+    EXPECT_EQ(admin({"status"}).status, 0);
+    stays.send("NONSENSE\n");
+    EXPECT_EQ(stays.receive(2), kNo);
+}
+
+// The time is asserted from below only.
+TEST_F(FrontEndTest, GuessesFromOneAddressComeOneASecondAndInOneLineOfTheLog) {
+    serve();
+    const Dialog ready(port_.number());
+    const auto begin = std::chrono::steady_clock::now();
+    std::atomic<int> answered{0};
+    kp::test::together(4, [&](int) {
+        const Dialog guess(port_.number(), "127.0.0.2");
+        guess.send("root\nguess\n");
+        answered += guess.receive(2) == kNo ? 1 : 0;
+    });
+    EXPECT_GT(answered, 1);  // Whoever waits too long is let go without an answer.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(answered - 1));
+    EXPECT_EQ(engine_->end(SIGTERM), 0);
+    const std::string log = site_.read("logs/kp-capture.log");
+    const std::size_t first = log.find("a client at 127.0.0.2 was refused");
+    ASSERT_NE(first, std::string::npos) << log;
+    EXPECT_EQ(log.find("was refused", first + 40), std::string::npos) << log;
+    EXPECT_NE(log.find(std::to_string(answered - 1) + " more clients were refused"),
+              std::string::npos)
+        << log;
+}
+
+TEST_F(FrontEndTest, AFileWhoseBlocksAreMisplacedIsNotServed) {
+    const std::string whole = site_.read(kGeneralFile);
+    for (const std::string& shifted :
+         {kp::test::with(whole, "mappings\n\n", "mappings\naudio/ogg\t\t\togg \n\n"),
+          kp::test::with(whole, "# BPF filter string", "# " + std::string(1100, 'x')),
+          kp::test::with(whole, "{secret}", "{}")}) {
+        site_.write(kGeneralFile, shifted);
+        const Outcome start = kp::test::runProgram(
+            KP_CAPTURE, {"--replay", std::string(KP_CAPTURES) + "/visit.pcap"});
+        EXPECT_EQ(start.status, 1);
+        EXPECT_NE(start.err.find("kp-capture_prvt.cfg: line "), std::string::npos) << start.err;
+    }
 }
 
 TEST_F(FrontEndTest, AFileThatWasCutOffStopsTheStartAndNamesTheKeptOne) {

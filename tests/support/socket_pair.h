@@ -37,6 +37,7 @@ public:
 
     int number() const { return number_; }
     void take() const;
+    int socket() const { return socket_; }
 
 private:
     int socket_ = -1;
