@@ -318,8 +318,9 @@ void Engine::startStages() {
         [this](bool isLast) { idle(isLast); }, faults_);
     add(output_);
     for (unsigned i = 0; i < options_.threads; ++i) {
-        auto* parser = new Parser(i, std::max(kConnectionMemory / options_.threads, kLeastMemory),
-                                  options_.readers, output_->input(), faults_);
+        auto* parser =
+            new Parser(i, std::max(kConnectionMemory / options_.threads, kLeastMemory),
+                       options_.answersAlone, options_.readers, output_->input(), faults_);
         add(parser);
         parsers_.push_back(parser);
     }

@@ -1,6 +1,7 @@
 #include "http_connection.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -9,11 +10,6 @@
 namespace kp::capture {
 
 namespace {
-
-std::size_t textSize(const Transaction& transaction) {
-    return transaction.method.size() + transaction.host.size() + transaction.target.size() +
-           transaction.referer.size();
-}
 
 constexpr std::int64_t kLongestResponse = 86400;  // seconds; a longer one is a damaged time
 
@@ -32,13 +28,15 @@ std::int64_t microsecondsBetween(Timestamp start, Timestamp end) {
 }  // namespace
 
 HttpConnection::HttpConnection(Endpoint first, Endpoint second, bool fromStart,
-                               TransactionSink& sink, std::uint64_t number)
+                               TransactionSink& sink, std::uint64_t number, bool answersAlone)
     : sink_(sink),
       number_(number),
       firstEnd_(first),
       secondEnd_(second),
       first_(*this, fromStart),
-      second_(*this, fromStart) {}
+      second_(*this, fromStart),
+      isAloneWanted_(answersAlone),
+      pairing_(sink, fromStart) {}
 
 bool HttpConnection::data(Side side, KP_BufferStream& bytes) {
     reading_ = side;
@@ -48,13 +46,21 @@ bool HttpConnection::data(Side side, KP_BufferStream& bytes) {
 
 void HttpConnection::missing(Side side, std::uint64_t count) {
     reading_ = side;
-    if (parser(side).missing(count) && side != client_)
-        mayHaveLostAnswers_ = true;
+    HttpParser& sender = parser(side);
+    const std::optional<std::uint32_t> from = sender.position();
+    const std::optional<std::uint32_t> headFrom = sender.headPosition();
+    if (!sender.missing(count))
+        return;
+    // Who is the client may not be known yet: then either may have been lost.
+    if (!isHttp_ || side == client_)
+        pairing_.requestsLost(from, count);
+    if (!isHttp_ || side != client_)
+        pairing_.answersLost(headFrom, count + (from ? *from - *headFrom : 0));
 }
 
 std::size_t HttpConnection::memory() const {
-    return sizeof *this + first_.memory() + second_.memory() + waitingText_ +
-           (waiting_ ? waiting_->size() * sizeof(Request) : 0);
+    return sizeof *this + first_.memory() + second_.memory() + pairing_.memory() +
+           (answered_ ? sizeof *answered_ : 0);
 }
 
 void HttpConnection::ended(Side side) {
@@ -66,11 +72,7 @@ void HttpConnection::closed() {
     second_.finish();
     if (!isHttp_ && !isNotHttp_)
         sink_.notHttp();  // it was joined in its middle, and nobody could tell before
-    if (!waiting_)
-        return;
-    for (Request& request : *waiting_)
-        sink_.transaction(std::move(request.transaction));
-    waiting_.reset();
+    pairing_.giveUp();
 }
 
 void HttpConnection::kindFound(MessageKind kind) {
@@ -98,80 +100,56 @@ BodyRule HttpConnection::head(MessageHead& head) {
     return BodyRule::kAsHeadersSay;
 }
 
-void HttpConnection::request(MessageHead& head) {
+// What the connection and the beginning of a message say.
+Transaction HttpConnection::transactionOf(const MessageHead& head) const {
     Transaction transaction;
     transaction.connection = number_;
     transaction.time = head.arrival.time;
     transaction.client = client_ == Side::kFirst ? firstEnd_ : secondEnd_;
     transaction.server = client_ == Side::kFirst ? secondEnd_ : firstEnd_;
+    return transaction;
+}
+
+void HttpConnection::request(MessageHead& head) {
+    Transaction transaction = transactionOf(head);
     transaction.method = std::move(head.method);
     transaction.host = std::move(head.host);
     transaction.target = std::move(head.target);
     transaction.referer = std::move(head.referer);
-
-    if (!waiting_)
-        waiting_ = std::make_unique<Waiting>();
-    waitingText_ += textSize(transaction);
-    waiting_->push_back({std::move(transaction), head.arrival});
-    while (waiting_->size() > kMostWaiting || waitingText_ > kMostWaitingText)
-        giveUpOldest();
-}
-
-void HttpConnection::giveUpOldest() {
-    // One whose answer is being read is about to leave by itself.
-    const auto oldest = waiting_->begin() + (answering_ ? 1 : 0);
-    waitingText_ -= textSize(oldest->transaction);
-    sink_.transaction(std::move(oldest->transaction));
-    waiting_->erase(oldest);
-    ++givenUp_;
-}
-
-// Finds out whether an answer is that of the first request that waits, and hands out the requests
-// before its own, whose answers were lost.
-bool HttpConnection::isAnswerOfFront(const Arrival& answer) {
-    if (mayHaveLostAnswers_) {
-        // Whoever sends a request when all answers have come has everything before its own answer.
-        const auto own =
-            std::find_if(waiting_->begin(), waiting_->end(), [&](const Request& request) {
-                return request.arrival.hasAcknowledged &&
-                       request.arrival.acknowledged == answer.sequence;
-            });
-        for (auto lost = own == waiting_->end() ? 0 : own - waiting_->begin(); lost > 0; --lost) {
-            waitingText_ -= textSize(waiting_->front().transaction);
-            sink_.transaction(std::move(waiting_->front().transaction));
-            waiting_->pop_front();
-        }
-        mayHaveLostAnswers_ = false;
-    }
-    const Arrival& asked = waiting_->front().arrival;
-    return !asked.hasAcknowledged ||
-           static_cast<std::int32_t>(asked.acknowledged - answer.sequence) <= 0;
+    const std::optional<std::uint32_t> read = parser(otherSide(client_)).position();
+    pairing_.request(std::move(transaction), head.arrival, head.end,
+                     read.value_or(head.arrival.acknowledged));
 }
 
 BodyRule HttpConnection::answer(MessageHead& head) {
     const bool isSwitch = head.status == 101;
-    if (head.status < 200 && !isSwitch)
+    if (head.status < 200 && !isSwitch) {
+        pairing_.interim(head.arrival);
         return BodyRule::kNone;
-
+    }
+    if (!answered_)
+        answered_ = std::make_unique<Transaction>();
+    Transaction& transaction = *answered_;
     bool isHead = false;
     bool isTunnel = isSwitch;
-    if (givenUp_ > 0) {
-        --givenUp_;
-    } else if (waiting_ && !waiting_->empty() && isAnswerOfFront(head.arrival)) {
-        Transaction& transaction = waiting_->front().transaction;
-        answering_ = true;
-        transaction.status = head.status;
+    if (pairing_.answer(head.arrival, transaction)) {
+        isAnswering_ = true;
         transaction.responseTime = microsecondsBetween(transaction.time, head.arrival.time);
-        transaction.contentType = withoutParameters(head.contentType);
         isHead = transaction.method == "HEAD";
         if (transaction.method == "CONNECT" && head.status < 300)
             isTunnel = true;
+    } else if (isAloneWanted_) {
+        isAnswering_ = true;
+        transaction = transactionOf(head);
+        transaction.method = transaction.target = "-";
+        transaction.hasRequest = false;
+        transaction.responseTime = 0;
     }
+    transaction.status = head.status;
+    transaction.contentType = withoutParameters(head.contentType);
     if (isTunnel) {
         end(MessageKind::kResponse, 0);
-        if (waiting_)
-            waiting_->clear();
-        waitingText_ = 0;
+        pairing_.clear();
         leaveHttp();
         return BodyRule::kStop;
     }
@@ -180,14 +158,15 @@ BodyRule HttpConnection::answer(MessageHead& head) {
 }
 
 void HttpConnection::end(MessageKind kind, std::uint64_t bodyBytes) {
-    if (kind == MessageKind::kRequest || !answering_)
+    if (kind == MessageKind::kRequest)
         return;
-    answering_ = false;
-    Transaction& transaction = waiting_->front().transaction;
-    transaction.bodyBytes = bodyBytes;
-    waitingText_ -= textSize(transaction);
-    sink_.transaction(std::move(transaction));
-    waiting_->pop_front();
+    if (const auto end = parser(otherSide(client_)).position())
+        pairing_.answerEnded(*end);
+    if (!isAnswering_)
+        return;
+    isAnswering_ = false;
+    answered_->bodyBytes = bodyBytes;
+    sink_.transaction(std::move(*answered_));
 }
 
 }  // namespace kp::capture

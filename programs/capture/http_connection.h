@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 
 #include "connection_sink.h"
 #include "http_parser.h"
+#include "pairing.h"
 #include "transaction.h"
 
 namespace kp::capture {
@@ -17,25 +17,19 @@ namespace kp::capture {
 /// Which end is the client is found by the bytes: the one that sends a request line, or the one
 /// that does not send a status line, whichever comes first. A connection that begins otherwise is
 /// not HTTP and is left alone.
-/// Pairing: answers belong to the requests in their order. Where bytes were lost, acknowledgements
-/// tell which: an answer that begins before what the client had when it sent a request is not that
-/// request's, and one that begins just there is, whatever requests still wait before it. Interim
-/// answers (1xx) are stepped over; an answer that no request waits for makes no transaction. After
-/// the answer 101, and after a 2xx to CONNECT, the connection is not read any more, and what looked
-/// like requests behind it was not.
+/// Which request an answer belongs to says Pairing. Interim answers (1xx) are stepped over; an answer
+/// of which nobody knows the request makes a transaction of its own, with the method and target "-",
+/// if that is wanted, and none otherwise. After the answer 101, and after a 2xx to CONNECT, the
+/// connection is not read any more, and what looked like requests behind it was not.
 /// A request counts from the end of its header block on, an answer too. Requests without an answer
-/// are handed out when the connection closes, or earlier when more than kMostWaiting requests
-/// wait, or their texts exceed kMostWaitingText bytes: the oldest go first, and their answers are
-/// stepped over.
+/// are handed out when the connection closes, or earlier, see Pairing.
 class HttpConnection : public ConnectionSink, private MessageHandler {
 public:
-    static constexpr std::size_t kMostWaiting = 1024;
-    static constexpr std::size_t kMostWaitingText = 1048576;
-
     /// @p sink must outlive the connection. @p fromStart: the first bytes of both directions will
-    /// be seen. @p number is kept in the transactions.
+    /// be seen. @p number is kept in the transactions. @p answersAlone: answers without a request
+    /// are wanted.
     HttpConnection(Endpoint first, Endpoint second, bool fromStart, TransactionSink& sink,
-                   std::uint64_t number = 0);
+                   std::uint64_t number = 0, bool answersAlone = false);
 
     bool data(Side side, KP_BufferStream& bytes) override;
     void missing(Side side, std::uint64_t count) override;
@@ -44,14 +38,6 @@ public:
     void closed() override;
 
 private:
-    /// Requests in the order sent. Made when the first one comes: most connections of a network
-    /// carry no HTTP that can be read.
-    struct Request {
-        Transaction transaction;
-        Arrival arrival;
-    };
-    using Waiting = std::deque<Request>;
-
     void kindFound(MessageKind kind) override;
     void notHttp() override;
     BodyRule head(MessageHead& head) override;
@@ -60,8 +46,7 @@ private:
     HttpParser& parser(Side side) { return side == Side::kFirst ? first_ : second_; }
     void request(MessageHead& head);
     BodyRule answer(MessageHead& head);
-    void giveUpOldest();
-    bool isAnswerOfFront(const Arrival& answer);
+    Transaction transactionOf(const MessageHead& head) const;
     void leaveHttp();
 
     TransactionSink& sink_;
@@ -72,13 +57,12 @@ private:
     HttpParser second_;
     Side reading_ = Side::kFirst;  // whose bytes are being read
     Side client_ = Side::kFirst;   // valid once a kind was found
-    bool isHttp_ = false;
+    bool isHttp_ = false;          // a kind was found
     bool isNotHttp_ = false;
-    bool mayHaveLostAnswers_ = false;
-    bool answering_ = false;  // the front of waiting_ is getting its answer
-    std::unique_ptr<Waiting> waiting_;
-    std::size_t waitingText_ = 0;  // bytes of all texts in waiting_
-    std::uint64_t givenUp_ = 0;    // requests handed out early, whose answers may still come
+    bool isAloneWanted_;
+    bool isAnswering_ = false;  // the answer to answered_ is being read
+    std::unique_ptr<Transaction> answered_;
+    Pairing pairing_;
 };
 
 }  // namespace kp::capture

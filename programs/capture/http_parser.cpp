@@ -43,46 +43,56 @@ void HttpParser::data(KP_BufferStream& stream) {
         read(stream.run(), Piece::at(stream).arrival());
 }
 
-// The arrival of the byte that stands so far before the end of what is being read.
-Arrival HttpParser::arrivalAt(std::size_t toEnd) const {
+// The arrival of the byte that stands so far before those that are not read yet.
+Arrival HttpParser::arrivalBefore(std::size_t count) const {
     Arrival arrival = now_;
-    arrival.sequence = nowEnd_ - static_cast<std::uint32_t>(toEnd);
+    arrival.sequence = nowEnd_ - static_cast<std::uint32_t>(unread_.size() + count);
     return arrival;
 }
 
 void HttpParser::read(std::string_view bytes, const Arrival& arrival) {
     now_ = arrival;
     nowEnd_ = arrival.sequence + static_cast<std::uint32_t>(bytes.size());
-    while (!bytes.empty()) {
+    hasRead_ = true;
+    unread_ = bytes;
+    const bool wasInBody = isInBody();
+    const std::uint32_t head = head_.end;
+    while (!unread_.empty()) {
         switch (state_) {
             case State::kSeek:
-                seek(bytes);
+                seek(unread_);
                 break;
             case State::kStartLine:
-                startLine(bytes);
+                startLine(unread_);
                 break;
             case State::kSkipLine:
-                skipLine(bytes);
+                skipLine(unread_);
                 break;
             case State::kHeader:
-                header(bytes);
+                header(unread_);
                 break;
             case State::kBody:
-                body(bytes);
+                body(unread_);
                 break;
             case State::kChunked:
-                chunked(bytes);
+                chunked(unread_);
                 break;
             case State::kUntilClose:
-                bodyBytes_ += bytes.size();
-                return;
+                bodyBytes_ += unread_.size();
+                unread_ = {};
+                break;
             case State::kStopped:
-                return;
+                unread_ = {};
+                break;
         }
     }
+    // Within one body nothing is kept.
+    if (!wasInBody || !isInBody() || head != head_.end)
+        measure();
 }
 
 bool HttpParser::missing(std::uint64_t count) {
+    nowEnd_ += static_cast<std::uint32_t>(count);
     switch (state_) {
         case State::kBody:
             if (count > remaining_)
@@ -113,6 +123,15 @@ bool HttpParser::missing(std::uint64_t count) {
     return true;
 }
 
+std::optional<std::uint32_t> HttpParser::headPosition() const {
+    if (state_ == State::kStartLine || state_ == State::kHeader)
+        return head_.arrival.sequence;
+    const auto now = position();
+    if (state_ == State::kSeek && !lineHandedOut_ && now)
+        return *now - static_cast<std::uint32_t>(line_.size());
+    return now;
+}
+
 void HttpParser::finish() {
     switch (state_) {
         case State::kBody:
@@ -125,14 +144,13 @@ void HttpParser::finish() {
     }
 }
 
-std::size_t HttpParser::memory() const {
-    std::size_t bytes = line_.capacity();
+void HttpParser::measure() {
+    memory_ = line_.capacity();
     for (const std::string* text :
          {&head_.method, &head_.target, &head_.host, &head_.referer, &head_.contentType,
           &head_.contentLength, &head_.transferEncoding}) {
-        bytes += text->capacity();
+        memory_ += text->capacity();
     }
-    return bytes;
 }
 
 void HttpParser::seek(std::string_view& bytes) {
@@ -141,7 +159,7 @@ void HttpParser::seek(std::string_view& bytes) {
     lineHandedOut_ = false;
     used_ = 0;
     if (kind_ != MessageKind::kResponse) {
-        head_.arrival = arrivalAt(bytes.size());
+        head_.arrival = arrivalBefore(0);
         state_ = State::kStartLine;
         return;
     }
@@ -153,7 +171,8 @@ void HttpParser::seek(std::string_view& bytes) {
         if (!line_.empty()) {
             line_ += c;
             if (parseStatusLine(line_)) {
-                head_.arrival = arrivalAt(bytes.size() - taken + line_.size());
+                head_.arrival = arrivalBefore(line_.size());
+                head_.arrival.sequence += static_cast<std::uint32_t>(taken);
                 state_ = State::kStartLine;
             } else if (canBeginStatusLine(line_)) {
                 continue;
@@ -324,6 +343,7 @@ void HttpParser::readField(std::string_view line) {
 
 void HttpParser::headEnded() {
     const BodyLength length = parseBodyLength(head_.transferEncoding, head_.contentLength);
+    head_.end = arrivalBefore(0).sequence;
     const BodyRule rule = handler_.head(head_);
     bodyBytes_ = 0;
     if (stopped())

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,10 +21,11 @@ enum class MessageKind { kUnknown, kRequest, kResponse };
 /// the others the first one counts.
 struct MessageHead {
     MessageKind kind = MessageKind::kUnknown;
-    Arrival arrival;     ///< of the first byte of the start line
-    std::string method;  ///< requests
-    std::string target;  ///< requests
-    int status = 0;      ///< answers: 100 to 999
+    Arrival arrival;        ///< of the first byte of the start line
+    std::uint32_t end = 0;  ///< the sequence number behind the head
+    std::string method;     ///< requests
+    std::string target;     ///< requests
+    int status = 0;         ///< answers: 100 to 999
     std::string host;
     std::string referer;
     std::string contentType;
@@ -88,13 +90,22 @@ public:
     /// whether messages may have been lost.
     bool missing(std::uint64_t count);
 
+    /// The sequence number behind what was read or is missing; none before the first byte.
+    std::optional<std::uint32_t> position() const {
+        return hasRead_ ? std::optional(nowEnd_ - static_cast<std::uint32_t>(unread_.size()))
+                        : std::nullopt;
+    }
+
+    /// The same before the head that is being read, if one is.
+    std::optional<std::uint32_t> headPosition() const;
+
     /// The direction has ended: ends the message whose body is being read. May be repeated.
     void finish();
 
     /// Reads nothing more and tells nothing more.
     void stop() { state_ = State::kStopped; }
     /// Bytes of memory beside the object itself, about.
-    std::size_t memory() const;
+    std::size_t memory() const { return memory_; }
     bool stopped() const { return state_ == State::kStopped; }
 
 private:
@@ -112,7 +123,7 @@ private:
     enum class Line { kPart, kWhole, kTooLong };
 
     void read(std::string_view bytes, const Arrival& arrival);
-    Arrival arrivalAt(std::size_t toEnd) const;
+    Arrival arrivalBefore(std::size_t count) const;
     // Each of these takes bytes from the front of its argument, or changes the state.
     void seek(std::string_view& bytes);
     void startLine(std::string_view& bytes);
@@ -127,6 +138,10 @@ private:
     void readField(std::string_view line);
     void headEnded();
     void messageEnded(State next);
+    void measure();
+    bool isInBody() const {
+        return state_ == State::kBody || state_ == State::kChunked || state_ == State::kUntilClose;
+    }
 
     MessageHandler& handler_;
     MessageKind kind_ = MessageKind::kUnknown;
@@ -139,6 +154,9 @@ private:
     std::uint64_t bodyBytes_ = 0;
     Arrival now_;               // of the bytes that are being read
     std::uint32_t nowEnd_ = 0;  // the sequence number behind them
+    std::string_view unread_;   // the rest of them
+    bool hasRead_ = false;
+    std::size_t memory_ = 0;
     std::string line_;  // the part of a line, or of a status line searched for, that came earlier
     MessageHead head_;
     std::string* field_ = nullptr;  // of head_: where a folded line continues

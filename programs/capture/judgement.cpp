@@ -15,7 +15,9 @@ Judgement judge(KP_ConfigAdmin& config, const Transaction& transaction) {
                       config.isInIPRanges(transaction.server.address) != 0;
     result.content = KP_Tools::isContentMIME(type) != 0;
     result.validPage = KP_Tools::isValidPage(status.c_str()) != 0;
-    result.entryPoint = KP_Tools::isEntryPoint(site.data(), transaction.referer.c_str(), type) != 0;
+    // Of an answer alone nobody knows from where it was reached.
+    result.entryPoint = transaction.hasRequest &&
+                        KP_Tools::isEntryPoint(site.data(), transaction.referer.c_str(), type) != 0;
     return result;
 }
 

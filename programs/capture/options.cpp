@@ -110,6 +110,9 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
     app.add_flag("--delete-old", options.deleteOld,
                  "Delete all days that are too old, also those before more than a\n"
                  "month without records, which are kept as the clock may be wrong");
+    app.add_flag("--answers-alone", options.answersAlone,
+                 "Make transactions of answers without a known request, too, with the\n"
+                 "method and target -, as where only one direction is captured");
     app.add_flag("--serve", options.serve,
                  "Serve the administration front end (for kp-admin) on the configured\n"
                  "port; after a replay, serving continues until a signal ends it");

@@ -20,6 +20,7 @@ struct Options {
     std::optional<std::int64_t> start;
     std::optional<bool> record;  ///< none: a device is recorded, a file is not
     bool deleteOld = false;      ///< also before a pause in the records
+    bool answersAlone = false;
     bool serve = false;
     unsigned clientTimeout = 60;  ///< seconds
     bool verbose = false;

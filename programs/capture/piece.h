@@ -12,7 +12,7 @@ namespace kp::capture {
 /// What the packet that brought some bytes says of them.
 struct Arrival {
     Timestamp time;
-    std::int64_t clock = 0;          ///< of the segment
+    CaptureTime clock = 0;           ///< of the segment
     std::uint32_t sequence = 0;      ///< number of the first byte
     std::uint32_t acknowledged = 0;  ///< what the sender had of the other direction until then
     bool hasAcknowledged = false;

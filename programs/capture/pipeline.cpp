@@ -31,7 +31,7 @@ void Batch::add(const Segment& segment) {
 void Batch::clear() {
     segments.clear();
     used = 0;
-    expired.reset();
+    expiries.clear();
     isLast = false;
 }
 
@@ -48,12 +48,13 @@ std::string Faults::first() const {
 }
 
 // Of the batches that there are, kRounds may wait, one is worked off, and each reader fills one.
-Parser::Parser(std::size_t place, std::size_t memoryLimit, std::size_t readers, RowQueue& output,
-               Faults& faults)
+Parser::Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, std::size_t readers,
+               RowQueue& output, Faults& faults)
     : input_(kRounds),
       emptied_(kRounds + 1 + readers),
       output_(output),
       faults_(faults),
+      answersAlone_(answersAlone),
       follower_(*this, memoryLimit) {
     made_.parser = place;
 }
@@ -66,7 +67,7 @@ Parser::~Parser() {
 std::unique_ptr<ConnectionSink> Parser::opened(Endpoint first, Endpoint second, bool fromStart,
                                                std::uint64_t number) {
     TransactionSink& sink = *this;
-    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number);
+    return std::make_unique<HttpConnection>(first, second, fromStart, sink, number, answersAlone_);
 }
 
 void Parser::transaction(Transaction&& transaction) {
@@ -74,17 +75,29 @@ void Parser::transaction(Transaction&& transaction) {
 }
 
 void Parser::work(Batch& batch) {
-    for (Segment& segment : batch.segments) {
+    auto expiry = batch.expiries.begin();
+    for (std::size_t place = 0; place < batch.segments.size(); ++place) {
+        for (; expiry != batch.expiries.end() && expiry->place == place; ++expiry)
+            expire(*expiry);
+        Segment& segment = batch.segments[place];
         segment.clock = clock_ = std::max(clock_, segment.clock);
         number_ = segment.number;
         follower_.segment(segment);
     }
+    for (; expiry != batch.expiries.end(); ++expiry)
+        expire(*expiry);
+    if (!batch.isLast)
+        return;
     isClosing_ = true;
     number_ = batch.lastNumber;
-    if (batch.expired)
-        follower_.expire(std::max(clock_, *batch.expired));
-    if (batch.isLast)
-        follower_.finish();
+    follower_.finish();
+    isClosing_ = false;
+}
+
+void Parser::expire(const Batch::Expiry& expiry) {
+    isClosing_ = true;
+    number_ = expiry.number;
+    follower_.expire(std::max(clock_, expiry.time));
     isClosing_ = false;
 }
 
@@ -125,24 +138,25 @@ Dispatcher::Dispatcher(const std::vector<Parser*>& parsers, std::mutex& sending)
 
 // A damaged time, or several captures in one file, must neither end what goes on nor keep what has
 // ended: the clock does not go back, and jumps only where two segments in a row say so.
-void Dispatcher::setClock(std::int64_t seconds) {
-    constexpr std::int64_t kJump = 3600;
+void Dispatcher::setClock(Timestamp time) {
+    constexpr CaptureTime kJump = 3600 * kOneSecond;
+    const CaptureTime now = time.seconds * kOneSecond + time.microseconds;
     if (number_ == 1)
-        clock_ = lookedAt_ = seconds;
-    const bool isFar = seconds > clock_ + kJump;
-    if (!isFar || (jump_ != 0 && seconds > jump_ - kJump && seconds < jump_ + kJump))
-        clock_ = std::max(clock_, seconds);
-    jump_ = isFar ? seconds : 0;
+        clock_ = lookedAt_ = now;
+    const bool isFar = now > clock_ + kJump;
+    if (!isFar || (jump_ != 0 && now > jump_ - kJump && now < jump_ + kJump))
+        clock_ = std::max(clock_, now);
+    jump_ = isFar ? now : 0;
 }
 
 void Dispatcher::segment(const Segment& segment) {
     if (segment.payload.size() > Batch::kMostBytes)
         return;  // no source gives one
     ++number_;
-    setClock(segment.time.seconds);
-    if (clock_ - lookedAt_ >= kExpirySeconds) {
+    setClock(segment.time);
+    if (clock_ - lookedAt_ >= kExpiryPeriod) {
         lookedAt_ = clock_;
-        send(false, clock_);
+        expire();
     }
     const std::uint64_t hash = connectionHash(segment.source, segment.destination);
     const std::size_t place = hash % parsers_.size();
@@ -154,6 +168,11 @@ void Dispatcher::segment(const Segment& segment) {
     hasCollected_ = true;
 }
 
+void Dispatcher::expire() {
+    for (const std::unique_ptr<Batch>& batch : batches_)
+        batch->expiries.push_back({batch->segments.size(), number_ - 1, clock_});
+}
+
 // The batch of a parser to fill: one that it has worked off, or a new one at the beginning.
 std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
     std::unique_ptr<Batch> batch;
@@ -162,12 +181,11 @@ std::unique_ptr<Batch> Dispatcher::emptyBatch(std::size_t parser) {
     return batch;
 }
 
-void Dispatcher::send(bool isLast, std::optional<std::int64_t> expired) {
+void Dispatcher::send(bool isLast) {
     const std::lock_guard<std::mutex> lock(sending_);
     for (std::size_t i = 0; i < parsers_.size(); ++i) {
         Batch& batch = *batches_[i];
         batch.lastNumber = number_;
-        batch.expired = expired;
         batch.isLast = isLast;
         parsers_[i]->input().push(std::move(batches_[i]));
         batches_[i] = emptyBatch(i);

@@ -32,6 +32,13 @@ struct Batch {
     static constexpr std::size_t kMostBytes = std::size_t{512} * 1024;
     static constexpr std::size_t kMostSegments = 4096;
 
+    // Before the segment in this place, what was silent until then is closed.
+    struct Expiry {
+        std::size_t place;
+        std::uint64_t number;  // of the packet before it
+        CaptureTime time;
+    };
+
     bool hasRoomFor(const Segment& segment) const {
         return segments.size() < kMostSegments && used + segment.payload.size() <= kMostBytes;
     }
@@ -40,10 +47,10 @@ struct Batch {
     void clear();
 
     std::vector<Segment> segments;
-    std::unique_ptr<char[]> bytes;        // the payloads
-    std::size_t used = 0;                 // of bytes
-    std::uint64_t lastNumber = 0;         // of the last packet of the round
-    std::optional<std::int64_t> expired;  // after it, what was silent until then is closed
+    std::unique_ptr<char[]> bytes;  // the payloads
+    std::size_t used = 0;           // of bytes
+    std::uint64_t lastNumber = 0;   // of the last packet of the round
+    std::vector<Expiry> expiries;
     bool isLast = false;
 };
 
@@ -86,9 +93,10 @@ private:
 /// Follows the connections that fall to it, and reads their HTTP.
 class Parser : public KP_Thread, private ConnectionListener, private TransactionSink {
 public:
-    /// @p memoryLimit: bytes that its connections may use; @p readers: dispatchers that feed it.
-    Parser(std::size_t place, std::size_t memoryLimit, std::size_t readers, RowQueue& output,
-           Faults& faults);
+    /// @p memoryLimit: bytes that its connections may use. @p answersAlone: answers without a
+    /// request become rows. @p readers: dispatchers that feed it.
+    Parser(std::size_t place, std::size_t memoryLimit, bool answersAlone, std::size_t readers,
+           RowQueue& output, Faults& faults);
     ~Parser() override;
 
     BatchQueue& input() { return input_; }
@@ -103,15 +111,17 @@ private:
     void transaction(Transaction&& transaction) override;
     void notHttp() override { ++notHttp_; }
     void work(Batch& batch);
+    void expire(const Batch::Expiry& expiry);
 
     BatchQueue input_;
     BatchQueue emptied_;
     RowQueue& output_;
     Faults& faults_;
+    const bool answersAlone_;
     StreamFollower follower_;
     RowBatch made_;
     std::uint64_t number_ = 0;  // of the packet that is being read
-    std::int64_t clock_ = 0;    // readers may differ a little
+    CaptureTime clock_ = 0;     // readers may differ a little
     bool isClosing_ = false;
     std::uint64_t notHttp_ = 0;
 };
@@ -134,20 +144,21 @@ public:
     void finish() { send(true); }
 
 private:
-    /// Seconds of capture time between two looks for silent connections.
-    static constexpr std::int64_t kExpirySeconds = 10;
+    /// Between two looks for connections that are silent, or wait for what does not come.
+    static constexpr CaptureTime kExpiryPeriod = kOneSecond;
 
-    void setClock(std::int64_t seconds);
-    void send(bool isLast, std::optional<std::int64_t> expired = {});
+    void setClock(Timestamp time);
+    void expire();
+    void send(bool isLast);
     std::unique_ptr<Batch> emptyBatch(std::size_t parser);
 
     const std::vector<Parser*>& parsers_;
     std::mutex& sending_;
     std::vector<std::unique_ptr<Batch>> batches_;
     std::uint64_t number_ = 0;
-    std::int64_t clock_ = 0;
-    std::int64_t jump_ = 0;  // where the last segment would have set the clock, if far ahead
-    std::int64_t lookedAt_ = 0;
+    CaptureTime clock_ = 0;
+    CaptureTime jump_ = 0;  // where the last segment would have set the clock, if far ahead
+    CaptureTime lookedAt_ = 0;
     bool hasCollected_ = false;
 };
 

@@ -1,6 +1,7 @@
 #include "reassembly.h"
 
 #include <algorithm>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -42,8 +43,8 @@ std::string_view Reassembly::add(std::string_view bytes, Arrival& arrival) {
         return {};
     dropFront(bytes, arrival, known);
     // What is held back came first.
-    if (!pieces_.empty()) {
-        const auto room = static_cast<std::size_t>(ahead(pieces_.front().sequence));
+    if (isHoldingBack()) {
+        const auto room = static_cast<std::size_t>(ahead(firstSequence()));
         if (bytes.size() > room) {
             std::string_view rest = bytes;
             Arrival later = arrival;
@@ -80,24 +81,25 @@ Reassembly::Kept Reassembly::kept(std::string_view bytes, const Arrival& arrival
 
 // Stores those of the bytes that are not held back yet.
 void Reassembly::holdBack(std::string_view bytes, Arrival arrival) {
-    if (ahead(arrival.sequence) > kWindow)
+    if (bytes.empty() || ahead(arrival.sequence) > kWindow)
         return;
     // The first piece that ends behind the new bytes' beginning.
-    auto place = std::partition_point(pieces_.begin(), pieces_.end(), [&](const Held& held) {
-        return ahead(held.sequence + held.size()) <= ahead(arrival.sequence);
-    });
+    if (!pieces_)
+        pieces_ = std::make_unique<Pieces>();
+    auto place = pieces_->upper_bound(arrival.sequence);
+    if (place != pieces_->begin() && ahead(endOf(*std::prev(place))) > ahead(arrival.sequence))
+        --place;
     while (!bytes.empty()) {
-        const std::int32_t room =
-            place == pieces_.end() ? INT32_MAX
-                                   : static_cast<std::int32_t>(place->sequence - arrival.sequence);
+        const std::int32_t room = place == pieces_->end()
+                                      ? INT32_MAX
+                                      : static_cast<std::int32_t>(place->first - arrival.sequence);
         std::size_t done = 0;
         if (room > 0) {
             done = std::min(bytes.size(), static_cast<std::size_t>(room));
-            Kept piece = kept(bytes.substr(0, done), arrival);
+            pieces_->emplace_hint(place, arrival.sequence, kept(bytes.substr(0, done), arrival));
             held_ += done;
-            place = pieces_.insert(place, Held{arrival.sequence, std::move(piece)}) + 1;
         } else {
-            done = std::min(bytes.size(), place->size() - static_cast<std::size_t>(-room));
+            done = std::min<std::size_t>(bytes.size(), endOf(*place) - arrival.sequence);
             ++place;
         }
         dropFront(bytes, arrival, done);
@@ -105,13 +107,20 @@ void Reassembly::holdBack(std::string_view bytes, Arrival arrival) {
 }
 
 void Reassembly::moveFirst(KP_BufferStream& stream) {
-    Held& held = pieces_.front();
-    const std::uint32_t size = held.size();
-    stream.add(held.piece.get());
-    static_cast<void>(held.piece.release());  // the stream's now
+    Kept& piece = pieces_->begin()->second;
+    const std::size_t size = piece->bytes().size();
+    stream.add(piece.get());
+    static_cast<void>(piece.release());  // the stream's now
     held_ -= size;
-    next_ += size;
-    pieces_.erase(pieces_.begin());
+    next_ += static_cast<std::uint32_t>(size);
+    pieces_->erase(pieces_->begin());
+    dropIfEmpty();
+}
+
+void Reassembly::waive(std::uint32_t sequence) {
+    if (!isWaived_ || static_cast<std::int32_t>(sequence - waived_) > 0)
+        waived_ = sequence;
+    isWaived_ = true;
 }
 
 void Reassembly::acknowledge(std::uint32_t sequence) {
@@ -121,27 +130,27 @@ void Reassembly::acknowledge(std::uint32_t sequence) {
     knowsAcknowledged_ = true;
 }
 
-bool Reassembly::isGapDue(std::int64_t now) const {
-    if (pieces_.empty())
+bool Reassembly::isGapDue(CaptureTime now) const {
+    if (!isHoldingBack())
         return false;
     if (isFull())
         return true;
-    const std::int64_t since = firstHeld().clock;
+    const CaptureTime since = firstHeld().clock;
     return isHeldAcknowledged() ? now - since > kPatience
                                 : now - std::max(since, movedOn_) > kLongPatience;
 }
 
 std::uint32_t Reassembly::skipGap() {
-    const std::uint32_t missing = pieces_.front().sequence - next_;
-    next_ = pieces_.front().sequence;
+    const std::uint32_t missing = firstSequence() - next_;
+    next_ = firstSequence();
     return missing;
 }
 
 std::uint32_t Reassembly::skipCut(std::uint32_t end) {
     if (knowsEnd_ && ahead(end_) < ahead(end))
         end = end_;
-    if (!pieces_.empty() && ahead(pieces_.front().sequence) < ahead(end))
-        end = pieces_.front().sequence;
+    if (isHoldingBack() && ahead(firstSequence()) < ahead(end))
+        end = firstSequence();
     const std::uint32_t missing = ahead(end) > 0 ? end - next_ : 0;
     next_ += missing;
     return missing;
@@ -161,16 +170,18 @@ void Reassembly::setEnd(std::uint32_t sequence) {
     end_ = sequence;
     knowsEnd_ = true;
     // What is held back from behind the end was never sent.
-    while (!pieces_.empty()) {
-        Held& last = pieces_.back();
-        const std::size_t size = last.size();
-        const std::size_t good = upToEnd(last.piece->bytes(), last.sequence).size();
+    while (isHoldingBack()) {
+        const auto last = std::prev(pieces_->end());
+        Piece& piece = *last->second;
+        const std::size_t size = piece.bytes().size();
+        const std::size_t good = upToEnd(piece.bytes(), last->first).size();
         held_ -= size - good;
         if (good != 0) {
-            last.piece->copyBuffer(last.piece->getBuffer(), good);
+            piece.copyBuffer(piece.getBuffer(), good);
             break;
         }
-        pieces_.pop_back();
+        pieces_->erase(last);
+        dropIfEmpty();
     }
 }
 
@@ -179,17 +190,13 @@ void Reassembly::passOver(std::uint32_t end) {
         next_ = end;
 }
 
-bool Reassembly::isPlausible(std::uint32_t sequence) const {
-    return !hasBegun_ || (ahead(sequence) > -kMuch && ahead(sequence) <= kWindow);
-}
-
 bool Reassembly::isLate(std::uint32_t sequence) const {
     const auto distance = static_cast<std::int32_t>(sequence - (knowsEnd_ ? end_ : next_));
-    return distance > -kMuch && distance <= (knowsEnd_ ? 0 : kMuch);
+    return distance > -kWindow && distance <= (knowsEnd_ ? 0 : kWindow);
 }
 
 void Reassembly::drop() {
-    std::vector<Held>().swap(pieces_);
+    pieces_.reset();
     held_ = 0;
 }
 

@@ -21,7 +21,7 @@ struct Segment {
 
     std::uint64_t number = 0;  ///< of its packet in the capture
     Timestamp time;
-    std::int64_t clock = 0;  ///< seconds, never going back: what decides how long something lasts
+    CaptureTime clock = 0;
     Endpoint source;
     Endpoint destination;
     std::uint32_t sequence = 0;         ///< of the first byte of the payload, or of the SYN

@@ -18,16 +18,20 @@ namespace kp::capture {
 ///
 /// A connection whose start was not seen is followed from its first segment with data on. It ends
 /// when both sides have finished, when one resets it, when another one begins between the same
-/// ends, or when nothing came for kIdleSeconds. For kAfterSeconds after its end late copies of its
-/// segments are known as such. Bytes that never come are stepped over, see Reassembly, at the
-/// latest when the connection ends.
+/// ends, or when nothing came for kIdle. For kAfter after its end late copies of its segments are
+/// known as such. Bytes that never come are stepped over, see Reassembly, at the latest when the
+/// connection ends.
+///
+/// One direction may be captured later than the other. Bytes are handed out behind everything that
+/// their sender had acknowledged when it sent them, or when that has not come for Reassembly::kLag.
+/// As long, a connection gets what is still its own after another one began between the same ends.
 ///
 /// Memory: at most about the limit for everything. Beyond it the connections that were silent
 /// longest are given up: what is known of them is handed out.
 class StreamFollower {
 public:
-    static constexpr std::int64_t kIdleSeconds = 600;
-    static constexpr std::int64_t kAfterSeconds = 60;
+    static constexpr CaptureTime kIdle = 600 * kOneSecond;
+    static constexpr CaptureTime kAfter = 60 * kOneSecond;
 
     /// @p listener must outlive the follower; @p memoryLimit is in bytes.
     StreamFollower(ConnectionListener& listener, std::size_t memoryLimit)
@@ -38,9 +42,9 @@ public:
     /// Takes the next segment.
     void segment(const Segment& segment);
 
-    /// Closes the connections that were silent long enough until @p now (of the segments' clock),
-    /// in the order in which they were opened, steps over gaps, and forgets those that ended.
-    void expire(std::int64_t now);
+    /// Closes the connections that were silent long enough until @p now, in the order in which they
+    /// were opened, steps over gaps, and forgets those that ended.
+    void expire(CaptureTime now);
 
     /// Closes the connections that are still open, in the order in which they were opened.
     void finish();
@@ -64,19 +68,31 @@ private:
         std::size_t operator()(const Key& key) const;
     };
     class List;
+    // A reset, which may be captured before what was sent before it.
+    struct Reset {
+        Side side = Side::kFirst;
+        Arrival arrival;
+    };
     struct Connection {
         Endpoint first;
         Endpoint second;
         std::unique_ptr<ConnectionSink> sink;  // null before the first data
         std::uint64_t opened = 0;              // counts up
         std::uint64_t number = 0;              // of the packet that opened it
-        std::int64_t lastSeen = 0;
+        CaptureTime lastSeen = 0;
         std::uint32_t start = 0;  // sequence number of the first side's SYN
         bool sawStart = false;
         bool isFromStart = false;
         bool hasEnded = false;
         bool isWanted = true;  // the sink wants more data
         bool wasToldEnd[2] = {false, false};
+        std::unique_ptr<Reset> reset;  // that came, and waits
+        bool hasPredecessor = false;   // there was one, which may be kept yet
+        bool isSuperseded = false;
+        bool hasStray = false;  // a side has sent bytes from far away, up to strayEnd
+        Side straySide = Side::kFirst;
+        std::uint32_t strayEnd = 0;
+        CaptureTime superseded = 0;
         Reassembly directions[2];
 
         // Its place among the open or the ended ones, by the time of the last segment.
@@ -87,9 +103,10 @@ private:
         std::size_t memory = 0;
 
         Reassembly& direction(Side side) { return directions[static_cast<int>(side)]; }
-        bool isWaiting() const {
-            return directions[0].isHoldingBack() || directions[1].isHoldingBack() || isComplete();
+        bool isHoldingBack() const {
+            return directions[0].isHoldingBack() || directions[1].isHoldingBack();
         }
+        bool isWaiting() const { return isHoldingBack() || reset || isSuperseded || isComplete(); }
         bool isComplete() const { return directions[0].isComplete() && directions[1].isComplete(); }
     };
     using Connections = std::unordered_map<Key, Connection, KeyHash>;
@@ -111,6 +128,12 @@ private:
 
     static Key keyOf(const Segment& segment);
     Connection* find(const Segment& segment);
+    static Side sideOf(const Connection& connection, const Segment& segment);
+    static bool isStartOfNext(Connection& connection, const Segment& segment);
+    static bool isOfNext(Connection& connection, Side side, const Segment& segment);
+    Connection* predecessorOf(Connection& connection);
+    static bool isNearer(Connection& predecessor, Connection& connection, const Segment& segment);
+    Connection& replace(Connections::iterator place, const Segment& segment);
     Connection& open(const Segment& segment, Connections::iterator place);
     void take(Connection& connection, Side side, const Segment& segment);
     void deliver(Connection& connection, Side side);
@@ -118,14 +141,17 @@ private:
     static bool isOlder(const Reassembly& a, const Reassembly& b);
     static int nextDue(Connection& connection);
     void drain(Connection& connection);
-    void stepOverDue(Connection& connection, std::int64_t now);
+    void settle(Connection& connection, CaptureTime now);
+    void waiveDue(Connection& connection, CaptureTime now);
+    void stepOverDue(Connection& connection, CaptureTime now);
+    static bool isOver(Connection& connection, CaptureTime now);
     static Reassembly* oldestGap(Connection& connection);
     void stepOver(Connection& connection, Side side);
     void lose(Connection& connection, Side side, std::uint32_t missing);
     void tellEnds(Connection& connection);
     ConnectionSink& sinkOf(Connection& connection);
     void close(Connection& connection);
-    void closeSilentSince(std::int64_t before);
+    void closeSilentSince(CaptureTime before);
     void account(Connection& connection);
     void forget(Connection& connection);
     void keepToLimit(const Connection* current);

@@ -5,6 +5,11 @@
 
 namespace kp::capture {
 
+/// Microseconds by the times of the packets, never going back: what decides how long something
+/// lasts.
+using CaptureTime = std::int64_t;
+constexpr CaptureTime kOneSecond = 1000000;
+
 /// The time of a packet, as the capture tells it.
 struct Timestamp {
     std::int64_t seconds = 0;        ///< since 1970

@@ -215,6 +215,41 @@ def lost_messages(capture):
 
 
 @case
+def lost_in_pipelines(capture):
+    """Where a client does not wait for answers, nobody knows which one is whose behind a loss."""
+    def request(number):
+        return head("GET /%d HTTP/1.1" % number, HOST)
+
+    # The second of three requests; the answer to the third is sent after a fourth has come.
+    connection = capture.connect("10.0.0.5:40001")
+    times = [connection.client(request(1))]
+    connection.lose(CLIENT, request(2), acknowledged=False)
+    times.append(connection.client(request(3)))
+    connection.server(ok(b"1"))
+    connection.row(times[0], "GET www.example.test /1 200 text/html 1  1 1 1 1")
+    connection.server(ok(b"22"))
+    times.append(connection.client(request(4)))
+    connection.server(ok(b"333"))
+    connection.server(ok(b"4444"))
+    connection.row(times[1], "GET www.example.test /3 - - 0  1 0 0 0")
+    connection.row(times[2], "GET www.example.test /4 - - 0  1 0 0 0")
+    connection.close()
+    capture.wait(15)
+
+    # Both sides keep one message on its way, and the first answer is lost.
+    connection = capture.connect("10.0.0.5:40002")
+    times = [connection.client(request(1)), connection.client(request(2))]
+    connection.lose(SERVER, ok(b"1"))
+    times.append(connection.client(request(3)))
+    connection.server(ok(b"22"))
+    times.append(connection.client(request(4)))
+    connection.server(ok(b"333"))
+    for number, time in enumerate(times, 1):
+        connection.row(time, "GET www.example.test /%d - - 0  1 0 0 0" % number)
+    connection.close()
+
+
+@case
 def lost_and_patient(capture):
     """A gap that stays open is stepped over while the connection lasts; one side may be all."""
     connection = capture.connect("10.0.0.5:40001")

@@ -6,7 +6,9 @@
                                            is an installation, scratch files go there
 
 The capture is Ethernet, IPv4 and TCP without options but on a SYN. Times stay those of the packets, so
-that the lines are the same down to the last digit wherever the information is complete.
+that the lines are the same down to the last digit wherever the information is complete. Where packets
+of several connections are put in another order, the lines may be, too. Where a whole direction is late
+and its packets have the times at which they were captured, the requests have them, too.
 """
 
 import os
@@ -15,7 +17,7 @@ import struct
 import subprocess
 import sys
 
-from kit import (ACK, SYN, cooked, cooked2, doubled, fragmented, loopback, pcap_file, tagged,
+from kit import (ACK, CLIENT, SERVER, SYN, cooked, cooked2, doubled, fragmented, loopback, pcap_file, tagged,
                  tcp_segment, ip_packet, without_ethernet)
 
 POLITE = ("chunked", "entry-points", "escapes", "header-forms", "interim-answers", "interleaved", "methods",
@@ -112,6 +114,49 @@ def retransmitted(frames):
     return result + [last]
 
 
+def clients(frames):
+    """The directions, (source, destination), that a client sends in."""
+    starts = (Segment(frame) for _, frame in frames)
+    return {(start.source, start.destination) for start in starts if start.flags & (SYN | ACK) == SYN}
+
+
+def is_from(side, frame, client_directions):
+    segment = Segment(frame)
+    return side == BOTH or ((segment.source, segment.destination) in client_directions) == (side == CLIENT)
+
+
+def delayed(frames, side, packets=0, seed=1):
+    """Each segment with data of one side behind the next packets, as many as said, or one to three."""
+    order = random.Random(seed)
+    client_directions = clients(frames)
+    places = []
+    for place, (time, frame) in enumerate(frames):
+        if Segment(frame).data and is_from(side, frame, client_directions):
+            place += (packets or order.randint(1, 3)) + 0.5
+        places.append((place, time, frame))
+    return [(time, frame) for _, time, frame in sorted(places, key=lambda item: item[0])]
+
+
+def late(frames, side, milliseconds, shifted=False):
+    """All packets of one side so much later; shifted: with the times to match."""
+    client_directions = clients(frames)
+    moved = []
+    for time, frame in frames:
+        lag = milliseconds * 10**6 if is_from(side, frame, client_directions) else 0
+        moved.append((time + lag, time + lag if shifted else time, frame))
+    return [(time, frame) for _, time, frame in sorted(moved, key=lambda item: item[0])]
+
+
+def with_later_requests(lines, milliseconds):
+    result = []
+    for line in lines:
+        seconds, micros = line.split(b"\t")[0].split(b".")
+        moved = int(seconds) * 10**6 + int(micros) + milliseconds * 1000
+        result.append(b"%d.%06d" % divmod(moved, 10**6) + line[line.index(b"\t"):])
+    return result
+
+
+BOTH = None
 VARIATIONS = {
     "cut-1": (lambda frames: cut(frames, 1), 1),
     "cut-13": (lambda frames: cut(frames, 13), 1),
@@ -129,35 +174,68 @@ VARIATIONS = {
     "raw-ip": (without_ethernet, 101),
     "loopback": (loopback, 0),
 }
+# In another order: what is changed, and how much later the requests are.
+REORDERINGS = {}
+for _side, _name in ((CLIENT, "client"), (SERVER, "server"), (BOTH, "both")):
+    for _packets in (1, 2, 3, 0):
+        REORDERINGS["%s-delayed-%s" % (_name, _packets or "randomly")] = (
+            lambda frames, side=_side, packets=_packets: delayed(frames, side, packets), 0)
+for _side, _name in ((CLIENT, "client"), (SERVER, "server")):
+    for _lag in (3, 45, 200, 500):
+        REORDERINGS["%s-late-%d" % (_name, _lag)] = (
+            lambda frames, side=_side, lag=_lag: late(frames, side, lag), 0)
+        REORDERINGS["%s-late-%d-shifted" % (_name, _lag)] = (
+            lambda frames, side=_side, lag=_lag: late(frames, side, lag, shifted=True),
+            _lag if _side == CLIENT else 0)
+
+
+def printed(program, folder, frames, link=1):
+    """The status and the lines of kp-capture for these packets."""
+    scratch = os.path.join(folder, "varied.pcap")
+    with open(scratch, "wb") as file:
+        file.write(pcap_file(frames, link=link))
+    run = subprocess.run([program, "--dir", folder, "--print", "--all", "--replay", scratch],
+                         stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False)
+    return run.returncode, run.stdout.splitlines()
 
 
 def check(program, folder):
     here = os.path.dirname(os.path.abspath(__file__))
-    scratch = os.path.join(folder, "varied.pcap")
-    differences = 0
+    differences = wrong = 0
+
+    def compare(name, variation, got, expected):
+        nonlocal differences, wrong
+        status, lines = got
+        if status == 0 and lines == expected:
+            return
+        differences += 1
+        unexpected = [line for line in lines if line not in expected]
+        wrong += len(unexpected)
+        print("%s, %s: status %d, %d lines of %d; not expected:" % (name, variation, status, len(lines),
+                                                                    len(expected)))
+        print(b"\n".join(unexpected).decode())
+
     for name in POLITE:
         frames = read_pcap(os.path.join(here, name + ".pcap"))
         with open(os.path.join(here, name + ".expected"), "rb") as file:
-            expected = file.read()
+            expected = file.read().splitlines()
         for variation, (change, link) in VARIATIONS.items():
-            with open(scratch, "wb") as file:
-                file.write(pcap_file(change(frames), link=link))
-            run = subprocess.run([program, "--dir", folder, "--print", "--all", "--replay", scratch],
-                                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False)
-            if run.returncode != 0 or run.stdout != expected:
-                differences += 1
-                print("%s, %s: status %d" % (name, variation, run.returncode))
-                print(run.stdout.decode())
-    print("%d captures, %d variations, %d differences" % (len(POLITE), len(VARIATIONS), differences))
+            compare(name, variation, printed(program, folder, change(frames), link), expected)
+        for variation, (change, lag) in REORDERINGS.items():
+            status, lines = printed(program, folder, change(frames))
+            compare(name, variation, (status, sorted(lines)), sorted(with_later_requests(expected, lag)))
+    print("%d captures, %d variations, %d differences, %d wrong rows"
+          % (len(POLITE), len(VARIATIONS) + len(REORDERINGS), differences, wrong))
     return differences != 0
 
 
 def main():
     if len(sys.argv) == 4 and sys.argv[1] == "--check":
         sys.exit(check(sys.argv[2], sys.argv[3]))
-    if len(sys.argv) != 4 or sys.argv[2] not in VARIATIONS:
-        sys.exit(__doc__ + "\nVariations: " + ", ".join(VARIATIONS))
-    change, link = VARIATIONS[sys.argv[2]]
+    known = {**VARIATIONS, **{name: (change, 1) for name, (change, _) in REORDERINGS.items()}}
+    if len(sys.argv) != 4 or sys.argv[2] not in known:
+        sys.exit(__doc__ + "\nVariations: " + ", ".join(known))
+    change, link = known[sys.argv[2]]
     with open(sys.argv[3], "wb") as file:
         file.write(pcap_file(change(read_pcap(sys.argv[1])), link=link))
 

@@ -41,11 +41,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         rest.remove_prefix(frame.size());
         Segment segment;
         if (reader.read(link, frame, time, segment)) {
-            segment.clock = time.seconds;
+            segment.clock = time.seconds * kOneSecond;
             follower.segment(segment);
         }
         if (++time.seconds % 10 == 0)
-            follower.expire(time.seconds);
+            follower.expire(time.seconds * kOneSecond);
     }
     follower.finish();
     return 0;

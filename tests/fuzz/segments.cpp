@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Endpoint ends[] = {{0x0A000001, 4000}, {0x0A000002, 80}};
     Listener listener;
     StreamFollower follower(listener, 50000);
-    Timestamp time{1700000000, 0};
+    CaptureTime clock = 1700000000 * kOneSecond;
     for (; size >= 6; data += 6, size -= 6) {
         const bool isBack = (data[0] & 0x80) != 0;
         Segment segment;
@@ -88,12 +88,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             payload += byteAt(first + i);
         segment.payload = payload;
         segment.cut = data[4] % 16 == 0 ? data[5] : 0;
-        time.seconds += data[5] % 4;
-        segment.time = time;
-        segment.clock = time.seconds;
+        // Steps of seconds, or of quarters.
+        clock += (data[5] % 4) * ((data[5] & 0x40) != 0 ? kOneSecond / 4 : kOneSecond);
+        segment.time = {clock / kOneSecond, static_cast<std::uint32_t>(clock % kOneSecond)};
+        segment.clock = clock;
         follower.segment(segment);
         if (data[5] > 250)
-            follower.expire(time.seconds);
+            follower.expire(clock);
     }
     follower.finish();
     return 0;

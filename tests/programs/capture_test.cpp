@@ -1,6 +1,7 @@
 // kp-capture over stored captures: the lines it prints, and how it starts, fails and ends.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "support/installation.h"
@@ -61,6 +62,39 @@ TEST_F(CaptureTest, PrintsTheExpectedLinesOfEveryStoredCapture) {
         ++captures;
     }
     EXPECT_GE(captures, 20);
+}
+
+TEST_F(CaptureTest, PrintsAndRecordsAnswersAloneWhenAsked) {
+    // The answers of the visit alone.
+    const Arguments replay = {"--print", "--replay", KP_CAPTURES "/visit.pcap"};
+    configure({"--range", "10.0.0.0/24", "--filter", "src host 203.0.113.80", "--days", "30000"});
+    EXPECT_EQ(capture(replay).out, "");
+    Arguments alone = replay;
+    alone.insert(alone.end(), {"--answers-alone", "--record"});
+    const Outcome outcome = capture(alone);
+    EXPECT_NE(outcome.out.find(
+                  "\t10.0.0.5\t40001\t203.0.113.80\t80\t-\t-\t-\t200\ttext/css\t12\t1\t1\t1\t0\n"),
+              std::string::npos)
+        << outcome.out;
+    EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 4);
+    const auto query = [](const Arguments& arguments) {
+        return kp::test::runProgram(KP_QUERY, arguments).out;
+    };
+    const std::string list = query({"list", "--tsv"});
+    EXPECT_NE(list.find("\t-\t-\t-\t301\ttext/html\t0\t1\t1\t0\t0\t0.000\n"), std::string::npos)
+        << list;
+    // The totals that are kept agree with the rows: four answers, and no request without one.
+    const Arguments totals = {"totals", "--by", "day", "--tsv"};
+    Arguments counted = totals;
+    counted.insert(counted.end(), {"--server", "203.0.113.80"});
+    EXPECT_NE(query(totals).find("\t4\t59\t0.000\t0\t3\t1\t0\t0\t3\t3\t0\n"), std::string::npos)
+        << query(totals);
+    EXPECT_EQ(query(counted), query(totals));
+    EXPECT_NE(query({"top", "methods", "--tsv"}).find("-\t4\t59\t"), std::string::npos);
+    // Where both directions are there, nothing changes.
+    configure({"--range", "10.0.0.0/24"});
+    EXPECT_EQ(capture({"--print", "--answers-alone", "--replay", KP_CAPTURES "/visit.pcap"}).out,
+              contentOf(KP_CAPTURES "/visit.expected"));
 }
 
 TEST_F(CaptureTest, ReadsACaptureFromStandardInput) {

@@ -13,6 +13,7 @@ namespace {
 
 using kp::capture::HttpConnection;
 using kp::capture::HttpParser;
+using kp::capture::Pairing;
 using kp::capture::Side;
 using kp::capture::Transaction;
 using testing::ElementsAre;
@@ -47,6 +48,7 @@ Rows play(const Turns& turns, std::size_t size = std::string::npos, std::size_t 
           bool fromStart = true) {
     RowSink sink;
     HttpConnection connection({10, 1}, {20, 2}, fromStart, sink);
+    std::uint32_t sent[] = {1000, 5000};
     for (std::size_t i = 0; i < turns.size(); ++i) {
         std::string_view rest = turns[i].bytes;
         if (rest.empty())
@@ -57,6 +59,11 @@ Rows play(const Turns& turns, std::size_t size = std::string::npos, std::size_t 
             auto* const piece = new kp::capture::Piece;
             kp::capture::Arrival arrival;
             arrival.time = {static_cast<long>(i), 0};
+            const int side = turns[i].side == A ? 0 : 1;
+            arrival.sequence = sent[side];
+            arrival.acknowledged = sent[1 - side];
+            arrival.hasAcknowledged = true;
+            sent[side] += static_cast<std::uint32_t>(now);
             piece->keep(rest.substr(0, now), arrival);
             KP_BufferStream stream;
             stream.add(piece);
@@ -119,15 +126,19 @@ TEST(HttpConnectionTest, FindsTheClientByItsBytesAndReadsAnswersUntilTheyEnd) {
 
 TEST(HttpConnectionTest, FindsItsWayIntoAConnectionThatWasThereBefore) {
     const Turns turns = {{A, "the rest of a page http/1.1 of HHTTP/1.1"},
+                         {A, "more binary \xff\xfe"},
                          {B, "tail of a form\nname=value\n" + kGet},
-                         {A, "more binary \xff\xfe" + kOk},
+                         {A, kOk},
                          {B, kGet},
                          {A, kOk}};
     for (std::size_t size = 1; size < 60; ++size) {
         EXPECT_THAT(play(turns, size, 0, false),
-                    ElementsAre("GET h / 200 - 2 @1 :2", "GET h / 200 - 2 @3 :2"))
+                    ElementsAre("GET h / 200 - 2 @2 :2", "GET h / 200 - 2 @4 :2"))
             << size;
     }
+    // Sent within an answer, so it is not known how many wait before it.
+    EXPECT_THAT(play({{A, "one page"}, {B, kGet}, {A, " more" + kOk}}, std::string::npos, 0, false),
+                ElementsAre("GET h / 0 - 0 @1 :2"));
     EXPECT_THAT(play({{A, kOk}, {B, kGet}, {A, kOk}}, std::string::npos, 0, false),
                 ElementsAre("GET h / 200 - 2 @1 :2"));
 }
@@ -228,14 +239,14 @@ TEST(HttpConnectionTest, GivesUpAHeadWithoutAnEndAndNothingElse) {
 TEST(HttpConnectionTest, BoundsWhatWaitsWithoutShiftingThePairs) {
     constexpr std::size_t kMore = 3;
     std::string flood;
-    for (std::size_t i = 0; i < HttpConnection::kMostWaiting + kMore; ++i) {
+    for (std::size_t i = 0; i < Pairing::kMostWaiting + kMore; ++i) {
         flood += "GET /" + std::to_string(i) + " HTTP/1.1\r\n\r\n";
     }
     std::string answers;
     for (std::size_t i = 0; i < kMore + 1; ++i)
         answers += kOk;
     const Rows rows = play({{A, flood}, {B, answers}});
-    ASSERT_EQ(rows.size(), HttpConnection::kMostWaiting + kMore);
+    ASSERT_EQ(rows.size(), Pairing::kMostWaiting + kMore);
     EXPECT_EQ(rows[kMore - 1], "GET - /2 0 - 0 @0 :1");
     EXPECT_EQ(rows[kMore], "GET - /3 200 - 2 @0 :1");
     EXPECT_EQ(rows[kMore + 1], "GET - /4 0 - 0 @0 :1");

@@ -1,4 +1,4 @@
-# Makes an installation in WORK and has vary.py check kp-capture in it.
+# Makes an installation in WORK and has one of the scripts, CHECK, check kp-capture in it.
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 file(WRITE ${WORK}/password "secret\n")
@@ -7,6 +7,6 @@ execute_process(
   COMMAND_ERROR_IS_FATAL ANY OUTPUT_QUIET)
 execute_process(
   COMMAND ${CMAKE_COMMAND} -E env PYTHONDONTWRITEBYTECODE=1
-          ${PYTHON} ${CMAKE_CURRENT_LIST_DIR}/vary.py --check ${CAPTURE} ${WORK}
+          ${PYTHON} ${CMAKE_CURRENT_LIST_DIR}/${CHECK}.py --check ${CAPTURE} ${WORK}
   COMMAND_ERROR_IS_FATAL ANY)
 file(REMOVE_RECURSE ${WORK})
