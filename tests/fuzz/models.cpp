@@ -57,10 +57,10 @@ void playStrings(Script& script) {
         const unsigned what = script.number();
         KP_String& string = strings[what / 16 % 3];
         std::string& model = models[what / 16 % 3];
+        if (model.size() > kLongest)
+            string = "", model.clear();
         const KP_String& other = strings[what / 64 % 3];
         const std::string otherModel = models[what / 64 % 3];
-        if (model.size() + otherModel.size() > kLongest)
-            string = "", model.clear();
         switch (what % 16) {
             case 0: {
                 const std::string text = textFrom(script);
@@ -89,7 +89,7 @@ void playStrings(Script& script) {
                 break;
             }
             case 5: {
-                const int number = positionFrom(script) * 16777259;
+                const int number = positionFrom(script) * 8388617;
                 string << number;
                 model += std::to_string(number);
                 break;
@@ -270,8 +270,10 @@ void playStream(Script& script) {
         std::string bytes(script.text());
         bytes += static_cast<char>(i);
         auto* const buffer = new KP_Buffer;
-        buffer->copyBuffer(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
         buffer->setOwner(1);
+        require(buffer->initBuffer(bytes.size()) == 0);
+        const auto* const first = reinterpret_cast<const unsigned char*>(bytes.data());
+        require(buffer->copyBuffer(first, bytes.size()) == 0);
         require(stream.add(buffer) == 0);
         model += bytes;
     }

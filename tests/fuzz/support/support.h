@@ -11,10 +11,12 @@
 
 namespace kp::fuzz {
 
-/// Ends the run as a finding.
-inline void require(bool isTrue) {
-    if (!isTrue)
-        std::abort();
+/// Ends the run as a finding, and says in which line of the target.
+inline void require(bool isTrue, int line = __builtin_LINE()) {
+    if (isTrue)
+        return;
+    std::fprintf(stderr, "line %d: not as it should be\n", line);
+    std::abort();
 }
 
 /// Whether @p body ends the process, which it does not do here: exit() is an exception that unwinds
