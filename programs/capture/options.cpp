@@ -117,8 +117,8 @@ std::optional<int> readOptions(int argc, char** argv, Options& options) {
                  "Serve the administration front end (for kp-admin) on the configured\n"
                  "port; after a replay, serving continues until a signal ends it");
     app.add_option("--client-timeout", options.clientTimeout,
-                   "Seconds that a client of the front end may take for its login,\n"
-                   "for each command and between two commands")
+                   "Seconds that a client of the front end may take for a command\n"
+                   "and between two commands; for its login at most 5")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str()
         ->type_name("SECONDS");

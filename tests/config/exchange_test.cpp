@@ -75,6 +75,7 @@ TEST(ExchangeTest, HostileMessagesStayWithinTheirBounds) {
         {kHead + "\0\0\0\0p\n\1\0\0\0\x10"s, -1},
         {kHead + "\0\0\0\0p\n\1\0\0\0\x01"s + "255.255.255.255\n255.0.0.0\n", -1},
         {kHead + "\0\0\0\0p\n\1\0\0\0\x01"s + "10.0.0.1\n1.2.3.x\n", -1},
+        {kHead + "\0\0\0\0p\n\1\0\0\0\x01"s + "\x1b[2J\t\x9b" + "9\n", -1},
         {kHead.substr(0, 9), -1},
         {kHead + "\0\0\0\0p\n\1\0\0\0\x01"s + "10.0.0.1\n255.255.255", -1},  // ends in a line
         {kHead + "\0\0\0\0"s + std::string(511, 'p') + "\n\0\0\0\0\0"s, 0},
@@ -96,6 +97,7 @@ TEST(ExchangeTest, HostileMessagesStayWithinTheirBounds) {
               "TIME - hcommand_SET_CONFIG: more than 5 networks\n"
               "TIME - hcommand_SET_CONFIG: Malformed IP Address(1): 255.255.255.255\n"
               "TIME - hcommand_SET_CONFIG: Malformed IP Address(2): 1.2.3.x\n"
+              "TIME - hcommand_SET_CONFIG: Malformed IP Address(1): ?[2J\t?9\n"
               "TIME - hcommand_SET_CONFIG: a field has more than 511 characters\n");
 }
 

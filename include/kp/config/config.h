@@ -79,7 +79,8 @@ public:
     /// that is whole. Returns 0, or -1 when something was not taken.
     int saveTo(std::FILE* file);
     /// 1 when @p user is "root" and @p typed is the stored password, else 0. Neither is null. While
-    /// the password is empty, as in a new configuration, an empty one is right.
+    /// the password is empty, as in a new configuration, an empty one is right. The time that it
+    /// takes does not depend on how much of the password is right.
     virtual int isValidPassword(const char* user, const char* typed);
     /// 1 when administration is accepted from @p address, else 0: from everywhere while
     /// applyNetAddress is 0, else from the networks (from nowhere when there are none).
