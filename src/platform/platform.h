@@ -39,7 +39,8 @@ bool isDirectory(const char* path);
 /// directory is refused with EISDIR.
 std::FILE* openFile(const char* path, const char* mode);
 /// Makes a file that was opened with "a+" the one that is now at @p path, created if there is none.
-/// Writes of other threads go to the old one or the new one. False with errno: it stays the old one.
+/// Writes of other threads go to the old one or the new one. False with errno: it stays the old
+/// one.
 bool reopenLog(std::FILE* file, const char* path);
 /// openFile() for configuration files: a file that it creates is its owner's alone.
 std::FILE* openConfigurationFile(const char* path, const char* mode);

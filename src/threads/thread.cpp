@@ -72,8 +72,8 @@ struct KP_Thread::Loop {
         }
     }
     // Waits a limited time, and no longer when the waiting thread itself is to be ended by force;
-    // whether the loop has ended. The signal for that may come just before the sleep, and so may the
-    // one with which this loop is ended: @p insists sends it again.
+    // whether the loop has ended. The signal for that may come just before the sleep, and so may
+    // the one with which this loop is ended: @p insists sends it again.
     bool waitALittleForEnd(bool insists = false) {
         for (int slices = kForcedEndLimit / kLongestDeafness; !hasEnded(); --slices) {
             if (slices == 0 || kp::platform::isAbandonWanted()) {

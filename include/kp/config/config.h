@@ -110,13 +110,13 @@ public:
     /// The mappings come in a new array: the one before stays the caller's, and is lost unless the
     /// caller calls reset() first or has kept its address. After a failure within the mappings the
     /// rest of the array is empty records; without memory for it ("hcommand_SET_CONFIG: Not enough
-    /// memory." in the log) the array before and its number stay. Of a mapping the first 63 characters of the type and
-    /// the first 16 extensions, 15 characters each, are kept. More than 5 networks, addresses that
-    /// are none, a device, filter or password that is too long, any line of more than 2047
-    /// characters, and a message that ends too early are refused. Returns 0; -1 at the first
-    /// failure: what came before it is changed then, and the rest is still unread, so a host
-    /// receives into a copy and gives such a connection up. netAddress stays as it was: the host
-    /// sets it, or saves the configuration and reads it again.
+    /// memory." in the log) the array before and its number stay. Of a mapping the first 63
+    /// characters of the type and the first 16 extensions, 15 characters each, are kept. More than
+    /// 5 networks, addresses that are none, a device, filter or password that is too long, any line
+    /// of more than 2047 characters, and a message that ends too early are refused. Returns 0; -1
+    /// at the first failure: what came before it is changed then, and the rest is still unread, so
+    /// a host receives into a copy and gives such a connection up. netAddress stays as it was: the
+    /// host sets it, or saves the configuration and reads it again.
     int readJ(int socket) override;
 
     /// Opens @p fileName in the sub-directory @p dir of the installation directory, as fopen()

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iosfwd>
 #include <new>
+#include <type_traits>
 
 #include "kp/export.h"
 
@@ -90,13 +91,38 @@ public:
     static void operator delete(void*, void*) noexcept {}
 };
 
+namespace kp::detail {
+
+/// A type for each function, so that two of them can be told apart by the compiler.
+template <unsigned long (*)()>
+struct IdentifierOf {};
+
+/// Whether no class has its identifier from another one of them.
+template <class First, class... Others>
+constexpr bool areDifferent() {
+    constexpr bool isAlone =
+        (!std::is_same_v<IdentifierOf<&First::getClassID>, IdentifierOf<&Others::getClassID>> &&
+         ...);
+    if constexpr (sizeof...(Others) != 0) {
+        return isAlone && areDifferent<Others...>();
+    } else {
+        return isAlone;
+    }
+}
+
+}  // namespace kp::detail
+
 // What a class of one's own needs beside its declarations; docs/getting-started.md has a whole one.
 namespace kp {
 
-/// Implements queryInterface() for a class that can be seen as each of @p Views, tried in order. The
-/// class itself is the first of them: return kp::answerAs<Mine, KP_Object>(this, id, out).
+/// Implements queryInterface() for a class that can be seen as each of @p Views, tried in order.
+/// The class itself is the first of them: return kp::answerAs<Mine, KP_Object>(this, id, out). One
+/// that is to be sorted names KP_Compare, too. Does not compile for a class that declares no
+/// getClassID() of its own.
 template <class... Views, class Self>
 int answerAs(Self* self, unsigned long id, void** out) {
+    static_assert(detail::areDifferent<Views...>(),
+                  "each class that is answered to declares its own getClassID()");
     *out = nullptr;
     const auto wanted = static_cast<std::uint32_t>(id);
     const bool found = ((static_cast<std::uint32_t>(Views::getClassID()) == wanted &&

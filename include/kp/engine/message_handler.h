@@ -13,8 +13,8 @@ extern template class KP_API KP_List<KP_MessageHandler>;
 /// Offers messages to the handlers in its list, in order, until one answers non-zero.
 ///
 /// One thread at a time sends through a handler: two at once share one cursor, and a handler that
-/// was there all the time can be left out. A host with several senders has a lock around
-/// sendMessage().
+/// was there all the time can be left out. A host with several senders has one lock for the whole
+/// tree around sendMessage(), since a branch is also used through the root.
 ///
 /// A class that acts on messages overrides handleMessage() and returns non-zero when it has dealt
 /// with one; it may call the default to pass others on. A plain handler passes everything on, so

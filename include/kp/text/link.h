@@ -22,10 +22,6 @@ To* castTo(From* object) {
 template <class Declarer>
 Declarer* declarerOf(int (Declarer::*)(unsigned long, void**));
 
-/// A type for each function, so that two of them can be told apart by the compiler.
-template <unsigned long (*)()>
-struct IdentifierOf {};
-
 /// What a class declares of its identity itself; where several bases could have been meant, all.
 template <class T, class = void>
 struct Identity {
@@ -51,7 +47,7 @@ namespace kp {
 /// inherits its identifier shares it with classes that are no T, so the language's own cast
 /// decides; and a KP_Object is what every object is, whether it answers to the identifier or not.
 /// A class declares both getClassID() and queryInterface(), or neither: the first alone does not
-/// compile here, and the second alone is not noticed.
+/// compile here, and the second alone not in kp::answerAs().
 template <class T>
 T* viewAs(KP_Object* object) {
     if constexpr (std::is_same_v<T, KP_Object>) {

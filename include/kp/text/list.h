@@ -25,20 +25,23 @@
 /// insert() then adds at the end. A search that comes to the end leaves it on the last element.
 ///
 /// Ownership: with setOwner(1) an element that is removed, or left over when the list is destroyed,
-/// is released, last of all: when it ends the list no longer has it. Without it the list frees its links and never an element. setRecycle(1) keeps the
-/// links of removed elements, but not those of clear(), for later append()s.
+/// is released; by then the list no longer has it. Without setOwner(1) the list frees its links and
+/// never an element. setRecycle(1) keeps the links of removed elements, but not those of clear(),
+/// for later append()s.
 ///
 /// Memory: append() and insert() throw KP_NoMoreMemoryException when there is none for a link; the
 /// list is as before, and the element is still the caller's.
 ///
 /// Misuse: an element that is to be its own link and is none (a KP_Link of the list's own T), or
-/// that is chained already, in this list or another, is refused: -1, a line in the log, and the element is still the caller's. (Of
-/// one that is alone in another list nobody can tell.)
+/// that is chained already, in this list or another, is refused: -1, a line in the log, and the
+/// element is still the caller's. (An element that is the only one of another list cannot be told
+/// from a free one.)
 ///
 /// Copies: a copy refers to the same elements, in links of its own, and owns none of them: it has
 /// the source's order, its cursor and its way with removed links, but not its ownership, and its
 /// elements are not their own links. The source must not release what the copy still refers to;
-/// after setOwner(0) of the source and setOwner(1) the copy is the owner. Assignment first does
+/// after setOwner(0) of the source and setOwner(1) the copy is the owner. A list of elements of its
+/// own is made by appending a copy of each that elements() gives. Assignment first does
 /// what clear() does, but does not release an element that the source has too; a target that owned
 /// all that it now has stays the owner, so a list can be set back to a copy of itself. Either
 /// throws KP_NoMoreMemoryException and leaves the target as it was.
@@ -50,7 +53,8 @@
 ///     for (T* element : list.elements()) ...
 ///
 /// which holds it and leaves the cursor where it is. The option setters, getCurrentLink(),
-/// setCurrentLink(), sortArray() and createLink() take no lock. Nobody may use the list when it is destroyed.
+/// setCurrentLink(), sortArray() and createLink() take no lock. Nobody may use the list when it is
+/// destroyed.
 template <class T>
 class KP_List : public virtual KP_Object, public virtual KP_Mutex {
 public:
@@ -100,7 +104,8 @@ public:
     virtual int remove(T* element);
     /// What sort() calls: puts @p count links in order by KP_Tools::sort(); returns 0.
     virtual int sortArray(KP_Object** links, int count);
-    /// Sorts the list by comparing its elements (mode 0) and puts the cursor on the first. Does
+    /// Sorts the list by comparing its elements (mode 0) and puts the cursor on the first. Elements
+    /// answer to KP_Compare for it; where one does not, the order is any. Does
     /// nothing when there are fewer than two, or when none was added since the last sort(), however
     /// they have changed. Returns 0, or -1 with the list unchanged when memory runs out.
     virtual int sort();

@@ -49,8 +49,9 @@ KP_Link<T>* KP_List<T>::copyLink(const KP_Link<T>* from) {
     return link;
 }
 
-// Unchains, and does not release, those elements that another chain of so many links has too: a list
-// that gets a copy of itself back still needs them. Returns whether the other chain has no others.
+// Unchains, and does not release, those elements that another chain of so many links has too: a
+// list that gets a copy of itself back still needs them. Returns whether the other chain has no
+// others.
 template <class T>
 bool KP_List<T>::keepElements(const KP_Link<T>* others, std::int32_t count) {
     const auto size = static_cast<std::size_t>(count);

@@ -10,8 +10,9 @@
 /// KP_ThreadPool::addTask() makes its tasks, and the pool owns them; a pool that overrides
 /// createTask() makes tasks of a host's class.
 ///
-/// What a task is given for its argument to be ended by, setRelease(), is called when the task ends,
-/// on the thread that ends it: after the work, or when the task is withdrawn or left over.
+/// setRelease() names a function that ends the argument. It is called once, when the task is
+/// released, on whatever thread that happens: after the work, or when the task is withdrawn or left
+/// over.
 ///
 /// Threads: takes no lock; a task that is queued or runs is left alone.
 class KP_API KP_Task : public virtual KP_Object {
@@ -41,8 +42,8 @@ public:
         return 0;
     }
 
-    /// Memory for tasks, which come and go by the thousand and mostly end in another thread than they
-    /// began in: some blocks, 110 KB at most and 7 KB a thread, are kept for later ones.
+    /// Memory for tasks, which come and go by the thousand and mostly end in another thread than
+    /// they began in: some blocks, 110 KB at most and 7 KB a thread, are kept for later ones.
     static void* operator new(std::size_t size) noexcept;
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
     static void* operator new(std::size_t, void* place) noexcept { return place; }

@@ -25,8 +25,8 @@
 /// thread or a list ends within a second. The process lives on, and the object can be started again
 /// or released. It uses the real-time signal SIGRTMIN + 7, whose handler is installed when a thread
 /// is first stopped by force. Work that blocks all signals cannot be broken off by the system, and
-/// neither can a host's own run(), which is no work: the loop lives until it returns, and the object
-/// cannot be started again before.
+/// neither can a host's own run(), which is no work: the loop lives until it returns, and the
+/// object cannot be started again before.
 ///
 /// Lifetime: objects are reference-counted. A running loop holds a reference, so the owner may
 /// release the object at any time after start(); it is destroyed when the loop has ended. A thread
@@ -56,10 +56,11 @@ public:
     /// One iteration's work: calls the function, if there is one, and returns 0.
     virtual int doTask();
     /// Stores those of the two that are not null, and returns what start() does.
+    /// A class that overrides start() without arguments keeps this one by `using KP_Thread::start`.
     virtual int start(void (*function)(void*), void* arg);
     /// Signals the thread's event: ends a sleep, or wakes one joiner, which looks whether the loop
-    /// has ended. Returns 0. Called by stop(), by the loop when it ends (more than once when several
-    /// threads join it), and by a pool for its current worker when a task is added.
+    /// has ended. Returns 0. Called by stop(), by the loop when it ends (more than once when
+    /// several threads join it), and by a pool for its current worker when a task is added.
     virtual int joinSignal();
     /// Replaces what the next iteration calls, or what it hands over; returns 0.
     virtual int setFunction(void (*function)(void*));
@@ -76,9 +77,9 @@ public:
     virtual int setContinue(int on);
 
     /// Starts the loop on a new thread; a loop that runs already is left alone, and one that was
-    /// told to end and has not yet goes on: otherwise a restart would leave a thread that ends. Waits for one that is just ending, 5 seconds at most.
-    /// Returns 0; -1 when the system refuses a thread, when memory runs out, and while a loop lives
-    /// that could not be ended by force.
+    /// told to end and has not ended yet goes on, as a restart wants it. Waits for one that is just
+    /// ending, 5 seconds at most. Returns 0; -1 when the system refuses a thread, when memory runs
+    /// out, and while a loop lives that could not be ended by force.
     int start() override;
     /// Tells the loop to end, and ends its sleep; does not wait for it. With hard stop, ends it by
     /// force and waits until its work has been left (5 seconds at most). Returns 0.
@@ -92,8 +93,8 @@ public:
     /// there.
     int join(KP_Mutex* mutex, int milliseconds) override;
     /// The continue flag, read without the thread's lock, which a loop that is ended by force while
-    /// it asks could leave locked: whether the thread is meant to run, not whether it does. It is 1 in a new
-    /// thread, and stop() leaves it alone when there is no loop.
+    /// it asks could leave locked: whether the thread is meant to run, not whether it does. It is 1
+    /// in a new thread, and stop() leaves it alone when there is no loop.
     int isRunning() override;
 
     char* getClassName() override;

@@ -24,9 +24,9 @@
 /// KP_Event::waitUntil(). Without auto-stop join() waits until somebody calls stop(), and what is
 /// queued then stays for the next start().
 ///
-/// A task that throws has failed: the log gets a line with its identifier, and its worker goes on.
-/// A hard stop of a worker can break off a task, never the pool's own code; the task does not run
-/// again.
+/// A task that throws has failed: the log, if it is open, gets a line with its identifier, and its
+/// worker goes on. A hard stop of a worker can break off a task, never the pool's own code; the
+/// task does not run again.
 ///
 /// Workers of a host's own class are added by an override of addThread(), which gives them
 /// asyncCallback(), themselves as argument and the pool as second argument. The one that last began
@@ -55,8 +55,11 @@ public:
     /// is any number, for removeTasksByID(); several tasks may have the same. Returns 0; -1 when
     /// createTask() of a derived class gave none.
     virtual int addTask(void (*function)(void*), void* arg, int id);
-    /// The same, and @p end ends the argument when the task is released, run or withdrawn
-    /// (KP_Task::setRelease()); also at once when there is no task, so that nothing leaks.
+    /// The same, and @p end ends the argument when the task is released, run or withdrawn, on any
+    /// thread (KP_Task::setRelease()); also at once when there is no task, so that nothing leaks.
+    /// Does not call the operation above: a class that wants to see all tasks overrides
+    /// createTask(), and one that overrides addTask() keeps this one by `using
+    /// KP_ThreadPool::addTask`.
     int addTask(void (*function)(void*), void* arg, int id, void (*end)(void*));
     /// A new task, which is in no queue. When memory runs out, "malloc" and the system's reason go
     /// to standard error, and the process ends with "out of memory" in the log.

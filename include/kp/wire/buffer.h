@@ -14,9 +14,10 @@
 ///
 /// Ownership: by default a block of initBuffer() outlives the buffer. It is leaked unless
 /// resetBuffer() frees it before another takes its place and before the buffer ends, or whoever
-/// kept its address does so with std::free(), after setBuffer(nullptr, 0). After setOwner(1) the buffer looks after it: such a
-/// block is freed as well when another takes its place and when the buffer ends, as when the stream
-/// that the buffer is in releases it. A borrowed block is never freed.
+/// kept its address does so with std::free(), after setBuffer(nullptr, 0). After setOwner(1) the
+/// buffer looks after it: such a block is freed as well when another takes its place and when the
+/// buffer ends, as when the stream that the buffer is in releases it. A borrowed block is never
+/// freed.
 ///
 /// A block that was filled in place is told its length by copyBuffer() of its own bytes, which
 /// copies nothing then. So data comes into a stream by

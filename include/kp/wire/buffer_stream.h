@@ -20,10 +20,10 @@
 /// find() of an address that no buffer holds believes its caller, and the cursor is then on that
 /// single byte, in front of the buffer that follows the current one.
 ///
-/// Which walk to take, with what a byte costs beside a loop over an array, about:
+/// There are three walks; what a byte costs is compared with a loop over an array:
 ///
-/// - run() and nextRun(), as much: the one to take where code can look at all bytes of a buffer and
-///   then carry on in the next, as below.
+/// - run() and nextRun(), the same: the one to take where code can look at all bytes of a buffer
+///   and then carry on in the next, as below.
 /// - step(), 3 times as much: a byte at a time, with the cursor on it for the other operations. The
 ///   byte is stream.KP_BufferStream::getNext(), no virtual call when it is written like this.
 /// - ontoNext(), 6 times as much, or incNext() and getNext(), which are two calls: for code that
@@ -33,6 +33,10 @@
 ///         const std::string_view run = stream.run();
 ///         ...
 ///     }
+///
+/// The cursor is on a byte, never behind the last one: who consumes a stream that grows remembers
+/// whether that byte was taken. Parsed buffers stay until reset(); a long connection copies what is
+/// left into a new buffer, resets the stream and adds that.
 ///
 /// A class that overrides incNext() overrides ontoNext() and the copy() of text as well, which do
 /// not call it.
@@ -97,8 +101,8 @@ public:
     /// Moves the cursor to the first byte of the next buffer that has one.
     /// Returns false when there is none; the cursor then stays.
     bool nextRun();
-    /// findPattern() for bytes of any number and value: zero bytes count as any other. What goes
-    /// over the end of a buffer is not found; an empty pattern stands at the cursor.
+    /// findPattern() for bytes of any number and value: zero bytes count as any other. A match that
+    /// spans two buffers is not found; an empty pattern stands at the cursor.
     bool findBytes(std::string_view pattern);
     /// The buffer that the cursor is in; null when the cursor is nowhere.
     KP_Buffer* getCurrentBuffer();

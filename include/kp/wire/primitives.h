@@ -82,6 +82,7 @@ KP_API int readJ_line(int socket, char* buffer, int size);
 KP_API int readJ_n_chars(int socket, char* buffer, int n);
 
 /// Sends @p n raw bytes; returns n (0 for an n below 1), or -1 when sending fails.
-/// The failure is told in the log and, before and after that, on standard output. A socket that
-/// takes no byte a thousand times in a row has failed.
+/// The failure is told in the log, between the lines "writeJ_n_chars: BEFORE" and "writeJ_n_chars:
+/// AFTER" on standard output: a program whose output is data moves that to another descriptor. A
+/// socket that takes no byte a thousand times in a row has failed.
 KP_API int writeJ_n_chars(int socket, const char* buffer, int n);
