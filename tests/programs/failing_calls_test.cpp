@@ -86,6 +86,7 @@ protected:
     kp::test::OwnPort port_;
 };
 
+#ifndef KP_SANITIZED  // The sanitizers make calls of their own, and end the process when one fails.
 TEST_F(FailingCallsTest, WhatTheRecorderHasRecordedIsInTheFiles) {
     std::set<std::string> kinds;
     bool isOver = false;
@@ -174,7 +175,8 @@ TEST_F(FailingCallsTest, AChangeIsMadeOrRefusedAndTheEngineGoesOn) {
         const std::string before = site_.read("admin/kp-capture_prvt.cfg");
         const Outcome set = admin({"set", "days=" + std::to_string(100 + number)});
         const std::string now = site_.read("admin/kp-capture_prvt.cfg");
-        EXPECT_EQ(admin({"status"}).status, 0) << "the engine has ended at call " << number;
+        EXPECT_EQ(admin({"status"}).status, 0)
+            << "the engine has ended at call " << number << site_.read("output.err");
         EXPECT_EQ(now == before, set.status != 0) << number << set.err;
         refused += set.status;
         for (const char* left : {"/.kp-capture.new_prvt.cfg", "/kp-capture_prvt.cfg.last.part"})
@@ -186,6 +188,8 @@ TEST_F(FailingCallsTest, AChangeIsMadeOrRefusedAndTheEngineGoesOn) {
     }
     EXPECT_GT(refused, 2);
 }
+
+#endif
 
 // The reader of packets would miss some while it waited for an answer.
 TEST_F(FailingCallsTest, NamesInAFilterAreLookedUpWhereItIsCheckedAndOnce) {
