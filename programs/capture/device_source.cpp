@@ -13,6 +13,7 @@
 #include <cstring>
 #include <utility>
 
+#include "filter_program.h"
 #include "pcap_support.h"
 
 namespace kp::capture {
@@ -174,13 +175,23 @@ void DeviceSource::Handle::join(const Settings& settings) {
     group_ = settings.group;
 }
 
+// A device keeps a filter of its own, so "all packets" has to be told to it, too.
 std::string DeviceSource::Handle::setFilter(const std::string& filter) {
-    bpf_program program{};
-    if (pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
-        return pcap_geterr(pcap);
-    const bool isSet = pcap_setfilter(pcap, &program) == 0;
-    pcap_freecode(&program);
-    return isSet ? "" : pcap_geterr(pcap);
+    if (filter.empty() || needsDevice(filter)) {
+        bpf_program program{};
+        if (pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
+            return pcap_geterr(pcap);
+        const bool isSet = pcap_setfilter(pcap, &program) == 0;
+        pcap_freecode(&program);
+        return isSet ? "" : pcap_geterr(pcap);
+    }
+    try {
+        const FilterProgram kept = filterProgram(filter, linkType);
+        bpf_program program = *kept;
+        return pcap_setfilter(pcap, &program) == 0 ? "" : pcap_geterr(pcap);
+    } catch (const PacketSourceError& error) {
+        return error.what();
+    }
 }
 
 void DeviceSource::Handle::deliver(u_char* turn, const pcap_pkthdr* header, const u_char* bytes) {

@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <new>
 #include <utility>
 #include <vector>
 
+#include "filter_program.h"
 #include "link_layer.h"
 #include "pcap_support.h"
 #include "pcapng_reader.h"
@@ -24,11 +24,8 @@ struct FileSource::Handle {
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     ~Handle() {
-        if (hasProgram)
-            pcap_freecode(&program);
         if (pcap != nullptr)
             pcap_close(pcap);
-        dropOthers();
         if (ownFile != nullptr)
             std::fclose(ownFile);
     }
@@ -36,26 +33,25 @@ struct FileSource::Handle {
 
     bool passes(const pcap_pkthdr& header, const u_char* bytes);
     bool useLink(int type);
-    void dropOthers();
+    std::string refusal() {
+        return "the configured filter \"" + filter + "\" is refused: " + links[linkType].refusal;
+    }
 
-    // Of a pcapng file libpcap reads only those whose interfaces are all alike, so we read them;
-    // its own handle is then for the links of the packet at hand, to compile filters for.
+    // Of a pcapng file libpcap reads only those whose interfaces are all alike, so we read them.
     std::FILE* ownFile = nullptr;
     std::unique_ptr<PcapngReader> pcapng;
     PcapngReader::Record record;
     bool hasRecord = false;  // read in advance
     std::string filter;
     struct Link {
-        pcap_t* pcap;
-        bpf_program program;
-        bool hasProgram;
+        FilterProgram program;
+        std::string refusal;
     };
-    std::map<int, Link> others;  // that were used before, by type
+    std::map<int, Link> links;  // the filter for the links of the packets, by type
 
     pcap_t* pcap = nullptr;
     std::vector<u_char> untagged;
-    bpf_program program{};
-    bool hasProgram = false;
+    FilterProgram program;
     int linkType = 0;
     std::uint64_t filteredOut = 0;
     std::uint64_t fileSize = 0;  // 0: not known
@@ -85,7 +81,7 @@ bool isPcapng(std::FILE* file) {
 // pass with its tags is tried without them. On a device the system filters, after it has removed
 // the tags.
 bool FileSource::Handle::passes(const pcap_pkthdr& header, const u_char* bytes) {
-    if (pcap_offline_filter(&program, &header, bytes) != 0)
+    if (pcap_offline_filter(program.get(), &header, bytes) != 0)
         return true;
     constexpr std::size_t kAddresses = 12;
     constexpr std::size_t kTag = 4;
@@ -101,42 +97,23 @@ bool FileSource::Handle::passes(const pcap_pkthdr& header, const u_char* bytes) 
     pcap_pkthdr shorter = header;
     shorter.caplen = static_cast<bpf_u_int32>(untagged.size());
     shorter.len -= static_cast<bpf_u_int32>(at - kAddresses);
-    return pcap_offline_filter(&program, &shorter, untagged.data()) != 0;
+    return pcap_offline_filter(program.get(), &shorter, untagged.data()) != 0;
 }
 
-// Makes the filter one for links of this type; false when it cannot be, and pcap says why.
+// Makes the filter one for links of this type; false when it cannot be.
 bool FileSource::Handle::useLink(int type) {
-    if (pcap != nullptr && type == linkType)
-        return hasProgram || filter.empty();
-    if (pcap != nullptr) {
-        others[linkType] = {pcap, program, hasProgram};
-        pcap = nullptr;
-        hasProgram = false;
-    }
     linkType = type;
-    const auto known = others.find(type);
-    if (known != others.end()) {
-        pcap = known->second.pcap;
-        program = known->second.program;
-        hasProgram = known->second.hasProgram;
-        others.erase(known);
-        return hasProgram || filter.empty();
+    const auto [place, isNew] = links.try_emplace(type);
+    Link& link = place->second;
+    if (isNew) {
+        try {
+            link.program = filterProgram(filter, type);
+        } catch (const PacketSourceError& error) {
+            link.refusal = error.what();
+        }
     }
-    pcap = pcap_open_dead(type, kSnapLength);
-    if (pcap == nullptr)
-        throw std::bad_alloc();
-    hasProgram = !filter.empty() &&
-                 pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
-    return hasProgram || filter.empty();
-}
-
-void FileSource::Handle::dropOthers() {
-    for (auto& entry : others) {
-        if (entry.second.hasProgram)
-            pcap_freecode(&entry.second.program);
-        pcap_close(entry.second.pcap);
-    }
-    others.clear();
+    program = link.program;
+    return link.refusal.empty();
 }
 
 FileSource::FileSource(std::unique_ptr<Handle> handle) : handle_(std::move(handle)) {}
@@ -170,10 +147,8 @@ std::unique_ptr<FileSource> FileSource::open(const std::string& path, const std:
         handle->fileSize = static_cast<std::uint64_t>(status.st_size);
     handle->linkType = pcap_datalink(handle->pcap);
     refuseUnknownLink(name, handle->linkType);
-    if (!filter.empty()) {
-        compileFilter(handle->pcap, filter, handle->program);
-        handle->hasProgram = true;
-    }
+    if (!handle->useLink(handle->linkType))
+        throw PacketSourceError(handle->refusal());
     return std::unique_ptr<FileSource>(new FileSource(std::move(handle)));
 }
 
@@ -196,8 +171,7 @@ void FileSource::openPcapng(Handle& handle) {
     const int type =
         handle.hasRecord ? handle.record.linkType : (types.empty() ? kEthernet : types.front());
     if (!handle.useLink(type))
-        throw PacketSourceError("the configured filter \"" + handle.filter +
-                                "\" is refused: " + pcap_geterr(handle.pcap));
+        throw PacketSourceError(handle.refusal());
 }
 
 FileSource::Step FileSource::nextOfPcapng(Packet& packet) {
@@ -221,7 +195,7 @@ FileSource::Step FileSource::nextOfPcapng(Packet& packet) {
     const auto* const bytes = reinterpret_cast<const u_char*>(record.bytes.data());
     // A filter that cannot be compiled for the link type of the first packet is an error. Packets
     // of other types for which it cannot be compiled do not pass.
-    if (!handle.useLink(record.linkType) || (handle.hasProgram && !handle.passes(header, bytes))) {
+    if (!handle.useLink(record.linkType) || (handle.program && !handle.passes(header, bytes))) {
         ++handle.filteredOut;
         return Step::kNothing;
     }
@@ -236,18 +210,14 @@ int FileSource::linkType() const {
 }
 
 std::string FileSource::setFilter(const std::string& filter) {
-    bpf_program program{};
-    const bool isNeeded = !filter.empty();
-    if (isNeeded &&
-        pcap_compile(handle_->pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-        return pcap_geterr(handle_->pcap);
+    try {
+        const FilterProgram program = filterProgram(filter, handle_->linkType);
+        handle_->filter = filter;
+        handle_->links = {{handle_->linkType, {program, ""}}};
+        handle_->program = program;
+    } catch (const PacketSourceError& error) {
+        return error.what();
     }
-    if (handle_->hasProgram)
-        pcap_freecode(&handle_->program);
-    handle_->program = program;
-    handle_->hasProgram = isNeeded;
-    handle_->filter = filter;
-    handle_->dropOthers();
     return "";
 }
 
@@ -264,7 +234,7 @@ FileSource::Step FileSource::nextOfPcap(Packet& packet) {
         handle_->fault = handle_->name + ": " + pcap_geterr(handle_->pcap);
         return Step::kFault;
     }
-    if (handle_->hasProgram && !handle_->passes(*header, bytes)) {
+    if (handle_->program && !handle_->passes(*header, bytes)) {
         ++handle_->filteredOut;
         return Step::kNothing;
     }

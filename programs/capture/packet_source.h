@@ -47,7 +47,8 @@ public:
     };
 
     static const int kEthernet;  ///< libpcap's DLT_ number
-    /// Why a filter is refused for links of a type; empty when it is not.
+    /// Why a filter is refused for links of a type; empty when it is not. Looks up the names in it,
+    /// once for the sources that get it then.
     static std::string filterFault(const std::string& filter, int linkType = kEthernet);
 
     PacketSource() = default;

@@ -17,13 +17,6 @@ void refuseUnknownLink(const std::string& name, int linkType) {
                             " are not supported");
 }
 
-void compileFilter(pcap_t* pcap, const std::string& filter, bpf_program& program) {
-    if (pcap_compile(pcap, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
-        throw PacketSourceError("the configured filter \"" + filter +
-                                "\" is refused: " + pcap_geterr(pcap));
-    }
-}
-
 Timestamp timestampOf(const timeval& time) {
     constexpr std::int64_t kLatest = 253402300799;  // the end of the year 9999
     const std::int64_t micros = std::max<std::int64_t>(time.tv_usec, 0);

@@ -14,10 +14,6 @@ constexpr int kSnapLength = 262144;
 /// Throws PacketSourceError for links that nobody can decode.
 void refuseUnknownLink(const std::string& name, int linkType);
 
-/// Makes the program of @p filter for the links of @p pcap. Throws PacketSourceError when it is
-/// refused.
-void compileFilter(pcap_t* pcap, const std::string& filter, bpf_program& program);
-
 /// The time of a record. A damaged one can carry any number; this stays within what others can
 /// compute with.
 Timestamp timestampOf(const timeval& time);

@@ -190,8 +190,15 @@ int main(int argc, char** argv) {
         ::setsid();
         for (int descriptor = 0; descriptor <= 2; ++descriptor)
             ::dup2(::open("/dev/null", O_RDWR | O_CLOEXEC), descriptor);
-        ::close(ends[0]);
-        supervise(pass(ends[1], -1), std::atol(argv[1]), argv[2], argv[3]);
+        // Whoever waits for the end of what was inherited shall not wait for us.
+        for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+            if (descriptor != ends[1])
+                ::close(descriptor);
+        }
+        const int listener = pass(ends[1], -1);
+        if (listener < 0)
+            ::_exit(1);  // the program has ended before it began
+        supervise(listener, std::atol(argv[1]), argv[2], argv[3]);
     }
     ::waitpid(child, nullptr, 0);
     const int listener = install();
