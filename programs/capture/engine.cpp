@@ -452,7 +452,8 @@ void Engine::startReading() {
     if (source.isLive()) {
         const std::lock_guard<std::mutex> lock(deviceChanging_);
         showDeviceState();
-        std::fprintf(stderr, "kp-capture: %s %s%s\n", state_.load(), source.name().c_str(),
+        std::fprintf(stderr, "kp-capture: %s %s%s\n", state_.load(),
+                     programs::printable(source.name()).c_str(),
                      options_.isRecorded() ? ", recording" : "");
     } else {
         state_ = "reading";

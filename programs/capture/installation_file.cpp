@@ -92,9 +92,10 @@ void addRange(char* value, void* userData) {
 }
 
 void checkPort(const std::string& text, Reading& reading) {
-    const bool isNumber = !text.empty() && text.size() <= 5 &&
-                          text.find_first_not_of("0123456789") == std::string::npos;
-    const int port = isNumber ? std::stoi(text) : 0;
+    const std::size_t first = std::min(text.find_first_not_of('0'), text.size());
+    const bool isNumber = first < text.size() && text.size() - first <= 5 &&
+                          text.find_first_not_of("0123456789", first) == std::string::npos;
+    const int port = isNumber ? std::stoi(text.substr(first)) : 0;
     if (text != "default" && (port < kLowestPort || port > kHighestPort)) {
         reading.fail("the port \"" + text + "\" is not a number from " +
                      std::to_string(kLowestPort) + " to " + std::to_string(kHighestPort));

@@ -1,5 +1,6 @@
 #include "support/support.h"
 
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -40,6 +41,20 @@ File fileOf(std::string_view bytes) {
                                 : fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb");
     require(file != nullptr);
     return {file, std::fclose};
+}
+
+MemoryFile::MemoryFile() : descriptor_(memfd_create("fuzz", MFD_CLOEXEC)) {
+    require(descriptor_ >= 0);
+}
+
+MemoryFile::~MemoryFile() {
+    close(descriptor_);
+}
+
+void MemoryFile::put(std::string_view bytes) const {
+    require(ftruncate(descriptor_, 0) == 0);
+    require(pwrite(descriptor_, bytes.data(), bytes.size(), 0) ==
+            static_cast<ssize_t>(bytes.size()));
 }
 
 Sockets::Sockets() {

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace kp::fuzz {
@@ -26,6 +27,22 @@ bool endsProcess(const std::function<void()>& body);
 /// A file that holds @p bytes, open for reading.
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 File fileOf(std::string_view bytes);
+
+/// A file of the memory, with a path.
+class MemoryFile {
+public:
+    MemoryFile();
+    ~MemoryFile();
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+    /// Makes @p bytes all that it holds.
+    void put(std::string_view bytes) const;
+
+private:
+    int descriptor_;
+};
 
 /// Two connected sockets of the kernel's memory. What a peer sends before it goes is in one of them.
 class Sockets {
