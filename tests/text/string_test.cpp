@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "kp/core/no_more_memory_exception.h"
+#include "support/child.h"
 #include "support/failing_malloc.h"
 #include "support/installation.h"
 #include "support/socket_pair.h"
@@ -219,19 +220,21 @@ TEST(StringTest, WritesTheDecimalPointOfTheThreadsLocale) {
     const std::string make = "localedef --no-archive -c -i " + site.path("comma.src") + " " +
                              site.path("comma") + " >/dev/null 2>&1";
     EXPECT_NE(std::system(make.c_str()), -1);  // Complains about what it leaves out.
-    setenv("LOCPATH", site.path().c_str(), 1);
-    const locale_t comma = newlocale(LC_NUMERIC_MASK, "comma", nullptr);
-    unsetenv("LOCPATH");
-    ASSERT_NE(comma, nullptr);
-    const locale_t before = uselocale(comma);
-    KP_String here;
-    here << 1.5;
-    KP_String there;
-    std::thread([&] { there << 1.5; }).join();
-    uselocale(before);
-    freelocale(comma);
-    EXPECT_STREQ(here, "1,500000");
-    EXPECT_STREQ(there, "1.500000");
+    // In a child, since the runtime never gives back what it keeps of LOCPATH.
+    const kp::test::Outcome outcome = kp::test::runInChild([&] {
+        setenv("LOCPATH", site.path().c_str(), 1);
+        const locale_t comma = newlocale(LC_NUMERIC_MASK, "comma", nullptr);
+        if (comma == nullptr) {
+            return 1;
+        }
+        uselocale(comma);
+        KP_String here;
+        here << 1.5;
+        KP_String there;
+        std::thread([&] { there << 1.5; }).join();
+        return here == "1,500000" && there == "1.500000" ? 7 : 2;
+    });
+    EXPECT_EQ(outcome.status, 7) << outcome.err;
 }
 
 TEST(StringTest, StaysInItsBufferWhenLengthAndTerminatorDisagree) {
