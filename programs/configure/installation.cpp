@@ -142,7 +142,10 @@ void makeDirectory(const fs::path& path) {
         missing.push_back(each);
     error.clear();
     for (auto each = missing.rbegin(); each != missing.rend() && !error; ++each) {
-        if (::mkdir(each->c_str(), kDirectory) != 0 || ::chmod(each->c_str(), kDirectory) != 0)
+        const bool isMade = ::mkdir(each->c_str(), kDirectory) == 0;
+        if (!isMade && errno == EEXIST)
+            continue;  // somebody else makes the same installation
+        if (!isMade || ::chmod(each->c_str(), kDirectory) != 0)
             error.assign(errno, std::generic_category());
     }
     if (!fs::is_directory(path)) {
