@@ -27,8 +27,11 @@ public:
     /// none. A function, a lambda without captures, and null convert to it.
     class Handler {
     public:
+        /// No function.
         constexpr Handler(std::nullptr_t = nullptr) {}
+        /// A function, which outlives the handler as functions do.
         constexpr Handler(void (*function)(char*, void*)) : function_(function) {}
+        /// One that returns something.
         template <class Result>
         Handler(Result (*function)(char*, void*))
             : other_(reinterpret_cast<void (*)()>(function)), call_(&callAs<Result>) {}
@@ -42,9 +45,13 @@ public:
         constexpr explicit operator bool() const {
             return function_ != nullptr || other_ != nullptr;
         }
+        /// As a pointer to a function compares with null.
         friend bool operator==(const Handler& handler, std::nullptr_t) { return !handler; }
+        /// The same, the other way around.
         friend bool operator==(std::nullptr_t, const Handler& handler) { return !handler; }
+        /// Whether there is a function.
         friend bool operator!=(const Handler& handler, std::nullptr_t) { return !!handler; }
+        /// The same, the other way around.
         friend bool operator!=(std::nullptr_t, const Handler& handler) { return !!handler; }
         /// As a pointer to a function: the handler itself.
         const Handler& operator*() const { return *this; }
