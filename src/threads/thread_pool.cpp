@@ -375,8 +375,12 @@ int KP_ThreadPool::removeTasksByID(int id) {
     const kp::detail::Abandonable shield(false);
     const bool inside = isOwnThread();
     if (!inside && isRunning() != 0) {
+        // A start by somebody else in between would be joined for ever; the one below makes up for
+        // it.
+        ++barred_;
         stop();
         join(nullptr, 0);
+        --barred_;
     }
     for (bool done = false; !done;) {
         Chain removed;
