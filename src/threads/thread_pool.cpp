@@ -326,16 +326,17 @@ int KP_ThreadPool::doTask(KP_Thread* worker) {
     }
     const kp::detail::Abandonable shield(false);
     worker->endTask();  // The last one may have been broken off.
+    // Before the worker makes itself known: no worker takes a task that has not done so.
+    if (isRunning() == 0) {
+        KP_Tools::sleep(0);  // A worker that was started by itself asks again and again.
+        return 0;
+    }
     // Not one of the pool's own, on which joinSignal() would change nothing.
     if (worker->yields_ && isMember(worker)) {
         const ChainGuard guard(in_.lock);
         if (running_ != 0) {
             currentWorker_ = worker;
         }
-    }
-    if (isRunning() == 0) {
-        KP_Tools::sleep(0);  // A worker that was started by itself asks again and again.
-        return 0;
     }
     KP_Task* task = take(worker);
     while (task == nullptr) {
