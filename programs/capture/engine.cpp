@@ -17,24 +17,24 @@
 #include <utility>
 
 #include "common/printable.h"
-#include "confinement.h"
-#include "device_source.h"
-#include "fanout_group.h"
-#include "file_source.h"
-#include "front_end.h"
-#include "installation.h"
-#include "judgement.h"
-#include "live_config.h"
-#include "log_line.h"
-#include "losses.h"
-#include "packet_source.h"
-#include "pipeline.h"
-#include "reader.h"
-#include "recorder.h"
-#include "signals.h"
-#include "summary.h"
-#include "transaction_printer.h"
-#include "unread.h"
+#include "control/confinement.h"
+#include "control/front_end.h"
+#include "control/installation.h"
+#include "control/live_config.h"
+#include "control/log_line.h"
+#include "control/signals.h"
+#include "output/judgement.h"
+#include "output/losses.h"
+#include "output/recorder.h"
+#include "output/summary.h"
+#include "output/transaction_printer.h"
+#include "packet/unread.h"
+#include "pipeline/pipeline.h"
+#include "pipeline/reader.h"
+#include "source/device_source.h"
+#include "source/fanout_group.h"
+#include "source/file_source.h"
+#include "source/packet_source.h"
 
 namespace kp::capture {
 
@@ -173,8 +173,11 @@ private:
     std::mutex telling_;                         // guards it and the next
     LossTeller losses_;
     FanoutGroup group_;
-    Reader::Shared reading_{
-        summary_, parsers_, {}, [this] { return std::string(config_.current()->filterProgram); }};
+    Reader::Shared reading_{summary_.packets(),
+                            parsers_,
+                            {},
+                            [this] { return std::string(config_.current()->filterProgram); },
+                            logLine};
     Sources sources_;                               // several of one device, or one
     std::vector<std::unique_ptr<Reader>> readers_;  // one for each
     std::vector<ReaderThread*> readerThreads_;      // of all but the first; owned as the stages are

@@ -6,10 +6,10 @@
 #include <exception>
 
 #include "common/printable.h"
+#include "control/installation.h"
+#include "control/signals.h"
 #include "engine.h"
-#include "installation.h"
 #include "options.h"
-#include "signals.h"
 
 namespace kp::capture {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "recorder.h"
+#include "output/recorder.h"
 
 namespace {
 

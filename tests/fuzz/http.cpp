@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "http_connection.h"
+#include "http/http_connection.h"
 
 namespace {
 

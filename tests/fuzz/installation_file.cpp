@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "installation.h"
-#include "installation_file.h"
+#include "control/installation.h"
+#include "control/installation_file.h"
 #include "kp/kp.h"
 #include "support/support.h"
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string_view>
 
-#include "http_connection.h"
-#include "segment.h"
-#include "stream_follower.h"
+#include "http/http_connection.h"
+#include "packet/segment.h"
+#include "tcp/stream_follower.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "pcapng_reader.h"
+#include "source/pcapng_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using kp::capture::PcapngReader;

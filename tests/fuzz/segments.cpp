@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "stream_follower.h"
+#include "tcp/stream_follower.h"
 
 namespace {
 
